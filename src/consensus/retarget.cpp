@@ -1,0 +1,97 @@
+#include "consensus/retarget.h"
+
+#include <iomanip>
+#include <sstream>
+#include <string>
+
+#include "consensus/difficulty.h"
+#include "core/console.h"
+
+namespace norvel::consensus {
+
+namespace {
+
+std::string fixed(double value, int decimals) {
+  std::ostringstream text;
+  text << std::fixed << std::setprecision(decimals) << value;
+  return text.str();
+}
+
+// `span` within a quarter and four times `expected`; says when it was not.
+uint64_t clamp_span(uint64_t span, uint32_t expected) {
+  const uint32_t minimum = expected / 4;
+  const uint32_t maximum = expected * 4;  // in 32 bits, as everywhere this rule is computed
+  const std::string measured = "[Consensus] Warning: Actual time span (" + std::to_string(span) + "s) too ";
+  if (span < minimum) {
+    console::error_line(measured + "small (< " + std::to_string(minimum) + "s), clamping to minimum");
+    return minimum;
+  }
+  if (span > maximum) {
+    console::error_line(measured + "large (> " + std::to_string(maximum) + "s), clamping to maximum");
+    return maximum;
+  }
+  return span;
+}
+
+void report_adjustment(uint64_t height, uint64_t span, uint32_t expected, uint32_t old_bits, uint32_t new_bits) {
+  const double ratio = static_cast<double>(span) / expected;
+  const double old_difficulty = difficulty::get_difficulty(old_bits);
+  const double new_difficulty = difficulty::get_difficulty(new_bits);
+  const double change = new_difficulty / old_difficulty;
+  const char* pace = ratio < 0.9 ? " (too fast)" : ratio > 1.1 ? " (too slow)" : " (on target)";
+  const char* direction = change > 1.0 ? " (harder)" : change < 1.0 ? " (easier)" : "";
+
+  console::error_line("[Consensus] Difficulty Adjustment at height " + std::to_string(height));
+  console::error_line("  Actual time span:   " + std::to_string(span) + "s");
+  console::error_line("  Expected time span: " + std::to_string(expected) + "s");
+  console::error_line("  Time ratio:         " + fixed(ratio, 2) + "x" + pace);
+  console::error_line("  Old difficulty:     " + fixed(old_difficulty, 4));
+  console::error_line("  New difficulty:     " + fixed(new_difficulty, 4));
+  console::error_line("  Difficulty change:  " + fixed(change, 2) + "x" + direction);
+}
+
+}  // namespace
+
+DifficultyConfig g_difficulty_config;
+
+void set_difficulty_config(const DifficultyConfig& config) {
+  g_difficulty_config = config;
+}
+
+const DifficultyConfig& get_difficulty_config() {
+  return g_difficulty_config;
+}
+
+uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, uint32_t height,
+                                             uint32_t current_bits) {
+  const DifficultyConfig& config = get_difficulty_config();
+  if (config.fixed_difficulty) {
+    return difficulty::kHardestBits;
+  }
+  const uint32_t interval = config.retarget_interval;
+  if (interval > height) {
+    return difficulty::kEasiestBits;
+  }
+  const uint32_t expected = interval * config.target_spacing;
+  if (interval == 0 || (height + 1) % interval != 0 || expected == 0) {
+    return current_bits;
+  }
+  const std::optional<BlockHeader> first = get_header(height - interval);
+  const std::optional<BlockHeader> last = get_header(height);
+  if (!first || !last) {
+    console::error_line("[Consensus] Warning: Could not fetch blocks for difficulty calculation");
+    return current_bits;
+  }
+  console::error_line("[Consensus] Measuring time between block " + std::to_string(height - interval) +
+                      " (timestamp: " + std::to_string(first->timestamp) + ") and block " + std::to_string(height) +
+                      " (timestamp: " + std::to_string(last->timestamp) + ")");
+  // A tip older than the earlier block wraps to a huge span, which the clamp cuts to the maximum.
+  const uint64_t measured = last->timestamp - first->timestamp;
+  console::error_line("[Consensus] Raw time span measured: " + std::to_string(measured) + " seconds");
+  const uint64_t span = clamp_span(measured, expected);
+  const uint32_t new_bits = difficulty::calculate_next_difficulty(current_bits, span, expected);
+  report_adjustment(uint64_t{height} + 1, span, expected, current_bits, new_bits);
+  return new_bits;
+}
+
+}  // namespace norvel::consensus

@@ -1,0 +1,83 @@
+#include "core/console.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <ios>
+#include <iostream>
+
+#include "core/sync.h"
+
+namespace norvel::console {
+
+namespace {
+
+Mutex& output_mutex() {
+  static Mutex mutex;
+  return mutex;
+}
+
+void write_piece(std::ostream& stream, std::string_view text) {
+  stream.clear();  // an earlier failure must not silence the pieces after it
+  stream.write(text.data(), static_cast<std::streamsize>(text.size()));
+  stream.flush();
+}
+
+// Bytes of the well-formed UTF-8 sequence that starts at `text[at]`; 1 for ASCII
+// and for a byte that starts none.
+size_t sequence_length(std::string_view text, size_t at) {
+  const auto lead = static_cast<uint8_t>(text[at]);
+  const size_t len = lead >= 0xf0 && lead <= 0xf4 ? 4 : lead >= 0xe0 ? 3 : lead >= 0xc2 ? 2 : 1;
+  if (lead > 0xf4 || len > text.size() - at) {
+    return 1;
+  }
+  const std::string_view tail = text.substr(at + 1, len - 1);
+  const bool complete = std::all_of(tail.begin(), tail.end(), [](char c) {
+    return (static_cast<uint8_t>(c) & 0xc0) == 0x80;
+  });
+  return complete ? len : 1;
+}
+
+bool is_control(std::string_view sequence) {
+  const auto lead = static_cast<uint8_t>(sequence[0]);
+  if (sequence.size() == 1) {
+    return lead < 0x20 || (lead >= 0x7f && lead < 0xa0);
+  }
+  return lead == 0xc2 && static_cast<uint8_t>(sequence[1]) < 0xa0;
+}
+
+}  // namespace
+
+void write_out(std::string_view text) {
+  const MutexLock lock(output_mutex());
+  write_piece(std::cout, text);
+}
+
+void write_out_fixed(std::string_view text) {
+  const MutexLock lock(output_mutex());
+  write_piece(std::cout, text);
+  std::cout.setf(std::ios::fixed, std::ios::floatfield);
+}
+
+void error_line(std::string_view text) {
+  std::string line(text);
+  line += '\n';
+  const MutexLock lock(output_mutex());
+  write_piece(std::cerr, line);
+}
+
+std::string printable(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t at = 0; at < text.size();) {
+    const std::string_view sequence = text.substr(at, sequence_length(text, at));
+    if (is_control(sequence)) {
+      out += '?';
+    } else {
+      out += sequence;
+    }
+    at += sequence.size();
+  }
+  return out;
+}
+
+}  // namespace norvel::console

@@ -1,0 +1,40 @@
+#include "rpc/client.h"
+
+#include <stdexcept>
+#include <utility>
+
+namespace norvel::rpc {
+
+namespace {
+
+// Throws when `reply` carries an error.
+void check_error(const JsonValue& reply) {
+  const JsonValue& error = reply.get("error");
+  if (error.type == JsonType::kNull) {
+    return;
+  }
+  const bool explained = error.type == JsonType::kObject && error.object.contains("message");
+  throw std::runtime_error(explained ? error.get("message").string : "RPC error");
+}
+
+}  // namespace
+
+RpcClient::RpcClient(std::string host, uint16_t port) : host_(std::move(host)), port_(port) {}
+
+JsonValue RpcClient::call(const std::string& method, JsonValue params, const ExchangeControl& control) {
+  JsonValue request;
+  request.set("jsonrpc", "2.0");
+  request.set("id", std::to_string(next_request_id_.fetch_add(1)));
+  request.set("method", method);
+  request.set("params", std::move(params));
+
+  ExchangeTimeouts timeouts;
+  timeouts.step_ms = int64_t{timeout_seconds_} * 1'000;
+  const HttpReply response =
+      send_http_request(host_, port_, build_http_request(host_, port_, request.to_string()), control, timeouts);
+  JsonValue reply = JsonValue::parse(response.body());
+  check_error(reply);
+  return std::move(reply.object["result"]);  // a reply of another type has no members
+}
+
+}  // namespace norvel::rpc

@@ -1,0 +1,199 @@
+#include "rpc/http_exchange.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <ctime>
+#include <stdexcept>
+#include <string_view>
+
+namespace norvel::rpc {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// Longest wait between two questions whether to cut.
+constexpr milliseconds kWaitSlice{50};
+
+constexpr size_t kChunkBytesMax = 8'191;
+
+constexpr const char kNoSocket[] = "Failed to create socket";
+constexpr const char kNoConnection[] = "Failed to connect to RPC server at ";
+constexpr const char kNoSend[] = "Failed to send request";
+
+// Outcome of a wait and of the steps built on it.
+enum class Step {
+  kDone,
+  kFailed,  // an error, or the step's own time is up
+  kEnded,   // cut, or the time of the whole exchange is up
+};
+
+class Socket {
+ public:
+  Socket() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    if (fd_ < 0) {
+      throw std::runtime_error(kNoSocket);
+    }
+  }
+  ~Socket() { ::close(fd_); }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  int fd() const { return fd_; }
+
+ private:
+  const int fd_;
+};
+
+// Waits under the caller's control. Single-threaded.
+class Waiter {
+ public:
+  Waiter(const ExchangeControl& control, const ExchangeTimeouts& timeouts)
+      : control_(control), step_(timeouts.step_ms), whole_deadline_(Clock::now() + milliseconds(timeouts.whole_ms)) {}
+
+  // Handles the signals that are pending, then tells whether to go on at all.
+  bool may_begin() const {
+    if (control_.wait_mask != nullptr) {
+      const timespec at_once{};
+      ::ppoll(nullptr, 0, &at_once, control_.wait_mask);
+    }
+    return !is_cut();
+  }
+
+  // Waits at most one step's time until `fd` is ready for `events`.
+  Step wait(int fd, short events) const {
+    const Clock::time_point step_deadline = Clock::now() + step_;
+    while (!is_cut()) {
+      const Clock::time_point now = Clock::now();
+      if (now >= whole_deadline_) {
+        return Step::kEnded;
+      }
+      if (now >= step_deadline) {
+        return Step::kFailed;
+      }
+      pollfd waiting{fd, events, 0};
+      const timespec slice =
+          to_timespec(std::min<Clock::duration>(kWaitSlice, std::min(whole_deadline_, step_deadline) - now));
+      const int ready = ::ppoll(&waiting, 1, &slice, control_.wait_mask);
+      if (ready > 0) {
+        return Step::kDone;
+      }
+      if (ready < 0 && errno != EINTR) {
+        return Step::kFailed;
+      }
+    }
+    return Step::kEnded;
+  }
+
+ private:
+  static timespec to_timespec(Clock::duration duration) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
+    const std::chrono::nanoseconds rest = duration - seconds;
+    return {static_cast<time_t>(seconds.count()), static_cast<long>(rest.count())};
+  }
+
+  bool is_cut() const { return control_.cut && control_.cut(); }
+
+  const ExchangeControl& control_;
+  const milliseconds step_;
+  const Clock::time_point whole_deadline_;
+};
+
+// After an error that only says "not now".
+bool may_retry(int error) {
+  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+Step connect_to(const Socket& socket, const std::string& host, uint16_t port, const Waiter& waiter) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  if (::inet_aton(host.c_str(), &address.sin_addr) == 0) {
+    return Step::kFailed;
+  }
+  if (::connect(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    return Step::kDone;
+  }
+  if (errno != EINPROGRESS && errno != EINTR) {
+    return Step::kFailed;
+  }
+  const Step waited = waiter.wait(socket.fd(), POLLOUT);
+  if (waited != Step::kDone) {
+    return waited;
+  }
+  int error = 0;
+  socklen_t error_bytes = sizeof error;
+  const int asked = ::getsockopt(socket.fd(), SOL_SOCKET, SO_ERROR, &error, &error_bytes);
+  return asked == 0 && error == 0 ? Step::kDone : Step::kFailed;
+}
+
+Step send_all(const Socket& socket, std::string_view unsent, const Waiter& waiter) {
+  while (!unsent.empty()) {
+    const Step waited = waiter.wait(socket.fd(), POLLOUT);
+    if (waited != Step::kDone) {
+      return waited;
+    }
+    const ssize_t sent = ::send(socket.fd(), unsent.data(), unsent.size(), MSG_NOSIGNAL);
+    if (sent >= 0) {
+      unsent.remove_prefix(static_cast<size_t>(sent));
+    } else if (!may_retry(errno)) {
+      return Step::kFailed;
+    }
+  }
+  return Step::kDone;
+}
+
+HttpReply receive_reply(const Socket& socket, const Waiter& waiter) {
+  HttpReply reply;
+  std::array<char, kChunkBytesMax> chunk;
+  while (waiter.wait(socket.fd(), POLLIN) == Step::kDone) {
+    const ssize_t received = ::recv(socket.fd(), chunk.data(), chunk.size(), 0);
+    if (received < 0 && may_retry(errno)) {
+      continue;
+    }
+    if (received <= 0 || reply.append({chunk.data(), static_cast<size_t>(received)})) {
+      break;
+    }
+  }
+  return reply;
+}
+
+}  // namespace
+
+std::string build_http_request(const std::string& host, uint16_t port, const std::string& body) {
+  std::string request = "POST / HTTP/1.1\r\nHost: " + host + ":" + std::to_string(port) +
+                        "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+                        "\r\nConnection: close\r\n\r\n";
+  request += body;
+  return request;
+}
+
+HttpReply send_http_request(const std::string& host, uint16_t port, const std::string& request,
+                            const ExchangeControl& control, const ExchangeTimeouts& timeouts) {
+  const Waiter waiter(control, timeouts);
+  if (!waiter.may_begin()) {
+    return HttpReply();
+  }
+  const Socket socket;
+  const Step connected = connect_to(socket, host, port, waiter);
+  if (connected == Step::kFailed) {
+    throw std::runtime_error(kNoConnection + host + ":" + std::to_string(port));
+  }
+  const Step sent = connected == Step::kDone ? send_all(socket, request, waiter) : Step::kEnded;
+  if (sent == Step::kFailed) {
+    throw std::runtime_error(kNoSend);
+  }
+  return sent == Step::kDone ? receive_reply(socket, waiter) : HttpReply();
+}
+
+}  // namespace norvel::rpc
