@@ -30,7 +30,9 @@ void multiply_add(Bytes& number, uint32_t value) {
 
 }  // namespace
 
-bool is_base58_character(char character) { return kAlphabet.find(character) != std::string_view::npos; }
+bool is_base58_character(char character) {
+  return kAlphabet.find(character) != std::string_view::npos;
+}
 
 std::string base58_encode(ByteView data) {
   Bytes digits(1, 0);

@@ -30,7 +30,9 @@ constexpr size_t kIntMax = std::numeric_limits<int>::max();
 
 using AesKey = std::array<uint8_t, kAesKeyBytes>;
 
-constexpr size_t nonce_bytes(uint8_t version) { return version == kOldVersion ? kOldNonceBytes : kNonceBytes; }
+constexpr size_t nonce_bytes(uint8_t version) {
+  return version == kOldVersion ? kOldNonceBytes : kNonceBytes;
+}
 
 [[noreturn]] void fail(const char* function, const char* what) {
   throw std::runtime_error(std::string(function) + ": " + what);
@@ -118,8 +120,7 @@ std::string gcm_decrypt(ByteView ciphertext, const AesKey& key, const Bytes& non
   std::string plaintext(body.size(), '\0');
   auto* const out = reinterpret_cast<uint8_t*>(plaintext.data());
   int len = 0;
-  if (body.size() > kIntMax ||
-      EVP_DecryptUpdate(ctx, out, &len, body.data(), static_cast<int>(body.size())) != 1 ||
+  if (body.size() > kIntMax || EVP_DecryptUpdate(ctx, out, &len, body.data(), static_cast<int>(body.size())) != 1 ||
       EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_AEAD_SET_TAG, kTagBytes, tag.data()) != 1 ||
       EVP_DecryptFinal_ex(ctx, out + len, &len) != 1) {
     secure_zero(plaintext.data(), plaintext.size());
@@ -158,8 +159,8 @@ EncryptedMessage EncryptedMessage::deserialize(ByteView data, size_t& offset) {
     throw std::runtime_error("EncryptedMessage::deserialize: implausible ciphertext length");
   }
   const size_t nonce_len = nonce_bytes(message.version);
-  const ByteView body = take(data, at, ciphertext_bytes + nonce_len + kPublicKeyBytes,
-                             "EncryptedMessage::deserialize: truncated body");
+  const ByteView body =
+      take(data, at, ciphertext_bytes + nonce_len + kPublicKeyBytes, "EncryptedMessage::deserialize: truncated body");
   const ByteView after_ciphertext = body.subspan(ciphertext_bytes);
   message.ciphertext.assign(body.begin(), after_ciphertext.begin());
   message.nonce.assign(after_ciphertext.begin(), after_ciphertext.begin() + static_cast<ptrdiff_t>(nonce_len));

@@ -54,11 +54,10 @@ Bytes hex_to_bytes(const std::string& text) {
 }
 
 std::string bytes_to_hex(ByteView bytes) {
-  std::string text;
-  text.reserve(2 * bytes.size());
-  for (const uint8_t byte : bytes) {
-    text.push_back(kDigits[byte >> 4]);
-    text.push_back(kDigits[byte & 0x0f]);
+  std::string text(2 * bytes.size(), '0');
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    text[2 * i] = kDigits[bytes[i] >> 4];
+    text[2 * i + 1] = kDigits[bytes[i] & 0x0f];
   }
   return text;
 }

@@ -56,8 +56,8 @@ Bytes scrypt_kdf(const Bytes& password, const Bytes& salt, uint64_t N, uint32_t 
   Bytes key(key_len);
   // A limit that does not fit 64 bits is memory that no machine has.
   if (r > std::numeric_limits<uint64_t>::max() / kMemoryBytesPerNr / N ||
-      EVP_PBE_scrypt(chars(password), password.size(), reinterpret_cast<const unsigned char*>(chars(salt)),
-                     salt.size(), N, r, p, N * r * kMemoryBytesPerNr, key.data(), key_len) != 1) {
+      EVP_PBE_scrypt(chars(password), password.size(), reinterpret_cast<const unsigned char*>(chars(salt)), salt.size(),
+                     N, r, p, N * r * kMemoryBytesPerNr, key.data(), key_len) != 1) {
     secure_zero(key);
     throw std::runtime_error(
         "scrypt_kdf: EVP_PBE_scrypt failed — ensure OpenSSL >= 1.1 and that N/r/p values are valid");

@@ -25,7 +25,9 @@ using EcdsaSignature = std::unique_ptr<ECDSA_SIG, OpensslDeleter<ECDSA_SIG_free>
 constexpr size_t kDerSignatureBytesMax = 2 + 2 * (2 + 33);
 constexpr size_t kHashBytes = 32;
 
-ByteView leftmost_bits(ByteView message) { return message.first(std::min(message.size(), kHashBytes)); }
+ByteView leftmost_bits(ByteView message) {
+  return message.first(std::min(message.size(), kHashBytes));
+}
 
 // A key object on the curve with neither key set; nullptr on failure.
 EcKey new_key(const Curve* curve) {
@@ -75,8 +77,7 @@ bool make_low_s(const Curve& curve, ECDSA_SIG* signature) {
 // The signature of `message` as DER; empty on failure.
 Bytes sign_with_nonce(const Curve& curve, EC_KEY* key, ByteView message, const BIGNUM* inverse, const BIGNUM* r) {
   const ByteView hash = leftmost_bits(message);
-  const EcdsaSignature signature(
-      ECDSA_do_sign_ex(hash.data(), static_cast<int>(hash.size()), inverse, r, key));
+  const EcdsaSignature signature(ECDSA_do_sign_ex(hash.data(), static_cast<int>(hash.size()), inverse, r, key));
   if (signature == nullptr || !make_low_s(curve, signature.get())) {
     return {};
   }

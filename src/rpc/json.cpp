@@ -144,9 +144,7 @@ class Parser {
     }
     while (position_ < text_.size()) {
       const size_t run = position_;
-      while (position_ < text_.size() && text_[position_] != '"' && text_[position_] != '\\') {
-        ++position_;
-      }
+      position_ = plain_end();
       out.append(text_, run, position_ - run);
       if (position_ == text_.size() || consume('"')) {
         break;
@@ -155,6 +153,17 @@ class Parser {
       out += position_ < text_.size() ? unescape(text_[position_++]) : '\\';
     }
     return out;
+  }
+
+  // End of the characters from here on that stand for themselves in a string;
+  // locals only, since most bytes of a template pass through this loop.
+  size_t plain_end() const {
+    const char* const end = text_.data() + text_.size();
+    const char* at = text_.data() + position_;
+    while (at != end && *at != '"' && *at != '\\') {
+      ++at;
+    }
+    return static_cast<size_t>(at - text_.data());
   }
 
   JsonValue number() {
@@ -185,28 +194,22 @@ void write_number(double number, std::string& out) {
   }
 }
 
-// The character after the backslash, or NUL for one that needs none.
-char escape(char c) {
-  switch (c) {
-    case '"':
-    case '\\':
-      return c;
-    case '\n':
-      return 'n';
-    case '\r':
-      return 'r';
-    case '\t':
-      return 't';
-    default:
-      return '\0';
-  }
-}
+// For each character the one after the backslash; NUL where none is needed.
+constexpr std::array<char, 256> kEscapes = [] {
+  std::array<char, 256> escapes{};
+  escapes['"'] = '"';
+  escapes['\\'] = '\\';
+  escapes['\n'] = 'n';
+  escapes['\r'] = 'r';
+  escapes['\t'] = 't';
+  return escapes;
+}();
 
 void write_string(std::string_view text, std::string& out) {
   out += '"';
   size_t run = 0;
   for (size_t i = 0; i < text.size(); ++i) {
-    const char escaped = escape(text[i]);
+    const char escaped = kEscapes[static_cast<unsigned char>(text[i])];
     if (escaped != '\0') {
       out.append(text, run, i - run);
       out += '\\';

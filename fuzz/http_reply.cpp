@@ -1,0 +1,40 @@
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "fuzz_target.h"
+#include "rpc/http_reply.h"
+
+namespace {
+
+// The body after `text` arrived in pieces of `piece` bytes, "!" for a
+// Content-Length that does not convert.
+std::string read_in_pieces(std::string_view text, size_t piece) {
+  norvel::rpc::HttpReply reply;
+  try {
+    for (size_t at = 0; at < text.size(); at += piece) {
+      reply.append(text.substr(at, piece));
+    }
+  } catch (const std::invalid_argument&) {
+    return "!";
+  } catch (const std::out_of_range&) {
+    return "!";
+  }
+  return std::string(reply.body());
+}
+
+}  // namespace
+
+// The first byte chooses the size of the pieces. A zero byte cuts its piece, so
+// only a text without one must read the same however it arrives.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) {
+    return 0;
+  }
+  const std::string_view text(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const std::string pieces = read_in_pieces(text, size_t{data[0]} + 1);
+  const std::string whole = read_in_pieces(text, std::max<size_t>(text.size(), 1));
+  norvel::require(text.find('\0') != std::string_view::npos || pieces == whole);
+  return 0;
+}
