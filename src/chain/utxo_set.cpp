@@ -142,11 +142,11 @@ void UTXOSet::clear() {
 }
 
 bool UTXOSet::save_to_file(const std::string& path) const {
+  const MutexLock lock(mutex_);
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   if (!file) {
     return false;
   }
-  const MutexLock lock(mutex_);
   if (outputs_.size() > std::numeric_limits<uint32_t>::max()) {
     return false;
   }

@@ -62,8 +62,7 @@ const DifficultyConfig& get_difficulty_config() {
   return g_difficulty_config;
 }
 
-uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, uint32_t height,
-                                             uint32_t current_bits) {
+uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, uint32_t height, uint32_t current_bits) {
   const DifficultyConfig& config = get_difficulty_config();
   if (config.fixed_difficulty) {
     return difficulty::kHardestBits;

@@ -161,8 +161,7 @@ Block Block::create_new_block(const std::vector<Transaction>& txs, const uint256
   return block;
 }
 
-Block Block::create_genesis_block(const std::string& coinbase_message, const std::string& address,
-                                  uint64_t timestamp) {
+Block Block::create_genesis_block(const std::string& coinbase_message, const std::string& address, uint64_t timestamp) {
   Block block;
   block.header.timestamp = timestamp;
   block.header.bits = kGenesisBits;

@@ -22,6 +22,24 @@ void write_piece(std::ostream& stream, std::string_view text) {
   stream.flush();
 }
 
+// Unicode Standard, table 3-7: no longer form than needed, no surrogate, nothing
+// beyond U+10FFFF. Otherwise a control could hide in a longer form.
+bool second_byte_fits(uint8_t lead, std::string_view tail) {
+  const auto second = tail.empty() ? uint8_t{0} : static_cast<uint8_t>(tail[0]);
+  switch (lead) {
+    case 0xe0:
+      return second >= 0xa0;
+    case 0xed:
+      return second < 0xa0;
+    case 0xf0:
+      return second >= 0x90;
+    case 0xf4:
+      return second < 0x90;
+    default:
+      return true;
+  }
+}
+
 // Bytes of the well-formed UTF-8 sequence that starts at `text[at]`; 1 for ASCII
 // and for a byte that starts none.
 size_t sequence_length(std::string_view text, size_t at) {
@@ -31,10 +49,9 @@ size_t sequence_length(std::string_view text, size_t at) {
     return 1;
   }
   const std::string_view tail = text.substr(at + 1, len - 1);
-  const bool complete = std::all_of(tail.begin(), tail.end(), [](char c) {
-    return (static_cast<uint8_t>(c) & 0xc0) == 0x80;
-  });
-  return complete ? len : 1;
+  const bool complete =
+      std::all_of(tail.begin(), tail.end(), [](char c) { return (static_cast<uint8_t>(c) & 0xc0) == 0x80; });
+  return complete && second_byte_fits(lead, tail) ? len : 1;
 }
 
 bool is_control(std::string_view sequence) {

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "crypto/hash.h"
+#include "script/compact_size.h"
 #include "script/script.h"
 
 namespace norvel {
@@ -98,7 +99,10 @@ int64_t TxOut::calculate_message_fee() const {
 
 void TxOut::serialize_into(Bytes& out) const {
   append_le(out, static_cast<uint64_t>(value));
-  append(out, Script(locking_script()).serialize());
+  const Bytes made = script_pubkey.empty() ? locking_script() : Bytes();
+  const Bytes& script = script_pubkey.empty() ? made : script_pubkey;
+  append_compact_size(out, script.size());
+  append(out, script);
   out.push_back(message ? 1 : 0);
   if (message) {
     const Bytes note = message->serialize();

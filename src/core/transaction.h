@@ -173,8 +173,8 @@ class Transaction {
   // `fees` to the treasury when they reach 20,000 base units. The timestamp is
   // the clock's, at height 0 a fixed one. Throws std::runtime_error for an
   // address that does not decode.
-  static Transaction create_coinbase_tx(const std::string& miner_address, int64_t reward, int64_t fees,
-                                        uint32_t height, const std::string& message);
+  static Transaction create_coinbase_tx(const std::string& miner_address, int64_t reward, int64_t fees, uint32_t height,
+                                        const std::string& message);
 
   // A signed payment of `amount` to `destination`, from `spendable` largest
   // value first until amount and fee are covered. Change returns to the

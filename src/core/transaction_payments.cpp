@@ -171,7 +171,8 @@ std::optional<Transaction> Transaction::create_message_tx(const Bytes& sender_pr
 
     Transaction tx = start_transaction(TransactionType::MESSAGE);
     tx.outputs.push_back(make_p2pkh_output(0, destination_hash));
-    tx.outputs[0].message = crypto::encrypt_message(message, recipient_pubkey.empty() ? sender_pubkey : recipient_pubkey);
+    tx.outputs[0].message =
+        crypto::encrypt_message(message, recipient_pubkey.empty() ? sender_pubkey : recipient_pubkey);
     check(fee >= tx.outputs[0].calculate_message_fee(), "Insufficient fee input value");
 
     const TxOut spent = make_p2pkh_output(fee_input_value, signer.pubkey_hash);

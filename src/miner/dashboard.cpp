@@ -83,13 +83,18 @@ void print_mining_dashboard(const MiningStats& stats, uint32_t height, uint32_t 
 }
 
 std::string block_found_text(const Block& block) {
-  return "\n\n" + double_top(62) +
-         "║                         BLOCK FOUND!                         ║\n" +
-         double_bottom(62) +
-         "Block Hash:   " + block.get_hash().to_hex().substr(0, kHashDigitsShown) + "...\n"
-         "Height:       " + std::to_string(block.height) + "\n"
-         "Transactions: " + std::to_string(block.transactions.size()) + "\n"
-         "Nonce:        " + std::to_string(block.header.nonce) + "\n"
+  return "\n\n" + double_top(62) + "║                         BLOCK FOUND!                         ║\n" +
+         double_bottom(62) + "Block Hash:   " + block.get_hash().to_hex().substr(0, kHashDigitsShown) +
+         "...\n"
+         "Height:       " +
+         std::to_string(block.height) +
+         "\n"
+         "Transactions: " +
+         std::to_string(block.transactions.size()) +
+         "\n"
+         "Nonce:        " +
+         std::to_string(block.header.nonce) +
+         "\n"
          "\nSubmitting block to node...\n";
 }
 
@@ -106,14 +111,19 @@ std::string block_rejected_text(const std::string& reason) {
 }
 
 std::string closing_text(const MiningStats& stats, uint32_t blocks_found) {
-  return "\n\n" + double_top(42) +
-         "║         Mining Session Ended             ║\n" +
-         double_bottom(42) +
+  return "\n\n" + double_top(42) + "║         Mining Session Ended             ║\n" + double_bottom(42) +
          "\nFinal Statistics:\n"
-         "  Total Hashes:    " + std::to_string(stats.total_hashes) + "\n"
-         "  Blocks Found:    " + std::to_string(blocks_found) + "\n"
-         "  Avg Hashrate:    " + fixed(stats.hashrate / kMega, 2) + " MH/s\n"
-         "  Total Runtime:   " + std::to_string(stats.uptime_seconds / kSecondsPerMinute) + " minutes\n\n";
+         "  Total Hashes:    " +
+         std::to_string(stats.total_hashes) +
+         "\n"
+         "  Blocks Found:    " +
+         std::to_string(blocks_found) +
+         "\n"
+         "  Avg Hashrate:    " +
+         fixed(stats.hashrate / kMega, 2) +
+         " MH/s\n"
+         "  Total Runtime:   " +
+         std::to_string(stats.uptime_seconds / kSecondsPerMinute) + " minutes\n\n";
 }
 
 }  // namespace norvel::miner

@@ -33,8 +33,8 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.help = true;
       return options;
     }
-    const bool takes_value = std::find(std::begin(kValueOptions), std::end(kValueOptions), argument) !=
-                             std::end(kValueOptions);
+    const bool takes_value =
+        std::find(std::begin(kValueOptions), std::end(kValueOptions), argument) != std::end(kValueOptions);
     if (takes_value && i + 1 < arguments.size()) {
       settings.emplace_back(argument, arguments[++i]);
     }
@@ -59,9 +59,14 @@ std::string usage_text() {
 std::string configuration_text(const Options& options) {
   const std::string threads = options.threads == 0 ? "Auto" : std::to_string(options.threads);
   return "Miner Configuration:\n"
-         "  Mining Address: " + options.mining_address + "\n"
-         "  RPC Server:     " + options.rpc_host + ":" + std::to_string(options.rpc_port) + "\n"
-         "  Threads:        " + threads + "\n\n";
+         "  Mining Address: " +
+         options.mining_address +
+         "\n"
+         "  RPC Server:     " +
+         options.rpc_host + ":" + std::to_string(options.rpc_port) +
+         "\n"
+         "  Threads:        " +
+         threads + "\n\n";
 }
 
 }  // namespace norvel::miner

@@ -15,8 +15,8 @@
 
 #include "core/block.h"
 #include "core/sync.h"
-#include "mining/miner.h"
 #include "miner/options.h"
+#include "mining/miner.h"
 #include "rpc/client.h"
 
 namespace norvel::miner {

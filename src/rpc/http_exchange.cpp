@@ -61,13 +61,15 @@ class Waiter {
   Waiter(const ExchangeControl& control, const ExchangeTimeouts& timeouts)
       : control_(control), step_(timeouts.step_ms), whole_deadline_(Clock::now() + milliseconds(timeouts.whole_ms)) {}
 
-  // Handles the signals that are pending, then tells whether to go on at all.
-  bool may_begin() const {
+  // Handles the signals that are pending, then asks the caller. A wait for a
+  // descriptor that is ready handles none, so a peer that never pauses would
+  // otherwise keep them out.
+  bool is_cut() const {
     if (control_.wait_mask != nullptr) {
       const timespec at_once{};
       ::ppoll(nullptr, 0, &at_once, control_.wait_mask);
     }
-    return !is_cut();
+    return control_.cut && control_.cut();
   }
 
   // Waits at most one step's time until `fd` is ready for `events`.
@@ -101,8 +103,6 @@ class Waiter {
     const std::chrono::nanoseconds rest = duration - seconds;
     return {static_cast<time_t>(seconds.count()), static_cast<long>(rest.count())};
   }
-
-  bool is_cut() const { return control_.cut && control_.cut(); }
 
   const ExchangeControl& control_;
   const milliseconds step_;
@@ -181,7 +181,7 @@ std::string build_http_request(const std::string& host, uint16_t port, const std
 HttpReply send_http_request(const std::string& host, uint16_t port, const std::string& request,
                             const ExchangeControl& control, const ExchangeTimeouts& timeouts) {
   const Waiter waiter(control, timeouts);
-  if (!waiter.may_begin()) {
+  if (waiter.is_cut()) {
     return HttpReply();
   }
   const Socket socket;

@@ -24,9 +24,8 @@ struct ExchangeControl {
   // and at least every 50 ms while waiting. May be empty.
   std::function<bool()> cut;
 
-  // The thread's signal mask during waits, and once before the first step, so
-  // that signals blocked elsewhere are handled there; `cut` is asked after each.
-  // Must outlive the exchange. Null: the mask stays as it is.
+  // The thread's signal mask during waits, and each time before `cut` is asked,
+  // so that signals blocked elsewhere are handled there. Must outlive the exchange. Null: the mask stays as it is.
   const sigset_t* wait_mask = nullptr;
 };
 

@@ -1,0 +1,306 @@
+#include "mining/miner.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "core/sync.h"
+#include "support/captured_stderr.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+namespace norvel {
+
+namespace {
+
+constexpr uint32_t kDense = 0x200fffff;   // a hash in 16 meets it
+constexpr uint32_t kSparse = 0x1f1fffff;  // one in 2,048
+constexpr uint32_t kNever = 0x1b00ffff;   // one in 2^48
+
+// Bounded, so that a Miner that hangs or loses work fails the test.
+bool wait_until(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+Block make_block(uint32_t number, uint32_t bits) {
+  Block block;
+  block.header.prev_hash = uint256(uint64_t{number});
+  block.header.bits = bits;
+  block.header.timestamp = 1'800'000'000;
+  return block;
+}
+
+// The first nonce from `nonce` on, in steps of `stride`, that meets the target.
+uint32_t next_hit(const Block& block, uint32_t nonce, uint32_t stride) {
+  BlockHeader header = block.header;
+  for (header.nonce = nonce; !header.check_proof_of_work(); header.nonce += stride) {
+  }
+  return header.nonce;
+}
+
+// One find: which template it was made on (its number) and the nonce.
+using Find = std::pair<uint64_t, uint32_t>;
+
+// A Miner whose templates and finds a test scripts and reads.
+class ScriptedMiner {
+ public:
+  // `next_template(k)` makes the answer to request k; it may throw.
+  ScriptedMiner(uint64_t threads, std::function<Block(uint32_t)> next_template)
+      : miner(threads), next_template_(std::move(next_template)) {
+    miner.mining_address = "anyone";
+    miner.callbacks.get_block_template = [this] { return next_template_(request_count_++); };
+    miner.callbacks.on_block_found = [this](const Block& block) {
+      EXPECT_EQ(block.get_hash(), block.header.get_hash());
+      EXPECT_TRUE(block.header.check_proof_of_work());
+      const MutexLock lock(mutex_);
+      finds_.emplace_back(block.header.prev_hash.low64(), block.header.nonce);
+    };
+  }
+
+  std::vector<Find> finds() const {
+    const MutexLock lock(mutex_);
+    return finds_;
+  }
+  size_t find_count() const { return finds().size(); }
+  uint32_t request_count() const { return request_count_; }
+
+  Miner miner;
+
+ private:
+  const std::function<Block(uint32_t)> next_template_;
+  std::atomic<uint32_t> request_count_{0};
+  mutable Mutex mutex_;
+  std::vector<Find> finds_ GUARDED_BY(mutex_);
+};
+
+// What one worker finds while every third refresh fails, by the rules alone.
+std::vector<Find> model_finds(size_t count) {
+  std::vector<Find> finds;
+  Block block = make_block(0, kDense);
+  uint32_t nonce = 0;
+  for (uint32_t request = 1; finds.size() < count; ++request) {
+    nonce = next_hit(block, nonce, 1);
+    finds.emplace_back(block.header.prev_hash.low64(), nonce);
+    if (request % 3 != 0) {
+      block = make_block(request, kDense);
+    }
+    nonce = 1;  // the start nonce, then one step
+  }
+  return finds;
+}
+
+TEST(Miner, OneWorkerFollowsTheModelThroughFindsAndFailedRefreshes) {
+  constexpr size_t kFinds = 300;
+  ScriptedMiner scripted(1, [](uint32_t request) {
+    if (request != 0 && request % 3 == 0) {
+      throw std::runtime_error("no template");
+    }
+    return make_block(request, kDense);
+  });
+  const CapturedStderr quiet;
+  ASSERT_TRUE(scripted.miner.start());
+  ASSERT_TRUE(wait_until([&] { return scripted.find_count() >= kFinds; }));
+  scripted.miner.stop();
+  auto finds = scripted.finds();
+  EXPECT_EQ(scripted.miner.stats.blocks_found, finds.size());
+  finds.resize(kFinds);
+  EXPECT_EQ(finds, model_finds(kFinds));
+}
+
+TEST(Miner, WorkersStartTenMillionApartAndStrideByTheirCount) {
+  for (const uint32_t threads : {2u, 3u}) {
+    SCOPED_TRACE(threads);
+    // Each worker is asked for its first find only: the others must not move it.
+    ScriptedMiner scripted(threads, [](uint32_t request) -> Block {
+      if (request != 0) {
+        throw std::runtime_error("no template");
+      }
+      return make_block(0, kSparse);
+    });
+    const CapturedStderr quiet;
+    ASSERT_TRUE(scripted.miner.start());
+    std::map<uint32_t, uint32_t> first;
+    ASSERT_TRUE(wait_until([&] {
+      for (const auto& [number, nonce] : scripted.finds()) {
+        first.emplace(nonce / Miner::kNonceSpacing, nonce);
+      }
+      return first.size() == threads;
+    }));
+    scripted.miner.stop();
+    for (uint32_t i = 0; i < threads; ++i) {
+      EXPECT_EQ(first[i], next_hit(make_block(0, kSparse), i * Miner::kNonceSpacing, threads));
+    }
+  }
+}
+
+TEST(Miner, AFindMovesEveryWorkerToTheNewBlock) {
+  ScriptedMiner scripted(2, [](uint32_t request) { return make_block(request, kSparse); });
+  ASSERT_TRUE(scripted.miner.start());
+  ASSERT_TRUE(wait_until([&] { return scripted.find_count() >= 60; }));
+  scripted.miner.stop();
+  std::map<uint32_t, uint64_t> last_template;
+  for (const auto& [number, nonce] : scripted.finds()) {
+    const uint32_t worker = nonce / Miner::kNonceSpacing;
+    EXPECT_GE(number, last_template[worker]) << "a worker went back to older work";
+    last_template[worker] = number;
+  }
+  EXPECT_GE(last_template[0], 20u);
+  EXPECT_GE(last_template[1], 20u);
+}
+
+TEST(Miner, ARefreshThatNobodyFoundForMovesNobody) {
+  ScriptedMiner scripted(1, [](uint32_t request) { return make_block(request, request == 0 ? kNever : kDense); });
+  ASSERT_TRUE(scripted.miner.start());
+  ASSERT_TRUE(wait_until([&] { return scripted.miner.stats.total_hashes > 0; }));
+  scripted.miner.update_template();
+  const uint64_t before = scripted.miner.stats.total_hashes;
+  ASSERT_TRUE(wait_until([&] { return scripted.miner.stats.total_hashes > before + 20'000; }));
+  scripted.miner.stop();
+  EXPECT_EQ(scripted.request_count(), 2u);
+  EXPECT_EQ(scripted.find_count(), 0u);
+}
+
+TEST(Miner, ABlockWithAZeroTargetIsLeftAtTheNextRefresh) {
+  ScriptedMiner scripted(2, [](uint32_t request) { return make_block(request, request == 0 ? 0 : kSparse); });
+  ASSERT_TRUE(scripted.miner.start());
+  ASSERT_TRUE(wait_until([&] { return scripted.miner.stats.total_hashes > 100; }));
+  EXPECT_EQ(scripted.find_count(), 0u);
+  scripted.miner.update_template();
+  EXPECT_TRUE(wait_until([&] { return scripted.find_count() > 0; }));
+  scripted.miner.stop();
+}
+
+TEST(Miner, CallbacksThatThrowArePrintedAndMiningGoesOn) {
+  ScriptedMiner scripted(1, [](uint32_t request) { return make_block(request, kDense); });
+  std::atomic<int> calls{0};
+  scripted.miner.callbacks.on_block_found = [&](const Block&) {
+    ++calls;
+    throw std::runtime_error("terminal gone");
+  };
+  CapturedStderr captured;
+  ASSERT_TRUE(scripted.miner.start());
+  EXPECT_TRUE(wait_until([&] { return calls >= 3; }));
+  scripted.miner.stop();
+  EXPECT_EQ(captured.text().substr(0, 43), "[Miner] Error in callback: terminal gone\n[M");
+}
+
+TEST(Miner, RefreshFailuresAreReportedAndNoneBeginsAfterAStop) {
+  ScriptedMiner scripted(1, [](uint32_t request) -> Block {
+    if (request == 1) {
+      throw std::runtime_error("node away");
+    }
+    return make_block(request, kNever);
+  });
+  CapturedStderr captured;
+  ASSERT_TRUE(scripted.miner.start());
+  scripted.miner.update_template();
+  EXPECT_EQ(captured.text(), "[Miner] Error updating template: node away\n");
+  scripted.miner.stop();
+  scripted.miner.update_template();
+  EXPECT_EQ(scripted.request_count(), 2u);
+}
+
+TEST(Miner, StartRefusesWithItsReasonAndLeavesTheMinerIdle) {
+  const auto never = [](uint32_t request) { return make_block(request, kNever); };
+  const struct {
+    const char* label;
+    std::function<void(Miner&)> spoil;
+    const char* message;
+  } rows[] = {
+      {"no address", [](Miner& m) { m.mining_address.clear(); }, "[Miner] Error: Miner address not set!\n"},
+      {"no template callback", [](Miner& m) { m.callbacks.get_block_template = nullptr; },
+       "[Miner] Error: No block template callback set!\n"},
+      {"one thread too many", [](Miner& m) { m.set_threads(4'097); }, ""},
+      {"a negative count", [](Miner& m) { m.set_threads(static_cast<uint64_t>(-1)); }, ""},
+      {"no template",
+       [](Miner& m) { m.callbacks.get_block_template = []() -> Block { throw std::runtime_error("none"); }; },
+       "[Miner] Error getting block template: none\n"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    ScriptedMiner scripted(1, never);
+    row.spoil(scripted.miner);
+    CapturedStderr captured;
+    EXPECT_FALSE(scripted.miner.start());
+    EXPECT_EQ(captured.text(), row.message);
+    EXPECT_FALSE(scripted.miner.running);
+  }
+}
+
+TEST(Miner, ARunningMinerRefusesASecondStartAndAnotherThreadCount) {
+  ScriptedMiner scripted(1, [](uint32_t request) { return make_block(request, kNever); });
+  ASSERT_TRUE(scripted.miner.start());
+  CapturedStderr captured;
+  EXPECT_FALSE(scripted.miner.start());
+  scripted.miner.set_threads(2);
+  EXPECT_EQ(captured.text(), "[Miner] Cannot change threads while mining\n");
+  EXPECT_EQ(scripted.miner.thread_count(), 1u);
+  EXPECT_EQ(scripted.request_count(), 1u);
+}
+
+TEST(Miner, StopPrintsItsLinesOnceAndTheMinerStartsAgain) {
+  ScriptedMiner scripted(2, [](uint32_t request) { return make_block(request, kNever); });
+  testing::internal::CaptureStdout();
+  ASSERT_TRUE(scripted.miner.start());
+  scripted.miner.stop();
+  scripted.miner.stop();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n[Miner] Stopping miner...\n[Miner] Miner stopped\n");
+  ASSERT_TRUE(scripted.miner.start());
+  const uint64_t before = scripted.miner.stats.total_hashes;
+  EXPECT_TRUE(wait_until([&] { return scripted.miner.stats.total_hashes > before; }));
+}
+
+// Address space for a few hundred thread stacks, so that the next one fails.
+TEST(Miner, StartFailsCleanlyWhenAThreadCannotBeCreated) {
+  if (kSanitized) {
+    GTEST_SKIP() << "sanitizers need the address space";
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit limit = {1'000'000'000, 1'000'000'000};
+    setrlimit(RLIMIT_AS, &limit);
+    ScriptedMiner scripted(4'000, [](uint32_t request) { return make_block(request, kNever); });
+    const bool started = scripted.miner.start();
+    _exit(started || scripted.miner.running ? 1 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(Miner, MineBlockFindsTheFirstNonceOrObeysTheFlag) {
+  Miner miner(1);
+  std::atomic<bool> stop{false};
+  Block block = make_block(7, kSparse);
+  block.header.nonce = 999;
+  EXPECT_NE(block.get_hash(), uint256());
+  ASSERT_TRUE(miner.mine_block(block, stop));
+  EXPECT_EQ(block.header.nonce, next_hit(make_block(7, kSparse), 0, 1));
+  EXPECT_EQ(block.get_hash(), block.header.get_hash());
+  stop = true;
+  EXPECT_FALSE(miner.mine_block(block, stop));
+}
+
+}  // namespace
+
+}  // namespace norvel
