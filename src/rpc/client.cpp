@@ -1,6 +1,7 @@
 #include "rpc/client.h"
 
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 namespace norvel::rpc {
@@ -17,11 +18,22 @@ void check_error(const JsonValue& reply) {
   throw std::runtime_error(explained ? error.get("message").string : "RPC error");
 }
 
+// The result of a reply's body.
+JsonValue read_result(std::string_view body) {
+  JsonValue reply = JsonValue::parse(body);
+  check_error(reply);
+  return std::move(reply.object["result"]);  // a reply of another type has no members
+}
+
 }  // namespace
 
 RpcClient::RpcClient(std::string host, uint16_t port) : host_(std::move(host)), port_(port) {}
 
 JsonValue RpcClient::call(const std::string& method, JsonValue params, const ExchangeControl& control) {
+  return exchange(method, std::move(params), control).result;
+}
+
+RpcClient::Outcome RpcClient::exchange(const std::string& method, JsonValue params, const ExchangeControl& control) {
   JsonValue request;
   request.set("jsonrpc", "2.0");
   request.set("id", std::to_string(next_request_id_.fetch_add(1)));
@@ -30,11 +42,16 @@ JsonValue RpcClient::call(const std::string& method, JsonValue params, const Exc
 
   ExchangeTimeouts timeouts;
   timeouts.step_ms = int64_t{timeout_seconds_} * 1'000;
-  const HttpReply response =
+  const HttpExchange response =
       send_http_request(host_, port_, build_http_request(host_, port_, request.to_string()), control, timeouts);
-  JsonValue reply = JsonValue::parse(response.body());
-  check_error(reply);
-  return std::move(reply.object["result"]);  // a reply of another type has no members
+  try {
+    return {read_result(response.reply.body()), response.was_cut};
+  } catch (const std::exception&) {
+    if (response.was_cut) {
+      return {JsonValue(), true};
+    }
+    throw;
+  }
 }
 
 }  // namespace norvel::rpc

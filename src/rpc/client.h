@@ -7,8 +7,9 @@
 // characters of a reason, which may be the node's words, come out as "?".
 //
 // A result of the wrong shape is no error: its missing members read as zero,
-// empty or null. Every method takes an ExchangeControl, and an exchange cut
-// short reads as a null result.
+// empty or null. Every method takes an ExchangeControl. An exchange cut short is
+// no error either: what has arrived is read, and is a null result where it
+// cannot be.
 //
 // Threads: safe from any thread; calls share nothing but the id counter.
 
@@ -65,7 +66,7 @@ class RpcClient {
   SpendableOutputs get_utxos_for_address(const std::string& address, const ExchangeControl& control = {});
 
   // No value when one transaction of the template does not decode. A null
-  // result is a template of zeros.
+  // result and an exchange cut short are a template of zeros.
   std::optional<BlockTemplate> get_block_template(const std::string& address, const ExchangeControl& control = {});
 
   // True when the node accepted; otherwise `error` says why not. Neither prints.
@@ -73,6 +74,12 @@ class RpcClient {
   bool send_raw_transaction(const Transaction& tx, std::string& error, const ExchangeControl& control = {});
 
  private:
+  struct Outcome {
+    JsonValue result;
+    bool was_cut = false;
+  };
+
+  Outcome exchange(const std::string& method, JsonValue params, const ExchangeControl& control);
   bool send_for_acceptance(const std::string& method, const char* key, const Bytes& bytes,
                            const ExchangeControl& control);
 

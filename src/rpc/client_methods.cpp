@@ -149,7 +149,8 @@ SpendableOutputs RpcClient::get_utxos_for_address(const std::string& address, co
 
 std::optional<BlockTemplate> RpcClient::get_block_template(const std::string& address, const ExchangeControl& control) {
   return read_or_print("[RPC Client] getblocktemplate error: ", [&] {
-    return std::optional(read_block_template(call("getblocktemplate", address_params(address), control)));
+    const Outcome outcome = exchange("getblocktemplate", address_params(address), control);
+    return std::optional(outcome.was_cut ? BlockTemplate() : read_block_template(outcome.result));
   });
 }
 

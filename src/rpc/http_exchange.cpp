@@ -153,19 +153,23 @@ Step send_all(const Socket& socket, std::string_view unsent, const Waiter& waite
   return Step::kDone;
 }
 
-HttpReply receive_reply(const Socket& socket, const Waiter& waiter) {
-  HttpReply reply;
+HttpExchange receive_reply(const Socket& socket, const Waiter& waiter) {
+  HttpExchange exchange;
   std::array<char, kChunkBytesMax> chunk;
-  while (waiter.wait(socket.fd(), POLLIN) == Step::kDone) {
+  for (;;) {
+    const Step waited = waiter.wait(socket.fd(), POLLIN);
+    if (waited != Step::kDone) {
+      exchange.was_cut = waited == Step::kEnded;
+      return exchange;
+    }
     const ssize_t received = ::recv(socket.fd(), chunk.data(), chunk.size(), 0);
     if (received < 0 && may_retry(errno)) {
       continue;
     }
-    if (received <= 0 || reply.append({chunk.data(), static_cast<size_t>(received)})) {
-      break;
+    if (received <= 0 || exchange.reply.append({chunk.data(), static_cast<size_t>(received)})) {
+      return exchange;
     }
   }
-  return reply;
 }
 
 }  // namespace
@@ -178,11 +182,12 @@ std::string build_http_request(const std::string& host, uint16_t port, const std
   return request;
 }
 
-HttpReply send_http_request(const std::string& host, uint16_t port, const std::string& request,
-                            const ExchangeControl& control, const ExchangeTimeouts& timeouts) {
+HttpExchange send_http_request(const std::string& host, uint16_t port, const std::string& request,
+                               const ExchangeControl& control, const ExchangeTimeouts& timeouts) {
+  const HttpExchange cut{HttpReply(), true};
   const Waiter waiter(control, timeouts);
   if (waiter.is_cut()) {
-    return HttpReply();
+    return cut;
   }
   const Socket socket;
   const Step connected = connect_to(socket, host, port, waiter);
@@ -193,7 +198,7 @@ HttpReply send_http_request(const std::string& host, uint16_t port, const std::s
   if (sent == Step::kFailed) {
     throw std::runtime_error(kNoSend);
   }
-  return sent == Step::kDone ? receive_reply(socket, waiter) : HttpReply();
+  return sent == Step::kDone ? receive_reply(socket, waiter) : cut;
 }
 
 }  // namespace norvel::rpc

@@ -25,7 +25,8 @@ struct ExchangeControl {
   std::function<bool()> cut;
 
   // The thread's signal mask during waits, and each time before `cut` is asked,
-  // so that signals blocked elsewhere are handled there. Must outlive the exchange. Null: the mask stays as it is.
+  // so that signals blocked elsewhere are handled there. Must outlive the
+  // exchange. Null: the mask stays as it is.
   const sigset_t* wait_mask = nullptr;
 };
 
@@ -35,13 +36,18 @@ struct ExchangeTimeouts {
   int64_t whole_ms = 120'000;  // ends the exchange as a cut does
 };
 
+struct HttpExchange {
+  HttpReply reply;
+  bool was_cut = false;  // by the caller or the time of the whole exchange, so that the reply may lack its end
+};
+
 // The bytes of a POST of `body` to path "/" of host and port.
 std::string build_http_request(const std::string& host, uint16_t port, const std::string& body);
 
 // Sends `request` and reads the reply until it is complete, the peer closes, a
 // receive fails or times out. `host` is a numeric IPv4 address in any form that
 // inet_aton reads; any other cannot be connected to.
-HttpReply send_http_request(const std::string& host, uint16_t port, const std::string& request,
-                            const ExchangeControl& control = {}, const ExchangeTimeouts& timeouts = {});
+HttpExchange send_http_request(const std::string& host, uint16_t port, const std::string& request,
+                               const ExchangeControl& control = {}, const ExchangeTimeouts& timeouts = {});
 
 }  // namespace norvel::rpc

@@ -14,19 +14,6 @@
 
 namespace norvel {
 
-namespace {
-
-crypto::EncryptedMessage random_note(std::mt19937_64& random) {
-  crypto::EncryptedMessage note;
-  note.version = random() % 4 == 0 ? 0 : 1;
-  note.ciphertext = random_bytes(random, random() % 300);
-  note.nonce = random_bytes(random, note.version == 0 ? 24 : 12);
-  note.ephemeral_pubkey = random_bytes(random, 33);
-  return note;
-}
-
-}  // namespace
-
 SampleKey sample_key(uint8_t seed) {
   SampleKey key;
   key.private_key = Bytes(32, seed);
@@ -49,31 +36,28 @@ uint256 random_uint256(std::mt19937_64& random) {
 TxOut random_output(std::mt19937_64& random) {
   TxOut output;
   output.value = static_cast<int64_t>(random());
-  const size_t lengths[] = {1, 24, 25, 252, 253, 254, 1'000, 65'535, 65'536};
-  switch (random() % 6) {
+  const Bytes hash = random_bytes(random, 20);
+  constexpr size_t kLengths[] = {0, 1, 24, 25, 252, 253, 254, 1'000, 65'535, 65'536};
+  switch (random() % 5) {
     case 0:
-      output.pubkey_hash = random_bytes(random, 20);
+      output.pubkey_hash = hash;
       break;
     case 1:
-      output.script_pubkey = Script::create_p2pkh_output(random_bytes(random, 20)).bytes;
-      break;
-    case 2:
-      output.script_pubkey = Script::create_htlc_output(random_bytes(random, 20), random_bytes(random, 20),
-                                                        random_bytes(random, 32), static_cast<uint32_t>(random()))
-                                 .bytes;
-      break;
-    case 3:
       output.pubkey_hash = random_bytes(random, 19);
       break;
-    case 4:
-      // The longest ones seldom, for speed.
-      output.script_pubkey = random_bytes(random, lengths[random() % (random() % 8 == 0 ? 9 : 7)]);
+    case 2:
+      output.script_pubkey = Script::create_p2pkh_output(hash).bytes;
       break;
-    default:
+    case 3:
+      output.script_pubkey = Script::create_htlc_output(hash, hash, random_bytes(random, 32), 1).bytes;
       break;
+    default:  // the longest ones seldom, for speed
+      output.script_pubkey = random_bytes(random, kLengths[random() % (random() % 8 == 0 ? 10 : 8)]);
   }
   if (random() % 3 == 0) {
-    output.message = random_note(random);
+    const uint8_t version = random() % 4 == 0 ? 0 : 1;
+    output.message = {version, random_bytes(random, random() % 300), random_bytes(random, version == 0 ? 24 : 12),
+                      random_bytes(random, 33)};
   }
   return output;
 }
@@ -84,14 +68,12 @@ Transaction random_transaction(std::mt19937_64& random) {
   tx.version = static_cast<uint32_t>(random());
   tx.timestamp = random();
   tx.locktime = static_cast<uint32_t>(random());
-  tx.inputs.resize(random() % 4);
-  for (TxIn& input : tx.inputs) {
-    input.prevout = {random_uint256(random), static_cast<uint32_t>(random())};
-    input.signature = random_bytes(random, random() % 3 == 0 ? random() % 300 : 71);
-    input.pubkey = random_bytes(random, random() % 3 == 0 ? random() % 256 : 33);
-    input.sequence = static_cast<uint32_t>(random());
+  for (auto count = random() % 4; count > 0; --count) {
+    const OutPoint prevout{random_uint256(random), static_cast<uint32_t>(random())};
+    tx.inputs.push_back({prevout, random_bytes(random, random() % 300), random_bytes(random, random() % 256),
+                         static_cast<uint32_t>(random())});
   }
-  for (size_t count = random() % 4; count > 0; --count) {
+  for (auto count = random() % 4; count > 0; --count) {
     tx.outputs.push_back(random_output(random));
   }
   return tx;
@@ -118,7 +100,7 @@ void expect_cut_messages(std::span<const FormatField> fields, const std::functio
   const Bytes whole = join_fields(fields);
   size_t len = 0;
   for (const FormatField& field : fields) {
-    for (const size_t end = len + crypto::hex_to_bytes(field.hex).size(); len < end; ++len) {
+    for (const size_t end = len + field.hex.size() / 2; len < end; ++len) {
       const auto prefix = std::make_unique<uint8_t[]>(len);
       std::copy_n(whole.begin(), len, prefix.get());
       EXPECT_EQ(runtime_error_of([&] { read({prefix.get(), len}); }), field.cut_message) << "cut at " << len;

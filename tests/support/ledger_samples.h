@@ -1,13 +1,13 @@
-// Keys, byte strings, outputs and random transactions for the tests of the
-// ledger. Everything follows from the seeds that the caller gives.
+// Keys, random transactions and format tables for the tests of the ledger.
+// Everything follows from the seeds that the caller gives.
 
 #pragma once
 
 #include <functional>
 #include <optional>
 #include <random>
+#include <span>
 #include <string>
-#include <string_view>
 
 #include "core/transaction.h"
 
@@ -15,8 +15,8 @@ namespace norvel {
 
 struct SampleKey {
   Bytes private_key;
-  Bytes pubkey;       // 33 bytes
-  Bytes pubkey_hash;  // 20 bytes
+  Bytes pubkey;
+  Bytes pubkey_hash;
   std::string address;
 };
 
@@ -26,15 +26,14 @@ SampleKey sample_key(uint8_t seed);
 Bytes random_bytes(std::mt19937_64& random, size_t count);
 uint256 random_uint256(std::mt19937_64& random);
 
-// With any of the forms that an output can have: payment by hash or by script,
-// contract, no script, odd hash, scripts around the edges of their length
-// prefix, notes of both versions.
+// Any form of output: payment by hash or by script, contract, no script, odd
+// hash, scripts at the edges of their length prefix, notes of both versions.
 TxOut random_output(std::mt19937_64& random);
 
 // Of any type, with up to three inputs and outputs.
 Transaction random_transaction(std::mt19937_64& random);
 
-// What `call` throws: the message of its std::runtime_error, nothing when it
+// The message of the std::runtime_error that `call` throws; nothing when it
 // returns. Other exceptions pass.
 std::optional<std::string> runtime_error_of(const std::function<void()>& call);
 
@@ -45,11 +44,10 @@ struct FormatField {
   const char* cut_message;
 };
 
-// The fields' bytes, one after the other.
 Bytes join_fields(std::span<const FormatField> fields);
 
-// Hands `read` each proper prefix of those bytes, in a heap block of exactly
-// its size, and expects the message of the field that the prefix ends in.
+// Hands `read` each proper prefix of the joined fields, in a heap block of
+// exactly its size, and expects the message of the field that it ends in.
 void expect_cut_messages(std::span<const FormatField> fields, const std::function<void(ByteView)>& read);
 
 }  // namespace norvel

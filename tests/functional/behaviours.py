@@ -1,0 +1,88 @@
+"""Ways in which a node misbehaves, for StandInNode.plan() and StandInNode.standard."""
+
+import time
+
+from stand_in_node import Behaviour, Exchange, http
+
+HANG_S = 300  # longer than any test
+
+
+def raw(reply: bytes) -> Behaviour:
+    """Sends these bytes and closes."""
+    return lambda exchange: exchange.sock.sendall(reply)
+
+
+def body(text: "str | bytes", status: str = "200 OK") -> Behaviour:
+    """Sends a well-formed HTTP reply with this body."""
+    return raw(http(text, status))
+
+
+def rpc_error(message: str) -> Behaviour:
+    """An error reply; the message stands in it as given, control characters included."""
+    return body(f'{{"result":null,"error":{{"code":-1,"message":"{message}"}}}}')
+
+
+def close_at_once(exchange: Exchange) -> None:
+    exchange.sock.close()
+
+
+def hang(exchange: Exchange) -> None:
+    """No reply until the peer hangs up."""
+    exchange.closed_by_peer(HANG_S)
+
+
+def stall_halfway(exchange: Exchange) -> None:
+    """Half of the right reply, then nothing until the peer hangs up."""
+    answer = exchange.answer()
+    exchange.sock.sendall(answer[:len(answer) // 2])
+    exchange.closed_by_peer(HANG_S)
+
+
+def after(seconds: float) -> Behaviour:
+    """The right reply, late."""
+    def behave(exchange: Exchange) -> None:
+        time.sleep(seconds)
+        exchange.sock.sendall(exchange.answer())
+    return behave
+
+
+def close_door(exchange: Exchange) -> None:
+    """The right reply, after which connections are refused."""
+    exchange.node.close_door()
+    exchange.sock.sendall(exchange.answer())
+
+
+def without_length(exchange: Exchange) -> None:
+    """The right reply, ended by closing instead of a length."""
+    exchange.sock.sendall(b"HTTP/1.1 200 OK\r\n\r\n" + exchange.answer().partition(b"\r\n\r\n")[2])
+
+
+def byte_by_byte(exchange: Exchange) -> None:
+    for byte in exchange.answer():
+        exchange.sock.sendall(bytes([byte]))
+        time.sleep(0.0005)
+
+
+def held_open(exchange: Exchange) -> None:
+    """The right reply on a connection that stays open: the declared length alone ends it."""
+    exchange.sock.sendall(exchange.answer())
+    exchange.closed_by_peer(HANG_S)
+
+
+def trickle(exchange: Exchange) -> None:
+    """A reply that goes on for ever, one byte at a time."""
+    exchange.sock.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")
+    until = time.monotonic() + HANG_S
+    while time.monotonic() < until:
+        exchange.sock.sendall(b" ")
+        time.sleep(0.1)
+
+
+def endless(piece: bytes) -> Behaviour:
+    """A reply without length that repeats `piece` until the peer hangs up."""
+    def behave(exchange: Exchange) -> None:
+        exchange.sock.settimeout(HANG_S)
+        exchange.sock.sendall(b"HTTP/1.1 200 OK\r\n\r\n")
+        for _ in range(1 << 16):
+            exchange.sock.sendall(piece * (65536 // len(piece)))
+    return behave
