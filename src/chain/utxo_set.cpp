@@ -90,7 +90,7 @@ void UTXOSet::apply_transaction(const Transaction& tx) {
       outputs_.erase(input.prevout);
     }
   }
-  const uint256& txid = tx.get_txid();
+  const uint256 txid = tx.get_txid();
   for (size_t i = 0; i < tx.outputs.size(); ++i) {
     outputs_.insert_or_assign({txid, static_cast<uint32_t>(i)}, tx.outputs[i]);
   }
@@ -98,7 +98,7 @@ void UTXOSet::apply_transaction(const Transaction& tx) {
 
 void UTXOSet::unapply_transaction(const Transaction& tx) {
   const MutexLock lock(mutex_);
-  const uint256& txid = tx.get_txid();
+  const uint256 txid = tx.get_txid();
   for (size_t i = 0; i < tx.outputs.size(); ++i) {
     outputs_.erase({txid, static_cast<uint32_t>(i)});
   }

@@ -1,21 +1,14 @@
 #include "consensus/retarget.h"
 
-#include <iomanip>
-#include <sstream>
 #include <string>
 
 #include "consensus/difficulty.h"
 #include "core/console.h"
+#include "core/number_text.h"
 
 namespace norvel::consensus {
 
 namespace {
-
-std::string fixed(double value, int decimals) {
-  std::ostringstream text;
-  text << std::fixed << std::setprecision(decimals) << value;
-  return text.str();
-}
 
 // `span` within a quarter and four times `expected`; says when it was not.
 uint64_t clamp_span(uint64_t span, uint32_t expected) {
@@ -44,10 +37,10 @@ void report_adjustment(uint64_t height, uint64_t span, uint32_t expected, uint32
   console::error_line("[Consensus] Difficulty Adjustment at height " + std::to_string(height));
   console::error_line("  Actual time span:   " + std::to_string(span) + "s");
   console::error_line("  Expected time span: " + std::to_string(expected) + "s");
-  console::error_line("  Time ratio:         " + fixed(ratio, 2) + "x" + pace);
-  console::error_line("  Old difficulty:     " + fixed(old_difficulty, 4));
-  console::error_line("  New difficulty:     " + fixed(new_difficulty, 4));
-  console::error_line("  Difficulty change:  " + fixed(change, 2) + "x" + direction);
+  console::error_line("  Time ratio:         " + to_fixed(ratio, 2) + "x" + pace);
+  console::error_line("  Old difficulty:     " + to_fixed(old_difficulty, 4));
+  console::error_line("  New difficulty:     " + to_fixed(new_difficulty, 4));
+  console::error_line("  Difficulty change:  " + to_fixed(change, 2) + "x" + direction);
 }
 
 }  // namespace

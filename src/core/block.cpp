@@ -110,7 +110,7 @@ size_t Block::size() const {
   return size;
 }
 
-const uint256& Block::get_hash() const {
+uint256 Block::get_hash() const {
   if (!cached_hash_) {
     cached_hash_ = header.get_hash();
   }

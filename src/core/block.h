@@ -70,7 +70,7 @@ class Block {
   size_t size() const;
 
   // The header's hash, cached.
-  const uint256& get_hash() const;
+  uint256 get_hash() const;
 
   // Forgets the cached hash; for callers that changed the header.
   void invalidate_cache() { cached_hash_.reset(); }

@@ -164,7 +164,7 @@ Transaction Transaction::deserialize(ByteView data) {
   return tx;
 }
 
-const uint256& Transaction::get_txid() const {
+uint256 Transaction::get_txid() const {
   if (!cached_txid_) {
     cached_txid_ = crypto::hash256(cached_bytes_ ? *cached_bytes_ : serialize());
   }

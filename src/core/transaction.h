@@ -12,6 +12,7 @@
 
 #pragma once
 
+#include <array>
 #include <compare>
 #include <cstdint>
 #include <map>
@@ -65,8 +66,12 @@ struct OutPoint {
 //   pubkey      P
 //   sequence    4  little-endian
 struct TxIn {
+  // A pubkey of these bytes says that the signature field holds a whole
+  // unlocking script.
+  static constexpr std::array<uint8_t, 4> kHtlcMarker = {'H', 'T', 'L', 'C'};
+
   OutPoint prevout;
-  Bytes signature;  // bare DER, or an unlocking script where pubkey is "HTLC"
+  Bytes signature;  // bare DER, or an unlocking script where pubkey is kHtlcMarker
   Bytes pubkey;
   uint32_t sequence = kSequenceFinal;
 
@@ -144,7 +149,7 @@ class Transaction {
   static Transaction deserialize(ByteView data);
 
   // Double SHA-256 of serialize(), cached.
-  const uint256& get_txid() const;
+  uint256 get_txid() const;
 
   // Length of serialize(); O(1) after hold_bytes().
   size_t size() const;

@@ -1,6 +1,7 @@
 // The members of Transaction that sign inputs and verify signatures.
 
 #include <stdexcept>
+#include <utility>
 
 #include "core/console.h"
 #include "core/transaction.h"
@@ -16,10 +17,6 @@ namespace {
 
 constexpr auto kSigHashAll = static_cast<uint8_t>(SigHashType::ALL);
 
-// Stands in an input's pubkey field where its signature field is a whole
-// unlocking script.
-const Bytes kHtlcMarker = {'H', 'T', 'L', 'C'};
-
 struct InputSignature {
   Bytes der;
   Bytes pubkey;  // 33 bytes
@@ -29,6 +26,11 @@ InputSignature make_signature(const Transaction& tx, size_t input_index, const B
                               const Script& script_code) {
   const uint256 hash = tx.get_signature_hash(input_index, script_code);
   return {crypto::sign_message(hash.bytes(), private_key), crypto::derive_public_key(private_key)};
+}
+
+void set_unlocking_script(TxIn& input, Script unlocking) {
+  input.signature = std::move(unlocking.bytes);
+  input.pubkey.assign(TxIn::kHtlcMarker.begin(), TxIn::kHtlcMarker.end());
 }
 
 // As OP_CHECKSIG expects it: DER, then the signature hash type.
@@ -59,9 +61,8 @@ void Transaction::sign_htlc_input_claim(size_t input_index, const Bytes& private
     throw std::runtime_error("sign_htlc_input_claim: invalid input index");
   }
   const InputSignature signature = make_signature(*this, input_index, private_key, htlc_script);
-  inputs[input_index].signature =
-      Script::create_htlc_input_claim(with_hash_type(signature.der), signature.pubkey, preimage).bytes;
-  inputs[input_index].pubkey = kHtlcMarker;
+  set_unlocking_script(inputs[input_index],
+                       Script::create_htlc_input_claim(with_hash_type(signature.der), signature.pubkey, preimage));
   invalidate_cache();
 }
 
@@ -70,9 +71,8 @@ void Transaction::sign_htlc_input_refund(size_t input_index, const Bytes& privat
     throw std::runtime_error("sign_htlc_input_refund: invalid input index");
   }
   const InputSignature signature = make_signature(*this, input_index, private_key, htlc_script);
-  inputs[input_index].signature =
-      Script::create_htlc_input_refund(with_hash_type(signature.der), signature.pubkey).bytes;
-  inputs[input_index].pubkey = kHtlcMarker;
+  set_unlocking_script(inputs[input_index],
+                       Script::create_htlc_input_refund(with_hash_type(signature.der), signature.pubkey));
   invalidate_cache();
 }
 

@@ -6,6 +6,7 @@
 
 #include "consensus/difficulty.h"
 #include "core/console.h"
+#include "core/number_text.h"
 
 namespace norvel::miner {
 
@@ -35,12 +36,6 @@ std::string double_bottom(size_t width) {
   return "╚" + repeat("═", width) + "╝\n";
 }
 
-std::string fixed(double value, int decimals) {
-  std::ostringstream text;
-  text << std::fixed << std::setprecision(decimals) << value;
-  return text.str();
-}
-
 }  // namespace
 
 void print_banner() {
@@ -62,9 +57,10 @@ std::string dashboard_text(const MiningStats& stats, uint32_t height, uint32_t b
   text << "┌" << repeat("─", 61) << "┐\n";
   text << "│                    MINING DASHBOARD                         │\n";
   text << "├" << repeat("─", 61) << "┤\n";
-  text << "│ Hashrate:                " << figure << fixed(stats.hashrate / kMega, 2) << " MH/s                    │\n";
+  text << "│ Hashrate:                " << figure << to_fixed(stats.hashrate / kMega, 2)
+       << " MH/s                    │\n";
   text << "│ Block Height:       " << figure << height << "                              │\n";
-  text << "│ Difficulty:             " << figure << fixed(difficulty::get_difficulty(bits), 4)
+  text << "│ Difficulty:             " << figure << to_fixed(difficulty::get_difficulty(bits), 4)
        << "                          │\n";
   text << "│ Blocks Found:       " << figure << blocks_found << "                              │\n";
   text << "│ Total Hashes:          " << figure << stats.total_hashes / kHashesPerMega
@@ -120,7 +116,7 @@ std::string closing_text(const MiningStats& stats, uint32_t blocks_found) {
          std::to_string(blocks_found) +
          "\n"
          "  Avg Hashrate:    " +
-         fixed(stats.hashrate / kMega, 2) +
+         to_fixed(stats.hashrate / kMega, 2) +
          " MH/s\n"
          "  Total Runtime:   " +
          std::to_string(stats.uptime_seconds / kSecondsPerMinute) + " minutes\n\n";

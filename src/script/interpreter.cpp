@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <map>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,8 +19,6 @@ namespace {
 constexpr uint32_t kLockTimeThreshold = 500'000'000;
 
 constexpr uint8_t kSignBit = 0x80;
-
-constexpr std::string_view kHtlcMarker = "HTLC";
 
 // One entry for each open conditional, with the false ones counted: a script
 // may be nested as deep as it is long.
@@ -326,7 +323,7 @@ bool ScriptInterpreter::verify_input_signature(const Transaction& tx, size_t inp
   }
   const TxIn& input = tx.inputs[input_index];
   const Script locking_script(spent_output.locking_script());
-  if (std::equal(input.pubkey.begin(), input.pubkey.end(), kHtlcMarker.begin(), kHtlcMarker.end())) {
+  if (std::equal(input.pubkey.begin(), input.pubkey.end(), TxIn::kHtlcMarker.begin(), TxIn::kHtlcMarker.end())) {
     return verify_script(tx, input_index, Script(input.signature), locking_script);
   }
   Bytes signature = input.signature;

@@ -172,6 +172,7 @@ TEST(NewBlock, KeepsWithinTheSupplyLimit) {
       {"no room", 1, 0, kFirstPeriodSupply, 30'000, {0}},
       {"supply beyond the limit", 1, -1, kFirstPeriodSupply, 30'000, {0}},
       {"negative fees make room", 1, 10, kFirstPeriodSupply, -5, {15}},
+      {"negative fees beyond the limit", 1, -10, kFirstPeriodSupply, -20, {20}},
       {"far beyond the limit", 1, kFirstPeriodSupply - kMax, kFirstPeriodSupply, 40'000, {0}},
       {"largest fees", 1, 30'000, kFirstPeriodSupply, kMax, {0, 15'000}},
       {"smallest fees and supply", 1, kMax, kFirstPeriodSupply, kMin, {800'000'000}},

@@ -108,6 +108,7 @@ TEST(TransactionFormat, ChoosesTheLockingScript) {
   output = TxOut(0, hash);
   output.script_pubkey = {0x51};  // goes before the hash
   EXPECT_EQ(crypto::bytes_to_hex(output.serialize()), "0000000000000000015100");
+  EXPECT_EQ(output.locking_script(), Bytes{0x51});
 }
 
 TEST(TransactionFormat, EachCutNamesTheFieldItEndsIn) {
