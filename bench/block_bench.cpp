@@ -30,7 +30,7 @@ void block_decode(benchmark::State& state) {
     benchmark::DoNotOptimize(block.transactions.data());
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes.size()));
-  state.SetLabel(block.serialize() == bytes ? "same bytes" : "OTHER BYTES");
+  state.SetLabel(block.serialize() == bytes ? "same bytes" : "WRONG RESULT");
 }
 BENCHMARK(block_decode)->Arg(10)->Arg(2'000);
 

@@ -35,7 +35,7 @@ void verify_digest(benchmark::State& state) {
     valid &= crypto::verify_signature(message, signature, pubkey);
   }
   state.SetItemsProcessed(state.iterations());
-  state.SetLabel(valid ? "valid" : "INVALID");
+  state.SetLabel(valid ? "valid" : "WRONG RESULT");
 }
 BENCHMARK(verify_digest)->Unit(benchmark::kMicrosecond);
 
@@ -47,7 +47,7 @@ void verify_p2pkh_input(benchmark::State& state) {
     valid &= ScriptInterpreter::verify_input_signature(payment.tx, 0, spent);
   }
   state.SetItemsProcessed(state.iterations());
-  state.SetLabel(valid ? "valid" : "INVALID");
+  state.SetLabel(valid ? "valid" : "WRONG RESULT");
 }
 BENCHMARK(verify_p2pkh_input)->Unit(benchmark::kMicrosecond);
 

@@ -7,7 +7,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto decode = [](ByteView bytes) {
     size_t offset = 0;
     auto message = crypto::EncryptedMessage::deserialize(bytes, offset);
-    require(offset <= bytes.size());
+    const Bytes read(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(offset));
+    require(message.serialize() == read);  // the format has one encoding
     return message;
   };
   check_fixed_point({data, size}, decode);

@@ -34,6 +34,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Script script_pubkey(Bytes(locking.begin(), locking.end()));
   ScriptInterpreter::verify_script(tx, 0, script_sig, script_pubkey);
 
+  Transaction spending = tx;
+  spending.inputs[0].signature = script_sig.bytes;
+  spending.inputs[0].pubkey.assign(TxIn::kHtlcMarker.begin(), TxIn::kHtlcMarker.end());
+  TxOut spent;
+  spent.script_pubkey = script_pubkey.bytes;
+  require(ScriptInterpreter::verify_input_signature(spending, 0, spent) ==
+          ScriptInterpreter::verify_script(spending, 0, script_sig, script_pubkey));
+
   const Bytes encoded = script_pubkey.serialize();
   size_t offset = 0;
   require(Script::deserialize(encoded, offset).bytes == script_pubkey.bytes && offset == encoded.size());

@@ -18,12 +18,23 @@ void write_record(std::ofstream& file, const Bytes& record) {
   write_bytes(file, record);
 }
 
+struct UnopenedFile {};
+
 // Reads a file front to back and knows how much of it is left, so that no
 // length in it sizes an allocation beyond the file.
 class RecordReader {
  public:
-  explicit RecordReader(const std::string& path)
-      : file_(path, std::ios::binary), left_(std::filesystem::file_size(path)) {}
+  // Opens regular files only: another kind may block, or have no size.
+  explicit RecordReader(const std::string& path) {
+    std::error_code failure;
+    if (std::filesystem::is_regular_file(path, failure)) {
+      left_ = std::filesystem::file_size(path);
+      file_.open(path, std::ios::binary);
+    }
+    if (!file_.is_open()) {
+      throw UnopenedFile();
+    }
+  }
 
   uint32_t read_u32() {
     size_t offset = 0;
@@ -47,7 +58,7 @@ class RecordReader {
   }
 
   std::ifstream file_;
-  uintmax_t left_;
+  uintmax_t left_ = 0;
 };
 
 template <class Record>
@@ -161,22 +172,24 @@ bool UTXOSet::save_to_file(const std::string& path) const {
 
 bool UTXOSet::load_from_file(const std::string& path) {
   const MutexLock lock(mutex_);
-  std::map<OutPoint, TxOut> loaded;
   try {
     RecordReader reader(path);
+    outputs_.clear();
     const uint32_t count = reader.read_u32();
     for (uint32_t i = 0; i < count; ++i) {
       const auto outpoint = decode_whole<OutPoint>(reader.read_record());
-      loaded.insert_or_assign(outpoint, decode_whole<TxOut>(reader.read_record()));
+      outputs_.insert_or_assign(outpoint, decode_whole<TxOut>(reader.read_record()));
     }
-    if (!reader.at_end()) {
-      return false;
+    if (reader.at_end()) {
+      return true;
     }
+    outputs_.clear();
+  } catch (const UnopenedFile&) {
+    // Nothing was read.
   } catch (const std::exception&) {
-    return false;
+    outputs_.clear();
   }
-  outputs_ = std::move(loaded);
-  return true;
+  return false;
 }
 
 }  // namespace norvel

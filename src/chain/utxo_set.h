@@ -54,11 +54,12 @@ class UTXOSet {
   //     key              v  OutPoint
   //     length of value  4
   //     value            v  TxOut
-  // False when the file cannot be opened or written in full.
+  // False when the file cannot be opened or written in full. An output whose
+  // note is over 65,535 bytes, which none that was read can be, does not load.
   bool save_to_file(const std::string& path) const EXCLUDES(mutex_);
 
-  // Replaces the set by a file's content. False, with the set as it was, when
-  // the file cannot be read or is not such a file.
+  // Replaces the set by a file's content. False when the file cannot be opened,
+  // with the set as it was, or is not such a file whole, with the set empty.
   bool load_from_file(const std::string& path) EXCLUDES(mutex_);
 
  private:

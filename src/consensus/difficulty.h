@@ -21,8 +21,8 @@ inline constexpr uint32_t kHardestBits = 0x1b00ffff;  // target 0xffff * 2^192
 // The target; bits of the mantissa pushed past bit 255 are lost.
 uint256 bits_to_target(uint32_t bits);
 
-// The compact form, cut to the three most significant bytes. A target below 256
-// keeps its byte in the mantissa's lowest place, which reads back as zero.
+// The compact form, cut to the three most significant bytes, or two when the
+// first is 0x80 or more. A target below 256 keeps its byte in the mantissa's lowest place, which reads back as zero.
 uint32_t target_to_bits(const uint256& target);
 
 // `current_bits` scaled by actual_timespan / target_timespan (seconds), the
@@ -31,8 +31,8 @@ uint32_t target_to_bits(const uint256& target);
 // otherwise.
 uint32_t calculate_next_difficulty(uint32_t current_bits, uint64_t actual_timespan, uint32_t target_timespan);
 
-// Expected number of hashes for one block: 2^256 / (target + 1); zero for the
-// target 2^256 - 1.
+// Expected number of hashes for one block: 2^256 / (target + 1), modulo 2^256;
+// so zero for a zero target, and zero for the target 2^256 - 1.
 uint256 work_from_bits(uint32_t bits);
 
 // Whether a header may carry these bits: within the allowed range as numbers,

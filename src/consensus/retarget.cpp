@@ -64,8 +64,9 @@ uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, u
   if (interval > height) {
     return difficulty::kEasiestBits;
   }
+  const uint64_t next_height = uint64_t{height} + 1;
   const uint32_t expected = interval * config.target_spacing;
-  if (interval == 0 || (height + 1) % interval != 0 || expected == 0) {
+  if (interval == 0 || next_height % interval != 0 || expected == 0) {
     return current_bits;
   }
   const std::optional<BlockHeader> first = get_header(height - interval);
@@ -82,7 +83,7 @@ uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, u
   console::error_line("[Consensus] Raw time span measured: " + std::to_string(measured) + " seconds");
   const uint64_t span = clamp_span(measured, expected);
   const uint32_t new_bits = difficulty::calculate_next_difficulty(current_bits, span, expected);
-  report_adjustment(uint64_t{height} + 1, span, expected, current_bits, new_bits);
+  report_adjustment(next_height, span, expected, current_bits, new_bits);
   return new_bits;
 }
 

@@ -84,7 +84,8 @@ class Block {
   bool has_valid_coinbase() const;
 
   // Checks the block against its own rules and the outputs it spends from
-  // `utxos`; on failure `error` holds the reason and nothing else changed.
+  // `utxos`; on failure `error` holds the reason, on success it is left alone.
+  // A transaction that does not verify is also named on standard error.
   bool is_valid(std::string& error, const UTXOSet& utxos) const;
 
   // Sum of inputs minus outputs over all transactions but coinbases and

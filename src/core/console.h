@@ -8,25 +8,35 @@
 
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 namespace norvel::console {
 
+// Opens /dev/null on each of the three standard streams that is closed, so that
+// no socket or file gets its number and with it what is printed. For main(),
+// before anything else is opened.
+void occupy_standard_streams();
+
 // Writes `text` to standard output and flushes. A failed write is ignored: a
-// full disk behind a redirected dashboard must not stop the program.
+// full disk behind a redirected dashboard must not stop the program. Neither
+// must a reader that has stopped reading: a piece that cannot be written within
+// a second is dropped, and until one can be, those after it at once.
 void write_out(std::string_view text);
 
 // As write_out, and leaves standard output in fixed notation, which later
 // floating-point output inherits.
 void write_out_fixed(std::string_view text);
 
-// Writes `text` and a newline to standard error and flushes.
+// Writes `text` and a newline to standard error and flushes, in the same way.
 void error_line(std::string_view text);
 
 // `text` with each control character replaced by "?": C0, DEL, the UTF-8 forms
 // of C1 and stray bytes 0x80 to 0x9f, so that text from a remote party cannot
-// steer the terminal.
+// steer the terminal. Cut after kPrintableBytesMax bytes, with "..." behind, so
+// that it cannot fill a log either.
+inline constexpr size_t kPrintableBytesMax = 2'000;
 std::string printable(std::string_view text);
 
 }  // namespace norvel::console

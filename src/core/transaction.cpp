@@ -1,7 +1,6 @@
 #include "core/transaction.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 #include "crypto/hash.h"
 #include "script/compact_size.h"
@@ -86,7 +85,7 @@ Bytes TxOut::locking_script() const {
 }
 
 Bytes TxOut::get_pubkey_hash() const {
-  return pubkey_hash.empty() ? Script(script_pubkey).extract_pubkey_hash() : pubkey_hash;
+  return pubkey_hash.empty() ? Script::extract_pubkey_hash(script_pubkey) : pubkey_hash;
 }
 
 int64_t TxOut::calculate_message_fee() const {

@@ -176,15 +176,18 @@ class Transaction {
   // A coinbase: one null input whose signature is the height (4 bytes,
   // little-endian) and `message`; `reward` to `miner_address`, and half of
   // `fees` to the treasury when they reach 20,000 base units. The timestamp is
-  // the clock's, at height 0 a fixed one. Throws std::runtime_error for an
-  // address that does not decode.
+  // the clock's, at height 0 a fixed one. A message of more than 65,531 bytes
+  // does not fit the byte format. Throws std::runtime_error for an address that
+  // does not decode.
   static Transaction create_coinbase_tx(const std::string& miner_address, int64_t reward, int64_t fees, uint32_t height,
                                         const std::string& message);
 
   // A signed payment of `amount` to `destination`, from `spendable` largest
   // value first until amount and fee are covered. Change returns to the
   // sender's own address; change below kDustUnits joins the fee. A non-empty
-  // `message` is encrypted to `recipient_pubkey` and rides on output 0.
+  // `message` is encrypted to `recipient_pubkey` and rides on output 0. The
+  // keys of this and the following constructors must belong together; that
+  // `spendable` can be spent with them is the caller's word.
   static std::optional<Transaction> create_standard_tx(const Bytes& sender_private_key, const Bytes& sender_pubkey,
                                                        const std::string& destination, int64_t amount,
                                                        const SpendableOutputs& spendable, int64_t fee,
@@ -202,13 +205,16 @@ class Transaction {
   // A signed transaction of type 4 that locks `amount` in a hash-time-locked
   // contract as output 0: claimable with the preimage of `payment_hash`
   // (single SHA-256) by the recipient, refundable to the sender's key from
-  // `lock_time` on. Inputs and change as create_standard_tx.
+  // `lock_time` on, which is at most 0x7fffffff. Inputs and change as
+  // create_standard_tx.
   static std::optional<Transaction> create_htlc_tx(const Bytes& sender_private_key, const Bytes& sender_pubkey,
                                                    int64_t amount, const Bytes& recipient_pkh,
                                                    const Bytes& payment_hash, uint32_t lock_time,
                                                    const SpendableOutputs& spendable, int64_t fee, std::string& error);
 
-  // Spends a contract to the signer's own address, less kHtlcSpendFeeUnits.
+  // Spends a contract to the signer's own address, less kHtlcSpendFeeUnits. Of
+  // `htlc_output` only the value is checked; a preimage may have up to about
+  // 65,000 bytes.
   static std::optional<Transaction> create_htlc_claim_tx(const Bytes& private_key, const Bytes& pubkey,
                                                          const OutPoint& htlc_outpoint, const TxOut& htlc_output,
                                                          const Bytes& preimage, std::string& error);

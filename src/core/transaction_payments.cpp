@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <set>
 #include <stdexcept>
 
 #include "core/clock.h"
@@ -22,6 +23,10 @@ namespace {
 
 constexpr size_t kInputsMax = std::numeric_limits<uint16_t>::max();
 constexpr size_t kUnlockingBytesMax = std::numeric_limits<uint16_t>::max();
+
+// Scripts read the top bit of a lock time as a sign: the coins of a contract
+// with a later one could never be refunded, or at once.
+constexpr uint32_t kHtlcLockTimeMax = 0x7fffffff;
 
 void check(bool holds, const std::string& message) {
   if (!holds) {
@@ -72,11 +77,15 @@ Selection select_inputs(SpendableOutputs spendable, int64_t needed) {
   std::stable_sort(spendable.begin(), spendable.end(),
                    [](const auto& a, const auto& b) { return a.second.value > b.second.value; });
   Selection selection;
+  std::set<OutPoint> chosen;
   int64_t missing = needed;
   for (auto& entry : spendable) {
     const int64_t value = entry.second.value;
-    if (missing <= 0 || value <= 0) {
+    if (value <= 0 || (missing == 0 && !chosen.empty())) {
       break;
+    }
+    if (entry.first.is_null() || !chosen.insert(entry.first).second) {
+      continue;
     }
     selection.inputs.push_back(std::move(entry));
     if (value >= missing) {
@@ -86,7 +95,7 @@ Selection select_inputs(SpendableOutputs spendable, int64_t needed) {
       missing -= value;
     }
   }
-  check(missing <= 0 && !selection.inputs.empty(), "Insufficient funds");
+  check(missing == 0 && !chosen.empty(), "Insufficient funds");
   check(selection.inputs.size() <= kInputsMax, "Transaction needs too many inputs");
   return selection;
 }
@@ -189,6 +198,7 @@ std::optional<Transaction> Transaction::create_htlc_tx(const Bytes& sender_priva
     check(amount > 0, "amount must be positive");
     check(payment_hash.size() == 32, "payment_hash must be 32 bytes");
     check(recipient_pkh.size() == 20, "recipient_pkh must be 20 bytes");
+    check(lock_time <= kHtlcLockTimeMax, "Invalid lock time");
     const int64_t needed = checked_total(amount, fee);
     const Signer signer(sender_private_key, sender_pubkey);
 

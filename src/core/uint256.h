@@ -10,7 +10,6 @@
 #include <compare>
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "core/bytes.h"
 
@@ -52,7 +51,7 @@ class uint256 {
   // Bytes 0 to 7, little-endian.
   uint64_t low64() const;
 
-  // Nearest-byte evaluation from byte 31 down, one rounding per byte.
+  // value = value * 256 + byte, from byte 31 down, rounded at each step.
   double to_double() const;
 
   // Index of the most significant set bit, 0 to 255; -1 for zero.

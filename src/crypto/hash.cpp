@@ -28,17 +28,23 @@ class Hasher {
     }
   }
 
+  // Overwrites the state, which holds the last digest.
+  void forget() { EVP_DigestInit_ex2(context_.get(), nullptr, nullptr); }
+
  private:
   const EVP_MD* algorithm_;
   DigestContext context_;
 };
 
-// The fetched algorithms are never freed: detached threads may hash while the
-// process exits.
-void sha256_to(ByteView data, std::span<uint8_t, uint256::kSize> digest, const char* function) {
+// The fetched algorithms are never freed, so that a thread may hash to the end.
+Hasher& sha256_hasher() {
   static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   static thread_local Hasher hasher(algorithm);
-  hasher.hash(data, digest, function);
+  return hasher;
+}
+
+void sha256_to(ByteView data, std::span<uint8_t, uint256::kSize> digest, const char* function) {
+  sha256_hasher().hash(data, digest, function);
 }
 
 void ripemd160_to(ByteView data, std::span<uint8_t, kRipemd160Bytes> digest, const char* function) {
@@ -68,6 +74,7 @@ Bytes hash160(ByteView data) {
   std::array<uint8_t, uint256::kSize> inner;
   const WipeOnExit wipe_inner(inner);
   sha256_to(data, inner, "hash160");
+  sha256_hasher().forget();
   std::array<uint8_t, kRipemd160Bytes> digest;
   ripemd160_to(inner, digest, "hash160");
   return Bytes(digest.begin(), digest.end());

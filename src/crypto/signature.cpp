@@ -21,8 +21,6 @@ namespace {
 using EcKey = std::unique_ptr<EC_KEY, OpensslDeleter<EC_KEY_free>>;
 using EcdsaSignature = std::unique_ptr<ECDSA_SIG, OpensslDeleter<ECDSA_SIG_free>>;
 
-// A sequence of two integers below 2^256, each with a sign byte at most.
-constexpr size_t kDerSignatureBytesMax = 2 + 2 * (2 + 33);
 constexpr size_t kHashBytes = 32;
 
 ByteView leftmost_bits(ByteView message) {

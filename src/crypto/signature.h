@@ -5,9 +5,14 @@
 
 #pragma once
 
+#include <cstddef>
+
 #include "core/bytes.h"
 
 namespace norvel::crypto {
+
+// A sequence of two integers below 2^256, each with a sign byte at most.
+inline constexpr size_t kDerSignatureBytesMax = 2 + 2 * (2 + 33);
 
 // The DER-encoded signature of `message`, its nonce chosen by RFC 6979 with
 // HMAC-SHA-256 and s in the lower half of the group order: equal inputs give

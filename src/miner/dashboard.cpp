@@ -103,7 +103,7 @@ std::string block_accepted_text(std::optional<uint32_t> chain_height) {
 }
 
 std::string block_rejected_text(const std::string& reason) {
-  return "❌ Block rejected: " + reason + "\n\nResuming mining...\n";
+  return "❌ Block rejected: " + console::printable(reason) + "\n\nResuming mining...\n";
 }
 
 std::string closing_text(const MiningStats& stats, uint32_t blocks_found) {

@@ -34,7 +34,7 @@ std::string block_found_text(const Block& block);
 // What follows an accepted submission; `chain_height` when the node told it.
 std::string block_accepted_text(std::optional<uint32_t> chain_height);
 
-// What follows a refused one.
+// What follows a refused one; control characters of `reason` are printed as "?".
 std::string block_rejected_text(const std::string& reason);
 
 // The closing box and the statistics of the session.

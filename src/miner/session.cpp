@@ -142,7 +142,9 @@ Block Session::fetch_block() {
     status_.set_rpc_error();
     throw std::runtime_error("Failed to get block template from node");
   }
-  status_.set_work(block_template->height - 1, block_template->bits);
+  if (g_running && !g_miner->stop_requested()) {  // otherwise the request was cut
+    status_.set_work(block_template->height - 1, block_template->bits);
+  }
   return make_block(*block_template, options_.mining_address);
 }
 

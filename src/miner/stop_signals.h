@@ -2,8 +2,8 @@
 //
 // Both signals are blocked in every thread and let in only where the main
 // thread waits, with waiting_mask(). So the handler runs at a few known places,
-// where no lock is held and nothing is half done, and may print and join
-// threads there. Both signals stay blocked while it runs.
+// where the main thread holds no lock that the handler needs, and may print and
+// join threads there. Both signals stay blocked while it runs.
 //
 // Threads: install() before any other thread exists; everything else but
 // waiting_mask() from the main thread only.

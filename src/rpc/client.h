@@ -3,8 +3,9 @@
 //
 // Errors: call() throws. The typed methods catch every standard exception,
 // print one error line and return an empty result; submit_block() and
-// send_raw_transaction() put the reason into the caller's text instead. Control
-// characters of a reason, which may be the node's words, come out as "?".
+// send_raw_transaction() put the reason into the caller's text instead. A reason
+// may be the node's words: what is printed here has passed
+// console::printable(), what is returned has not.
 //
 // A result of the wrong shape is no error: its missing members read as zero,
 // empty or null. Every method takes an ExchangeControl. An exchange cut short is
@@ -66,7 +67,7 @@ class RpcClient {
   SpendableOutputs get_utxos_for_address(const std::string& address, const ExchangeControl& control = {});
 
   // No value when one transaction of the template does not decode. A null
-  // result and an exchange cut short are a template of zeros.
+  // result is a template of zeros, and so is one that `control` cut.
   std::optional<BlockTemplate> get_block_template(const std::string& address, const ExchangeControl& control = {});
 
   // True when the node accepted; otherwise `error` says why not. Neither prints.

@@ -150,7 +150,17 @@ SpendableOutputs RpcClient::get_utxos_for_address(const std::string& address, co
 std::optional<BlockTemplate> RpcClient::get_block_template(const std::string& address, const ExchangeControl& control) {
   return read_or_print("[RPC Client] getblocktemplate error: ", [&] {
     const Outcome outcome = exchange("getblocktemplate", address_params(address), control);
-    return std::optional(outcome.was_cut ? BlockTemplate() : read_block_template(outcome.result));
+    if (outcome.was_cut && control.cut && control.cut()) {
+      return std::optional(BlockTemplate());  // whoever cut it wants no part of a template
+    }
+    try {
+      return std::optional(read_block_template(outcome.result));
+    } catch (const std::exception&) {
+      if (outcome.was_cut) {
+        return std::optional(BlockTemplate());
+      }
+      throw;
+    }
   });
 }
 
@@ -168,7 +178,7 @@ bool RpcClient::submit_block(const Block& block, std::string& error, const Excha
     }
     error = "Block rejected by node";
   } catch (const std::exception& failure) {
-    error = "submitblock error: " + console::printable(failure.what());
+    error = std::string("submitblock error: ") + failure.what();
   }
   return false;
 }
@@ -180,7 +190,7 @@ bool RpcClient::send_raw_transaction(const Transaction& tx, std::string& error, 
     }
     error = "Transaction rejected by node";
   } catch (const std::exception& failure) {
-    error = "sendrawtransaction error: " + console::printable(failure.what());
+    error = std::string("sendrawtransaction error: ") + failure.what();
   }
   return false;
 }

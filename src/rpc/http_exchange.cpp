@@ -80,17 +80,15 @@ class Waiter {
       if (now >= whole_deadline_) {
         return Step::kEnded;
       }
-      if (now >= step_deadline) {
-        return Step::kFailed;
-      }
+      // Looks once more after the step's time: a process that was suspended meanwhile has lost nothing.
+      const Clock::duration left = std::min(whole_deadline_, step_deadline) - now;
+      const timespec slice = to_timespec(std::clamp<Clock::duration>(left, Clock::duration::zero(), kWaitSlice));
       pollfd waiting{fd, events, 0};
-      const timespec slice =
-          to_timespec(std::min<Clock::duration>(kWaitSlice, std::min(whole_deadline_, step_deadline) - now));
       const int ready = ::ppoll(&waiting, 1, &slice, control_.wait_mask);
       if (ready > 0) {
         return Step::kDone;
       }
-      if (ready < 0 && errno != EINTR) {
+      if ((ready < 0 && errno != EINTR) || now >= step_deadline) {
         return Step::kFailed;
       }
     }

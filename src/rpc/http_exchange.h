@@ -36,6 +36,9 @@ struct ExchangeTimeouts {
   int64_t whole_ms = 120'000;  // ends the exchange as a cut does
 };
 
+// A stalled node must not hold a worker for longer than people wait.
+static_assert(ExchangeTimeouts{}.step_ms == 30'000 && ExchangeTimeouts{}.whole_ms == 120'000);
+
 struct HttpExchange {
   HttpReply reply;
   bool was_cut = false;  // by the caller or the time of the whole exchange, so that the reply may lack its end

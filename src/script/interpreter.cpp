@@ -249,7 +249,11 @@ bool ScriptRun::check_signature() {
   }
   const ByteView bytes = signature.view();
   const ByteView der = bytes.first(bytes.size() - 1);
-  const bool valid = ScriptInterpreter::verify_signature(der, public_key.view(), signature_hash(bytes.back()));
+  // Of other sizes neither can be valid; hashing a large transaction for them would be free work for a spammer.
+  const bool plausible =
+      public_key.size() == crypto::kPublicKeyBytes && !der.empty() && der.size() <= crypto::kDerSignatureBytesMax;
+  const bool valid =
+      plausible && ScriptInterpreter::verify_signature(der, public_key.view(), signature_hash(bytes.back()));
   push_byte(valid ? 1 : 0);
   return true;
 }

@@ -130,14 +130,14 @@ bool Script::is_htlc_script(ByteView program) {
          program[1] == byte_of(OpCode::OP_SHA256) && program.back() == byte_of(OpCode::OP_ENDIF);
 }
 
-Bytes Script::extract_pubkey_hash() const {
-  const bool is_p2pkh = bytes.size() == kP2pkhBytes && bytes[0] == byte_of(OpCode::OP_DUP) &&
-                        bytes[1] == byte_of(OpCode::OP_HASH160) && bytes[2] == kPubkeyHashBytes &&
-                        bytes[23] == byte_of(OpCode::OP_EQUALVERIFY) && bytes[24] == byte_of(OpCode::OP_CHECKSIG);
+Bytes Script::extract_pubkey_hash(ByteView program) {
+  const bool is_p2pkh = program.size() == kP2pkhBytes && program[0] == byte_of(OpCode::OP_DUP) &&
+                        program[1] == byte_of(OpCode::OP_HASH160) && program[2] == kPubkeyHashBytes &&
+                        program[23] == byte_of(OpCode::OP_EQUALVERIFY) && program[24] == byte_of(OpCode::OP_CHECKSIG);
   if (!is_p2pkh) {
     return {};
   }
-  const ByteView hash = ByteView(bytes).subspan(kP2pkhHashOffset, kPubkeyHashBytes);
+  const ByteView hash = program.subspan(kP2pkhHashOffset, kPubkeyHashBytes);
   return Bytes(hash.begin(), hash.end());
 }
 

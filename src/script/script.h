@@ -66,7 +66,7 @@ class Script {
   void push_opcode(OpCode opcode);
 
   // Appends the shortest push of `data`, which has at most 4,294,967,295 bytes;
-  // none gives OP_0.
+  // none gives OP_0. `data` must not lie in `bytes`.
   void push_data(ByteView data);
 
   //   length   v  compact size
@@ -104,7 +104,8 @@ class Script {
 
   // The 20-byte hash that a script made by create_p2pkh_output() pays; empty
   // for any other script.
-  Bytes extract_pubkey_hash() const;
+  Bytes extract_pubkey_hash() const { return extract_pubkey_hash(bytes); }
+  static Bytes extract_pubkey_hash(ByteView program);
 };
 
 }  // namespace norvel

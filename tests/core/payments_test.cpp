@@ -111,6 +111,9 @@ TEST(StandardTx, SelectsTheLargestAndReturnsTheChange) {
       {"worthless and negative outputs do not help", 20, 0, spendable({10, 0, -10, 9}), {}, 0, "Insufficient funds"},
       {"nothing to spend", 1, 0, {}, {}, 0, "Insufficient funds"},
       {"values that overflow together", kMax, 0, spendable({kMax - 1, kMax - 1}), {0, 1}, kMax - 2, ""},
+      {"one outpoint listed twice", 15, 0, {spendable({10})[0], spendable({10})[0]}, {}, 0, "Insufficient funds"},
+      {"the null outpoint", 5, 0, {{OutPoint::null(), TxOut(10, {})}}, {}, 0, "Insufficient funds"},
+      {"nothing to pay", 0, 0, spendable({5'000}), {0}, 5'000, ""},
       {"negative amount", -1, 10, spendable({100}), {}, 0, "Invalid amount"},
       {"negative fee", 10, -1, spendable({100}), {}, 0, "Invalid amount"},
       {"amount and fee overflow", kMax, 1, spendable({kMax}), {}, 0, "Invalid amount"},
@@ -140,6 +143,13 @@ TEST(StandardTx, SelectsTheLargestAndReturnsTheChange) {
     }
     EXPECT_TRUE(tx->verify_all_signatures(as_map(row.outputs)));
   }
+}
+
+TEST(StandardTx, RefusesKeysThatDoNotBelongTogether) {
+  std::string error;
+  EXPECT_FALSE(Transaction::create_standard_tx(alice().private_key, bob().pubkey, bob().address, 1, spendable({1'000}),
+                                               0, "", {}, error));
+  EXPECT_EQ(error, "Public key does not match private key");
 }
 
 TEST(StandardTx, CarriesAnEncryptedNote) {
@@ -219,8 +229,9 @@ TEST(MessageTx, PaysNothingAndReturnsTheRest) {
 
 class HtlcTx : public testing::Test {
  protected:
-  std::optional<Transaction> fund(int64_t amount, const Bytes& recipient, const Bytes& hash) {
-    return Transaction::create_htlc_tx(alice().private_key, alice().pubkey, amount, recipient, hash, kLockTime,
+  std::optional<Transaction> fund(int64_t amount, const Bytes& recipient, const Bytes& hash,
+                                  uint32_t lock_time = kLockTime) {
+    return Transaction::create_htlc_tx(alice().private_key, alice().pubkey, amount, recipient, hash, lock_time,
                                        spendable({60'000, 50'000}), 100, error_);
   }
 
@@ -290,6 +301,10 @@ TEST_F(HtlcTx, RefusesBadArgumentsInOrder) {
     EXPECT_EQ(error_, row.error);
   }
   EXPECT_TRUE(fund(109'900, Bytes(20), Bytes(32)));
+  for (const uint32_t lock_time : {0x7fffffffu, 0x80000000u}) {
+    EXPECT_EQ(fund(1, Bytes(20), Bytes(32), lock_time).has_value(), lock_time == 0x7fffffffu);
+    EXPECT_EQ(error_, lock_time == 0x7fffffffu ? "" : "Invalid lock time");
+  }
 
   const SampleKey& key = bob();
   for (const int64_t value : {10'000, 10'001}) {

@@ -88,14 +88,14 @@ TEST(Base58, RefusesEveryCharacterOutsideTheAlphabet) {
   }
 }
 
-// Two published examples of Base58Check with version 0x00, the second for the
+// Worked out with the digests of Python's hashlib; the second is for the
 // compressed generator point of secp256k1.
 constexpr const char kHashA[] = "010966776006953d5567439e5e39f86a0d273bee";
 constexpr const char kAddressA[] = "16UwLL9Risc3QfPqBUvKofHmBQ7wMtjvM";
 constexpr const char kKeyB[] = "0279be667ef9dcbbac55a06295ce870b07029bfcdb2dce28d959f2815b16f81798";
 constexpr const char kAddressB[] = "1BgGZ9tcN4rm9KBzDn7KprQz87SZ26SAMH";
 
-TEST(Address, MatchesPublishedExamples) {
+TEST(Address, MatchesIndependentExamples) {
   EXPECT_EQ(hash160_to_address(hex_to_bytes(kHashA), 0x00), kAddressA);
   EXPECT_EQ(address_to_hash160(kAddressA), hex_to_bytes(kHashA));
   EXPECT_EQ(pubkey_to_address(hex_to_bytes(kKeyB), 0x00), kAddressB);

@@ -71,7 +71,7 @@ TEST(Hash160, IsRipemd160OfSha256) {
     EXPECT_EQ(bytes_to_hex(ripemd160(bytes_of(row.message))), row.digest);
     EXPECT_EQ(hash160(bytes_of(row.message)), ripemd160(sha256(bytes_of(row.message)).to_bytes()));
   }
-  // Both digests by libgcrypt.
+  // By libgcrypt.
   EXPECT_EQ(bytes_to_hex(hash160(hex_to_bytes("0279be667ef9dcbbac55a06295ce870b07029bfcdb2dce28d959f2815b16f81798"))),
             "751e76e8199196d454941c45d1b3a323f1433bd6");
 }

@@ -19,7 +19,7 @@ TEST(DerivePublicKey, MatchesSec2) {
     const char* private_key;
     const char* public_key;
   } rows[] = {
-      // SEC 2 version 2, section 2.4.1: the generator, its double, its negative.
+      // SEC 2 version 2, section 2.4.1, for the generator; its double and its negative by libsecp256k1.
       {"1", "0000000000000000000000000000000000000000000000000000000000000001",
        "0279be667ef9dcbbac55a06295ce870b07029bfcdb2dce28d959f2815b16f81798"},
       {"2", "0000000000000000000000000000000000000000000000000000000000000002",

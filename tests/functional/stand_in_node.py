@@ -3,7 +3,8 @@
 Answers getblockcount, getblocktemplate and submitblock. It keeps a chain tip that advances with each accepted
 block, checks every submitted block in full and keeps every request byte for byte.
 
-Threads: one accepts, one serves each connection; `_lock` guards the chain and the records. All are daemons.
+Threads: one accepts, one serves each connection; `_lock` guards the chain. The records only grow, by single list
+operations, so that a test may read them at any time. All threads are daemons.
 """
 
 import json
@@ -111,10 +112,12 @@ class StandInNode:
         except OSError:
             pass
         self._listener.close()
+        self._placeholder = self._bind(self.port)  # so that nobody else gets the port
 
     def open_door(self) -> None:
         """Listens again on the same port."""
         self._listener = self._listen(self.port)
+        self._placeholder.close()
 
     def answer(self, method: str, params: Any) -> Dict[str, Any]:
         """The JSON-RPC reply of a node in good order."""
@@ -171,10 +174,15 @@ class StandInNode:
         self._tip = (block.hash(), as_u32(block.height), min(block.timestamp, 2**40))
         return ""
 
+    @staticmethod
+    def _bind(port: int) -> socket.socket:
+        bound = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        bound.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        bound.bind(("127.0.0.1", port))
+        return bound
+
     def _listen(self, port: int) -> socket.socket:
-        listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        listener.bind(("127.0.0.1", port))
+        listener = self._bind(port)
         listener.listen(64)
         threading.Thread(target=self._accept, args=(listener,), daemon=True).start()
         return listener

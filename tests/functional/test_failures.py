@@ -2,6 +2,7 @@
 
 import contextlib
 import json
+import resource
 import signal
 
 import behaviours as b
@@ -76,6 +77,16 @@ def test_a_node_that_goes_away_and_comes_back() -> None:
             TEMPLATE_ERROR + refused, UPDATE_ERROR.rstrip(), "[RPC Client] getblockcount error: " + refused}
         assert screen.rejected("submitblock error: " + refused) in out
         assert node.problems == []
+
+
+def test_no_descriptor_left_for_a_connection() -> None:
+    with StandInNode(MEDIUM) as node, start(node) as miner:
+        miner.wait_for_dashboard(lambda d: d.status == "Connected")
+        resource.prlimit(miner.process.pid, resource.RLIMIT_NOFILE, (3, 3))
+        miner.wait_for(screen.rejected("submitblock error: Failed to create socket"), 30)
+        miner.wait_for_dashboard(lambda d: d.status == "RPC Error", 30)
+        miner.stop()
+        assert TEMPLATE_ERROR + "Failed to create socket\n" + UPDATE_ERROR in miner.err()
 
 
 def test_null_results_are_mined_as_an_empty_template() -> None:

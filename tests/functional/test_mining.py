@@ -124,11 +124,11 @@ def test_dashboard_and_closing_block() -> None:
     ("fraction of a unit", {"total_fees": 19_999.9, "miner_reward": 1.9}, None),
 ])
 def test_extreme_template_numbers(label: str, fields: "dict[str, float]", header_time: "int | None") -> None:
-    with StandInNode(EASY, 1) as node, Miner("--address", MINER_ADDRESS, "--rpcport", node.port, "--threads",
-                                             "1") as miner:
+    with StandInNode(EASY, 1) as node:
         node.overrides = fields
-        wait_until(lambda: node.accepted or node.problems, "block")
-        miner.stop()
+        with Miner("--address", MINER_ADDRESS, "--rpcport", node.port, "--threads", "1") as miner:
+            wait_until(lambda: node.accepted or node.problems, "block")
+            miner.stop()
     assert node.problems == []
     assert header_time in (None, node.accepted[0].timestamp)
 

@@ -1,8 +1,11 @@
 """Ctrl+C and termination at every stage of a run, suspension, and many short runs."""
 
 import contextlib
+import fcntl
+import os
 import signal
 import socket
+import subprocess
 import time
 from typing import Iterator
 
@@ -10,7 +13,7 @@ import pytest
 
 import behaviours as b
 import screen
-from miner_process import SLOW, Miner, wait_until
+from miner_process import SLOW, Miner, program, wait_until
 from stand_in_node import (EASY, MINER_ADDRESS, NEVER, START_HEIGHT, Behaviour, StandInNode, answer_well,
                            closed_port)
 
@@ -109,31 +112,39 @@ def test_while_mining(number: int, delay_s: float) -> None:
         assert node.count("getblocktemplate") == 1
 
 
+@pytest.mark.parametrize("number", SIGNALS)
 @pytest.mark.parametrize("behaviour", [b.hang, b.trickle, b.stall_halfway])
-def test_while_a_refresh_is_awaited(behaviour: Behaviour) -> None:
+def test_while_a_refresh_is_awaited(number: int, behaviour: Behaviour) -> None:
     with StandInNode(EASY, 1) as node:
         node.plan("getblocktemplate", answer_well, behaviour)
         with start(node.port) as miner:
             wait_until(lambda: node.count("getblocktemplate") == 2, "refresh")
-            out = miner.stop()
+            out = miner.stop(number)
             assert screen.accepted(START_HEIGHT + 1) in out
+            assert all(drawn.height != 2**32 - 1 for drawn in screen.dashboards(out))
             assert miner.err() == ""
 
 
+@pytest.mark.parametrize("number", SIGNALS)
 @pytest.mark.parametrize("label, method, behaviour, outcome", [
     ("submission never answered", "submitblock", b.hang, screen.rejected("Block rejected by node")),
     ("submission answered in time", "submitblock", b.after(2), screen.accepted(START_HEIGHT + 1)),
+    ("late submission, then a count never answered: five seconds together", "submitblock", b.after(4),
+     "Block accepted by node!\n\nResuming mining...\n"),
     ("count never answered", "getblockcount", b.trickle, "Block accepted by node!\n\nResuming mining...\n"),
 ])
-def test_while_a_submission_is_awaited(label: str, method: str, behaviour: Behaviour, outcome: str) -> None:
+def test_while_a_submission_is_awaited(number: int, label: str, method: str, behaviour: Behaviour,
+                                       outcome: str) -> None:
     with StandInNode(EASY, 1) as node:
         node.plan("getblockcount", answer_well, answer_well)
         node.plan(method, behaviour)
+        if label.startswith("late"):
+            node.plan("getblockcount", b.hang)
         with start(node.port) as miner:
             wait_until(lambda: node.methods()[3:][-1:] == [method], "request")
-            miner.send(signal.SIGINT)
+            miner.send(number)
             time.sleep(0.1)
-            out = miner.stop(limit_s=8)  # a second Ctrl+C while the first one is at work
+            out = miner.stop(number, limit_s=8)  # a second signal while the first one is at work
             assert [text for name, text in pieces_after_start(out, node.port) if name == "outcome"] == [outcome]
             closing = screen.CLOSING.search(out)
             assert closing and int(closing["found"]) == ("accepted" in outcome)
@@ -191,6 +202,33 @@ def test_thirty_short_runs_end_cleanly_wherever_the_signal_falls() -> None:
                     at_start = err in (screen.NO_COUNT, screen.no_connection("127.0.0.1", node.port))
                     assert (status, bool(screen.CLOSING.search(out))) == ((1, False) if at_start else (0, True)), err
                     assert at_start or err == ""
+        assert node.problems == []
+
+
+def test_a_reader_that_stops_reading_holds_up_neither_mining_nor_the_end() -> None:
+    reading, writing = os.pipe()
+    fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
+    with StandInNode(EASY, 8) as node, open(writing, "wb") as unread:
+        with Miner("--address", MINER_ADDRESS, "--rpcport", node.port, stdout=unread) as miner:
+            wait_until(lambda: len(node.accepted) == 8, "blocks", 20)
+            miner.send(signal.SIGINT)
+            assert miner.end(6) == 0
+    os.close(reading)
+
+
+@pytest.mark.parametrize("closed", ["0<&-", "1>&-", "0<&- 1>&- 2>&-"])
+def test_a_closed_stream_does_not_become_a_connection(closed: str) -> None:
+    with StandInNode(EASY, 3) as node:
+        command = f'exec "$0" --address {MINER_ADDRESS} --rpcport {node.port} --threads 2 {closed}'
+        with subprocess.Popen(["sh", "-c", command, program()], stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL) as process:
+            try:
+                wait_until(lambda: len(node.accepted) == 3 or node.problems, "blocks")
+                time.sleep(1.2)
+                process.send_signal(signal.SIGTERM)
+                assert process.wait(6 * SLOW) == 0
+            finally:
+                process.kill()
         assert node.problems == []
 
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <stdexcept>
@@ -267,6 +268,24 @@ TEST(Miner, StopPrintsItsLinesOnceAndTheMinerStartsAgain) {
   ASSERT_TRUE(scripted.miner.start());
   const uint64_t before = scripted.miner.stats.total_hashes;
   EXPECT_TRUE(wait_until([&] { return scripted.miner.stats.total_hashes > before; }));
+}
+
+TEST(Miner, ManyRunsLeaveNoThreadAndNoDescriptorBehind) {
+  const auto count = [](const char* directory) {
+    const std::filesystem::directory_iterator entries(directory);
+    return std::distance(begin(entries), end(entries));
+  };
+  ScriptedMiner scripted(2, [](uint32_t request) { return make_block(request, kSparse); });
+  testing::internal::CaptureStdout();
+  const auto threads = count("/proc/self/task");
+  const auto descriptors = count("/proc/self/fd");
+  for (int run = 0; run < 30; ++run) {
+    ASSERT_TRUE(scripted.miner.start());
+    scripted.miner.stop();
+  }
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(count("/proc/self/task"), threads);
+  EXPECT_LE(count("/proc/self/fd"), descriptors);
 }
 
 // Address space for a few hundred thread stacks, so that the next one fails.

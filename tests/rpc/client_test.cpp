@@ -309,7 +309,7 @@ TEST(RpcClient, SubmissionsReturnTheirReasonAndPrintNothing) {
       {"text for true", R"({"result":{"accepted":"true"}})", "Block rejected by node", "Transaction rejected by node"},
       {"true alone", R"({"result":true})", "Block rejected by node", "Transaction rejected by node"},
       {"nothing", "", "Block rejected by node", "Transaction rejected by node"},
-      {"error", "{\"error\":{\"message\":\"a\tb\"}}", "submitblock error: a?b", "sendrawtransaction error: a?b"},
+      {"error", "{\"error\":{\"message\":\"a\tb\"}}", "submitblock error: a\tb", "sendrawtransaction error: a\tb"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);

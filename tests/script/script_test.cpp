@@ -1,4 +1,5 @@
 #include "script/script.h"
+#include "script/compact_size.h"
 
 #include <gtest/gtest.h>
 
@@ -43,6 +44,24 @@ TEST(Script, SerializesAndReadsBackEveryPrefixWidth) {
     size_t offset = 2;
     EXPECT_EQ(Script::deserialize(framed, offset), script);
     EXPECT_EQ(offset, framed.size() - 1);
+  }
+}
+
+TEST(CompactSize, WidensAtTheEdgesOfFourBytes) {
+  const struct {
+    uint64_t value;
+    const char* wire;
+  } rows[] = {
+      {0xffffffff, "fe ff ff ff ff"},
+      {0x100000000, "ff 00 00 00 00 01 00 00 00"},
+      {UINT64_MAX, "ff ff ff ff ff ff ff ff ff"},
+  };
+  for (const auto& row : rows) {
+    Bytes out;
+    append_compact_size(out, row.value);
+    EXPECT_EQ(out, hex(row.wire));
+    size_t offset = 0;
+    EXPECT_EQ(read_compact_size(out, offset), row.value);
   }
 }
 

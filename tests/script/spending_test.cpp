@@ -23,8 +23,9 @@ class Spending : public testing::Test {
     Bytes secret, pub, hash;
   };
 
-  static Key make_key() {
-    auto [secret, pub] = crypto::generate_keypair();
+  static Key make_key(uint8_t seed) {
+    const Bytes secret(32, seed);
+    const Bytes pub = crypto::derive_public_key(secret);
     return {secret, pub, crypto::hash160(pub)};
   }
 
@@ -48,8 +49,8 @@ class Spending : public testing::Test {
 
   bool unlocks() const { return ScriptInterpreter::verify_input_signature(tx_, 0, spent_); }
 
-  const Key payee_ = make_key();
-  const Key stranger_ = make_key();
+  const Key payee_ = make_key(1);
+  const Key stranger_ = make_key(2);
   Transaction tx_ = sample_transaction();
   TxOut spent_;
 };
@@ -159,7 +160,7 @@ class HtlcSpending : public Spending {
   }
 
   const Bytes preimage_ = Bytes(40, 0x5a);
-  const Key refundee_ = make_key();
+  const Key refundee_ = make_key(3);
   Script contract_;
 };
 
