@@ -71,7 +71,11 @@ Status::Values Status::get() const {
 }
 
 Session::~Session() {
-  g_miner.reset();  // its callbacks use this object
+  // Its callbacks use this object, and g_miner until the last worker is joined.
+  if (g_miner) {
+    g_miner->stop();
+    g_miner.reset();
+  }
 }
 
 int Session::run() {

@@ -22,14 +22,11 @@ uint64_t choose_thread_count(uint64_t requested) {
   return requested != 0 ? requested : std::max(std::thread::hardware_concurrency(), 1u);
 }
 
-// Runs a callback on a worker; mining goes on when it throws.
-template <class Callback, class Argument>
-void call_guarded(const Callback& callback, const Argument& argument) {
-  if (!callback) {
-    return;
-  }
+// Calls back from a worker; mining goes on when that throws.
+template <class Call>
+void call_guarded(const Call& call) {
   try {
-    callback(argument);
+    call();
   } catch (const std::exception& failure) {
     console::error_line(std::string("[Miner] Error in callback: ") + failure.what());
   }
@@ -39,12 +36,11 @@ void call_guarded(const Callback& callback, const Argument& argument) {
 
 // A worker's private state.
 struct Miner::Worker {
-  explicit Worker(uint64_t worker_index)
-      : index(worker_index), start_nonce(static_cast<uint32_t>(worker_index) * kNonceSpacing) {}
+  explicit Worker(uint64_t index) : start_nonce(static_cast<uint32_t>(index) * kNonceSpacing) {}
 
-  const uint64_t index;
   const uint32_t start_nonce;
-  Block block;
+  std::shared_ptr<const Block> block;  // shared with the others, never changed
+  BlockHeader header;                  // the private copy that is searched
   uint64_t work_number = 0;
   bool saw_flag = false;  // since the flag rose
   uint64_t hashes = 0;
@@ -90,7 +86,7 @@ bool Miner::start() {
   stop_requested_ = false;  // before the callback, which may poll it
   try {
     const MutexLock lock(mutex_);
-    current_block_ = callbacks.get_block_template();
+    current_block_ = std::make_shared<const Block>(callbacks.get_block_template());
   } catch (const std::exception& failure) {
     console::error_line(std::string("[Miner] Error getting block template: ") + failure.what());
     return false;
@@ -98,6 +94,8 @@ bool Miner::start() {
   running = true;
   new_work_ = false;
   try {
+    // Workers begin when the last one exists: those that search already would slow down the making of the others.
+    const MutexLock lock(mutex_);
     for (uint64_t i = 0; i < thread_count_; ++i) {
       threads_.emplace_back(&Miner::mine_worker, this, i);
     }
@@ -139,13 +137,13 @@ void Miner::refresh_template(bool by_finder) {
     return;
   }
   try {
-    Block fresh = callbacks.get_block_template();
-    const bool was_hopeless = difficulty::bits_to_target(current_block_.header.bits).is_zero();
+    auto fresh = std::make_shared<const Block>(callbacks.get_block_template());
+    const bool was_hopeless = difficulty::bits_to_target(current_block_->header.bits).is_zero();
     current_block_ = std::move(fresh);
-    if (by_finder || was_hopeless || new_work_) {
+    const bool flag_was_up = new_work_.exchange(false);
+    if (by_finder || was_hopeless || flag_was_up) {
       ++work_number_;
     }
-    new_work_ = false;
   } catch (const std::exception& failure) {
     console::error_line(std::string("[Miner] Error updating template: ") + failure.what());
   }
@@ -153,7 +151,8 @@ void Miner::refresh_template(bool by_finder) {
 
 void Miner::copy_work(Worker& worker) const {
   worker.block = current_block_;
-  worker.block.header.nonce = worker.start_nonce;
+  worker.header = current_block_->header;
+  worker.header.nonce = worker.start_nonce;
   worker.work_number = work_number_;
 }
 
@@ -171,8 +170,14 @@ void Miner::follow_new_work(Worker& worker) const {
 
 void Miner::handle_found_block(Worker& worker) {
   ++stats.blocks_found;
-  worker.block.invalidate_cache();
-  call_guarded(callbacks.on_block_found, worker.block);
+  call_guarded([&] {
+    if (callbacks.on_block_found) {
+      Block found = *worker.block;
+      found.header = worker.header;
+      found.invalidate_cache();
+      callbacks.on_block_found(found);
+    }
+  });
   new_work_ = true;
   refresh_template(true);
   const MutexLock lock(mutex_);
@@ -190,7 +195,11 @@ void Miner::update_statistics(Worker& worker) {
   if (elapsed > 0) {
     stats.hashrate = static_cast<double>(stats.total_hashes.load()) / static_cast<double>(elapsed);
   }
-  call_guarded(callbacks.on_stats_update, MiningStats(stats));
+  call_guarded([&] {
+    if (callbacks.on_stats_update) {
+      callbacks.on_stats_update(MiningStats(stats));
+    }
+  });
 }
 
 void Miner::mine_worker(uint64_t index) {
@@ -203,13 +212,13 @@ void Miner::mine_worker(uint64_t index) {
   while (!stop_requested_) {
     if (index == 0 && SteadyClock::now() - worker.last_header_time >= kSecond) {
       worker.last_header_time = SteadyClock::now();
-      worker.block.header.timestamp = unix_time_seconds();
+      worker.header.timestamp = unix_time_seconds();
     }
     follow_new_work(worker);
-    if (worker.block.header.check_proof_of_work()) {
+    if (worker.header.check_proof_of_work()) {
       handle_found_block(worker);
     }
-    worker.block.header.nonce += stride;
+    worker.header.nonce += stride;
     stats.total_hashes.fetch_add(1, std::memory_order_relaxed);
     ++worker.hashes;
     if (index == 0) {
