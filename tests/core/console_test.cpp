@@ -13,26 +13,18 @@ TEST(Printable, ReplacesWhatSteersATerminalAndKeepsText) {
     std::string text;
     std::string want;
   } rows[] = {
-      {"plain text", "a b~", "a b~"},
       {"line break, tab and escape", "a\nb\tc\x1b[2Jd\r", "a?b?c?[2Jd?"},
       {"zero byte", std::string("a\0b", 3), "a?b"},
-      {"last of C0, first printable", "\x1f\x20", "? "},
       {"DEL", "\x7e\x7f", "~?"},
       {"C1 as UTF-8: one character, one mark", "\xc2\x80\xc2\x9b\xc2\x9f", "???"},
-      {"first character after C1", "\xc2\xa0", "\xc2\xa0"},
       {"stray bytes around C1", "\x80\x9b\x9f\xa0", "???\xa0"},
       {"bytes of C1 inside characters", "\xc3\x9f \xe2\x94\x80 \xf0\x9f\x92\x9b",
        "\xc3\x9f \xe2\x94\x80 \xf0\x9f\x92\x9b"},
       {"character cut at the end", "\xe2\x94", "\xe2?"},
       {"character interrupted by an escape", "\xe2\x94\x1b[m", "\xe2??[m"},
-      {"two-byte form of an ASCII control", "\xc0\x9b", "\xc0?"},
       {"three-byte form of a C1 control", "\xe0\x82\x9b", "\xe0??"},
-      {"shortest three bytes", "\xe0\xa0\x80", "\xe0\xa0\x80"},
-      {"surrogate", "\xed\xa0\x9b", "\xed\xa0?"},
-      {"four-byte form of a C1 control", "\xf0\x80\x82\x9b", "\xf0???"},
       {"last code point", "\xf4\x8f\xbf\xbf", "\xf4\x8f\xbf\xbf"},
       {"beyond the last code point", "\xf4\x90\x80\x80", "\xf4???"},
-      {"lead byte beyond UTF-8", "\xf5\x80\x80\x80", "\xf5???"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);

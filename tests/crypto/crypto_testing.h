@@ -15,6 +15,11 @@ inline Bytes bytes_of(std::string_view text) {
   return Bytes(text.begin(), text.end());
 }
 
+inline Bytes joined(Bytes front, const Bytes& back) {
+  append(front, back);
+  return front;
+}
+
 inline Bytes random_bytes(std::mt19937_64& random, size_t count) {
   Bytes bytes(count);
   for (uint8_t& byte : bytes) {

@@ -4,9 +4,6 @@
 #pragma once
 
 #include <secp256k1.h>
-#include <secp256k1_ecdh.h>
-
-#include <algorithm>
 
 #include "core/bytes.h"
 
@@ -54,19 +51,9 @@ inline bool verify(const Bytes& hash, const Bytes& der, const Bytes& compressed_
   return secp256k1_ecdsa_verify(context(), &signature, hash.data(), &key) == 1;
 }
 
-// The X coordinate of compressed_key * private_key, 32 bytes.
-inline Bytes shared_x(const Bytes& compressed_key, const Bytes& private_key) {
-  secp256k1_pubkey key;
-  Bytes x(32);
-  const auto copy_x = [](unsigned char* out, const unsigned char* x32, const unsigned char*, void*) {
-    std::copy_n(x32, 32, out);
-    return 1;
-  };
-  if (secp256k1_ec_pubkey_parse(context(), &key, compressed_key.data(), compressed_key.size()) != 1 ||
-      secp256k1_ecdh(context(), x.data(), &key, private_key.data(), copy_x, nullptr) != 1) {
-    return {};
-  }
-  return x;
+// n - scalar, 32 bytes; the scalar is a valid private key.
+inline Bytes negated(Bytes scalar) {
+  return secp256k1_ec_seckey_negate(context(), scalar.data()) == 1 ? scalar : Bytes{};
 }
 
 }  // namespace norvel::crypto::reference

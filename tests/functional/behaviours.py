@@ -8,12 +8,10 @@ HANG_S = 300  # longer than any test
 
 
 def raw(reply: bytes) -> Behaviour:
-    """Sends these bytes and closes."""
     return lambda exchange: exchange.sock.sendall(reply)
 
 
 def body(text: "str | bytes", status: str = "200 OK") -> Behaviour:
-    """Sends a well-formed HTTP reply with this body."""
     return raw(http(text, status))
 
 
@@ -39,7 +37,6 @@ def stall_halfway(exchange: Exchange) -> None:
 
 
 def after(seconds: float) -> Behaviour:
-    """The right reply, late."""
     def behave(exchange: Exchange) -> None:
         time.sleep(seconds)
         exchange.sock.sendall(exchange.answer())
@@ -50,23 +47,6 @@ def close_door(exchange: Exchange) -> None:
     """The right reply, after which connections are refused."""
     exchange.node.close_door()
     exchange.sock.sendall(exchange.answer())
-
-
-def without_length(exchange: Exchange) -> None:
-    """The right reply, ended by closing instead of a length."""
-    exchange.sock.sendall(b"HTTP/1.1 200 OK\r\n\r\n" + exchange.answer().partition(b"\r\n\r\n")[2])
-
-
-def byte_by_byte(exchange: Exchange) -> None:
-    for byte in exchange.answer():
-        exchange.sock.sendall(bytes([byte]))
-        time.sleep(0.0005)
-
-
-def held_open(exchange: Exchange) -> None:
-    """The right reply on a connection that stays open: the declared length alone ends it."""
-    exchange.sock.sendall(exchange.answer())
-    exchange.closed_by_peer(HANG_S)
 
 
 def trickle(exchange: Exchange) -> None:

@@ -6,23 +6,25 @@ import signal
 import subprocess
 import tempfile
 import time
-from typing import IO, Callable, List, Optional
+from concurrent.futures import ThreadPoolExecutor
+from typing import IO, Callable, Iterable, List, Optional, Tuple
 
 import screen
+from stand_in_node import MINER_ADDRESS, START_HEIGHT
+
+resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # the child processes inherit it
 
 # Sanitized builds are slower by this factor; time limits stretch with it.
 SLOW = float(os.environ.get("NORVEL_SLOW", "1"))
 
 
 def program() -> str:
-    """Path of the program under test."""
     path = os.environ.get("NORVEL_MINER", "")
     assert os.access(path, os.X_OK), f"NORVEL_MINER does not name the program: {path!r}"
     return path
 
 
 def wait_until(condition: Callable[[], object], what: str, limit_s: float = 10) -> None:
-    """Polls until the condition holds."""
     until = time.monotonic() + limit_s * SLOW
     while not condition():
         assert time.monotonic() < until, f"no {what} within {limit_s * SLOW:.0f} s"
@@ -36,7 +38,7 @@ class Miner:
         self._out = stdout or tempfile.TemporaryFile()
         self._err = tempfile.TemporaryFile()
         self.process = subprocess.Popen([program(), *map(str, args)], stdin=subprocess.DEVNULL, stdout=self._out,
-                                        stderr=self._err, preexec_fn=_no_core_file)
+                                        stderr=self._err)
 
     def __enter__(self) -> "Miner":
         return self
@@ -55,19 +57,13 @@ class Miner:
         return _content(self._err)
 
     def wait_for(self, text: str, limit_s: float = 10) -> None:
-        """Waits until standard output holds the text."""
         wait_until(lambda: text in self.out(), repr(text), limit_s)
 
     def wait_for_dashboard(self, fits: Callable[[screen.Dashboard], bool], limit_s: float = 10) -> screen.Dashboard:
         """Waits for a dashboard drawn from now on that fits."""
         drawn = len(screen.dashboards(self.out()))
-        found: List[screen.Dashboard] = []
-
-        def look() -> bool:
-            found[:] = [d for d in screen.dashboards(self.out())[drawn:] if fits(d)]
-            return bool(found)
-        wait_until(look, "fitting dashboard", limit_s)
-        return found[0]
+        wait_until(lambda: any(map(fits, screen.dashboards(self.out())[drawn:])), "fitting dashboard", limit_s)
+        return next(filter(fits, screen.dashboards(self.out())[drawn:]))
 
     def send(self, number: int) -> None:
         self.process.send_signal(number)
@@ -87,10 +83,22 @@ class Miner:
         assert screen.CLOSING.search(self.out()), self.out()[-500:]
         return self.out()
 
-    def peak_memory_mb(self) -> float:
-        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:
-            peak = next(line for line in status if line.startswith("VmHWM:"))
-        return int(peak.split()[1]) / 1024
+
+def mine(port: int, threads: int = 1, stdout: Optional[IO[bytes]] = None) -> Miner:
+    return Miner("--address", MINER_ADDRESS, "--rpcport", port, "--threads", threads, stdout=stdout)
+
+
+def pieces_of(out: str, port: int, threads: int = 1) -> List[Tuple[str, str]]:
+    """Checks the start-up output of `mine()` and cuts the rest into pieces."""
+    start = screen.until_connecting(MINER_ADDRESS, port, str(threads)) + screen.connected(START_HEIGHT, threads)
+    return list(screen.pieces(out, start))
+
+
+def side_by_side(scene: Callable[..., None], rows: Iterable[Tuple[object, ...]]) -> None:
+    """Plays the scene for all rows at once; raises the first failure."""
+    with ThreadPoolExecutor(32) as pool:
+        for outcome in [pool.submit(scene, *row) for row in rows]:
+            outcome.result()
 
 
 def run(*args: object, limit_s: float = 10) -> "tuple[int, str, str]":
@@ -102,7 +110,3 @@ def run(*args: object, limit_s: float = 10) -> "tuple[int, str, str]":
 def _content(file: IO[bytes]) -> str:
     size = os.fstat(file.fileno()).st_size
     return os.pread(file.fileno(), size, 0).decode("utf-8", "replace")
-
-
-def _no_core_file() -> None:
-    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))

@@ -1,7 +1,7 @@
 """Byte formats of the ledger, written apart from src/ so that the two can check each other.
 
 Integers are little-endian. Hashes are `bytes` in digest order; `hash_text()` gives the printed (reversed) form.
-Readers raise ValueError when the data is short or longer than its content.
+Reading raises ValueError when the data is short or longer than its content.
 """
 
 import hashlib
@@ -14,12 +14,10 @@ TX_TRANSFER, TX_MESSAGE, TX_DISTRIBUTION, TX_HTLC, TX_COINBASE = 1, 2, 3, 4, 255
 
 
 def sha256d(data: bytes) -> bytes:
-    """SHA-256 applied twice."""
     return hashlib.sha256(hashlib.sha256(data).digest()).digest()
 
 
 def hash160(data: bytes) -> bytes:
-    """RIPEMD-160 of SHA-256, 20 bytes."""
     return hashlib.new("ripemd160", hashlib.sha256(data).digest()).digest()
 
 
@@ -32,7 +30,6 @@ def hash_text(digest: bytes) -> str:
 
 
 def address_of(key_hash: bytes, version: int = 0) -> str:
-    """Base58Check address of a 20-byte hash."""
     payload = bytes([version]) + key_hash
     return base58(payload + sha256d(payload)[:4])
 
@@ -64,12 +61,10 @@ def merkle_root(hashes: Sequence[bytes]) -> bytes:
 
 
 def p2pkh(key_hash: bytes) -> bytes:
-    """Locking script that pays a 20-byte key hash."""
     return b"\x76\xa9\x14" + key_hash + b"\x88\xac"
 
 
 def htlc(recipient: bytes, refund: bytes, payment_hash: bytes, locktime: int) -> bytes:
-    """Hash-time-locked script, 95 bytes."""
     claim = b"\x63\xa8\x20" + payment_hash + b"\x88\x76\xa9\x14" + recipient + b"\x88\xac"
     return claim + b"\x67\x04" + le(locktime, 4) + b"\xb1\x75\x76\xa9\x14" + refund + b"\x88\xac\x68"
 
@@ -80,23 +75,17 @@ def encrypted_message(version: int, ciphertext: bytes, nonce: bytes, key: bytes)
 
 
 def le(value: int, size: int) -> bytes:
-    """Unsigned little-endian number."""
     return value.to_bytes(size, "little")
 
 
 def compact_size(value: int) -> bytes:
-    """Length prefix of a script: 1, 3, 5 or 9 bytes."""
+    """Length prefix of a script: 1, 3 or 5 bytes."""
     if value < 253:
         return le(value, 1)
-    for mark, size in ((253, 2), (254, 4), (255, 8)):
-        if value < 256**size:
-            return le(mark, 1) + le(value, size)
-    raise ValueError("length above 64 bits")
+    return b"\xfd" + le(value, 2) if value < 65536 else b"\xfe" + le(value, 4)
 
 
 class Reader:
-    """Cursor over bytes."""
-
     def __init__(self, data: bytes) -> None:
         self.data = data
         self.offset = 0
@@ -109,10 +98,6 @@ class Reader:
 
     def number(self, size: int) -> int:
         return int.from_bytes(self.take(size), "little")
-
-    def compact_size(self) -> int:
-        first = self.number(1)
-        return first if first < 253 else self.number({253: 2, 254: 4, 255: 8}[first])
 
     def end(self) -> None:
         if self.offset != len(self.data):
@@ -131,10 +116,6 @@ class TxIn:
         head = self.txid + le(self.index, 4) + le(len(self.signature), 2) + self.signature
         return head + le(len(self.pubkey), 1) + self.pubkey + le(self.sequence, 4)
 
-    @staticmethod
-    def decode(r: Reader) -> "TxIn":
-        return TxIn(r.take(32), r.number(4), r.take(r.number(2)), r.take(r.number(1)), r.number(4))
-
 
 @dataclass
 class TxOut:
@@ -147,12 +128,6 @@ class TxOut:
         if self.message is None:
             return head + b"\0"
         return head + b"\1" + le(len(self.message), 2) + self.message
-
-    @staticmethod
-    def decode(r: Reader) -> "TxOut":
-        value = int.from_bytes(r.take(8), "little", signed=True)
-        script = r.take(r.compact_size())
-        return TxOut(value, script, r.take(r.number(2)) if r.number(1) else None)
 
 
 @dataclass
@@ -169,16 +144,6 @@ class Tx:
         ins = le(len(self.inputs), 2) + b"".join(i.encode() for i in self.inputs)
         outs = le(len(self.outputs), 2) + b"".join(o.encode() for o in self.outputs)
         return head + ins + outs + le(self.locktime, 4)
-
-    @staticmethod
-    def decode(data: bytes) -> "Tx":
-        r = Reader(data)
-        tx = Tx(type=r.number(1), version=r.number(4), timestamp=r.number(8))
-        tx.inputs = [TxIn.decode(r) for _ in range(r.number(2))]
-        tx.outputs = [TxOut.decode(r) for _ in range(r.number(2))]
-        tx.locktime = r.number(4)
-        r.end()
-        return tx
 
 
 @dataclass

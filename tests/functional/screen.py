@@ -32,13 +32,13 @@ STOPPING = "\n[Miner] Stopping miner...\n"
 STOPPED = "[Miner] Miner stopped\n"
 
 
-def configuration(address: str, host: str, port: int, threads: str) -> str:
-    return (f"Miner Configuration:\n  Mining Address: {address}\n  RPC Server:     {host}:{port}\n"
-            f"  Threads:        {threads}\n\n")
-
-
 def no_connection(host: str, port: int) -> str:
     return f"Failed to connect to RPC server at {host}:{port}\nMake sure norveld is running!\n"
+
+
+def until_connecting(address: str, port: int, threads: str = "1", host: str = "127.0.0.1") -> str:
+    return (BANNER + f"Miner Configuration:\n  Mining Address: {address}\n  RPC Server:     {host}:{port}\n"
+            f"  Threads:        {threads}\n\n" + CONNECTING)
 
 
 def connected(height: int, threads: int) -> str:
@@ -53,25 +53,7 @@ def difficulty_text(bits: int) -> str:
     return f"{(0x0FFFFF << 216) / target if target else 1.0:.4f}"
 
 
-def dashboard_rows(rate: str, height: str, difficulty: str, found: str, hashes: str, uptime: str, status: str) -> str:
-    """The box around seven fields that are already padded."""
-    return "\n".join([
-        "┌" + "─" * 61 + "┐",
-        "│                    MINING DASHBOARD                         │",
-        "├" + "─" * 61 + "┤",
-        "│ Hashrate:                " + rate + " MH/s                    │",
-        "│ Block Height:       " + height + "                              │",
-        "│ Difficulty:             " + difficulty + "                          │",
-        "│ Blocks Found:       " + found + "                              │",
-        "│ Total Hashes:          " + hashes + " M                         │",
-        "│ Uptime:              " + uptime + " minutes                     │",
-        "│ Node Status:         " + status + "    │",
-        "└" + "─" * 61 + "┘\n",
-    ])
-
-
 def report(block: Block) -> str:
-    """Block-found report up to the submission."""
     return ("\n\n╔" + "═" * 62 + "╗\n"
             "║                         BLOCK FOUND!                         ║\n"
             "╚" + "═" * 62 + "╝\n"
@@ -102,20 +84,19 @@ class Dashboard(NamedTuple):
     status: str
 
 
-_MARK = "@{}@"
-_PLAIN = SAVE + HOME + ERASE + dashboard_rows(*(_MARK.format(n) for n in Dashboard._fields)) + RESTORE
-_FIELDS = {"rate": r"\d+\.\d\d", "height": r"\d+", "difficulty": r"\d+\.\d{4}", "found": r"\d+", "hashes_m": r"\d+",
-           "uptime_min": r"\d+"}
-
-
-def _dashboard_pattern() -> str:
-    pattern = re.escape(_PLAIN)
-    for name, digits in _FIELDS.items():
-        pattern = pattern.replace(_MARK.format(name), number(name, digits))
-    return pattern.replace(_MARK.format("status"), r"(?P<status>[^│\n]{35})")
-
-
-DASHBOARD = re.compile(_dashboard_pattern())
+DASHBOARD = re.compile(re.escape(SAVE + HOME + ERASE) + "\n".join([
+    "┌─{61}┐",
+    "│                    MINING DASHBOARD                         │",
+    "├─{61}┤",
+    "│ Hashrate:                " + number("rate", r"\d+\.\d\d") + " MH/s                    │",
+    "│ Block Height:       " + number("height", r"\d+") + "                              │",
+    "│ Difficulty:             " + number("difficulty", r"\d+\.\d{4}") + "                          │",
+    "│ Blocks Found:       " + number("found", r"\d+") + "                              │",
+    "│ Total Hashes:          " + number("hashes_m", r"\d+") + " M                         │",
+    "│ Uptime:              " + number("uptime_min", r"\d+") + " minutes                     │",
+    r"│ Node Status:         (?P<status>[^│\n]{35})    │",
+    "└─{61}┘\n",
+]) + re.escape(RESTORE))
 CLOSING = re.compile(
     "\n\n╔" + "═" * 42 + "╗\n║         Mining Session Ended             ║\n╚" + "═" * 42 + "╝\n"
     r"\nFinal Statistics:\n  Total Hashes:    (?P<hashes>\d+)\n  Blocks Found:    (?P<found>\d+)\n"
@@ -134,9 +115,10 @@ PIECES = {
 }
 
 
-def pieces(text: str) -> Iterator[Tuple[str, str]]:
-    """(name, text) of each piece that follows the second banner; AssertionError where the text is none of them."""
-    offset = 0
+def pieces(text: str, start: str) -> Iterator[Tuple[str, str]]:
+    """(name, text) of each piece that follows `start`; AssertionError where the text is none of them."""
+    assert text[:len(start)] == start
+    offset = len(start)
     while offset < len(text):
         for name, pattern in PIECES.items():
             match = pattern.match(text, offset)

@@ -13,7 +13,7 @@ import socket
 import threading
 import time
 from collections import defaultdict
-from typing import Any, Callable, DefaultDict, Dict, List, Optional, Tuple
+from typing import Any, Callable, DefaultDict, Dict, List, Optional
 
 from block_check import Served, as_u32, check_block
 from norvel_formats import Block, address_of, hash_text, sha256d
@@ -33,8 +33,6 @@ Behaviour = Callable[["Exchange"], None]
 
 
 class Exchange:
-    """One request on one connection."""
-
     def __init__(self, node: "StandInNode", sock: socket.socket, raw: bytes) -> None:
         self.node = node
         self.sock = sock
@@ -45,14 +43,12 @@ class Exchange:
         return http(json.dumps(self.node.answer(self.body["method"], self.body["params"])))
 
     def closed_by_peer(self, timeout_s: float) -> None:
-        """Waits until the peer hangs up."""
         self.sock.settimeout(timeout_s)
         while self.sock.recv(4096):
             pass
 
 
 def http(body: "str | bytes", status: str = "200 OK") -> bytes:
-    """A complete reply."""
     data = body.encode() if isinstance(body, str) else body
     return f"HTTP/1.1 {status}\r\nContent-Length: {len(data)}\r\n\r\n".encode() + data
 
@@ -64,7 +60,7 @@ def answer_well(exchange: Exchange) -> None:
 class StandInNode:
     """Context manager; listens from construction on."""
 
-    def __init__(self, bits: int = NEVER, blocks_wanted: Optional[int] = None, key_hash: bytes = MINER_KEY) -> None:
+    def __init__(self, bits: int = NEVER, blocks_wanted: Optional[int] = None) -> None:
         """Serves `bits` until `blocks_wanted` blocks were accepted, then bits that never yield one."""
         self.bits = bits
         self.blocks_wanted = blocks_wanted
@@ -76,7 +72,6 @@ class StandInNode:
         self.served_of: Dict[str, Served] = {}  # by previous block hash
         self.standard: DefaultDict[str, Behaviour] = defaultdict(lambda: answer_well)  # by method
         self._plans: DefaultDict[str, List[Behaviour]] = defaultdict(list)
-        self._key_hash = key_hash
         self._tip = (sha256d(b"stand-in tip"), START_HEIGHT, int(time.time()) - 10)  # hash, height, time
         self._lock = threading.RLock()
         self._listener = self._listen(0)
@@ -94,16 +89,11 @@ class StandInNode:
             self._plans[method] += behaviours
 
     def methods(self) -> List[str]:
-        """Methods asked for so far, in order of arrival."""
         with self._lock:
             return [re.search(rb'"method":"(\w+)"', raw)[1].decode() for raw in self.requests]  # type: ignore[index]
 
     def count(self, method: str) -> int:
         return self.methods().count(method)
-
-    def height(self) -> int:
-        with self._lock:
-            return self._tip[1]
 
     def close_door(self) -> None:
         """From here on connections are refused."""
@@ -115,7 +105,6 @@ class StandInNode:
         self._placeholder = self._bind(self.port)  # so that nobody else gets the port
 
     def open_door(self) -> None:
-        """Listens again on the same port."""
         self._listener = self._listen(self.port)
         self._placeholder.close()
 
@@ -150,9 +139,7 @@ class StandInNode:
             "transactions": [{"txid": "00", "data": "00"}],
         }
         fields.update(self.overrides)
-        known = self.served_of.get(fields["previousblockhash"])
-        served_at = known.served_at if known else time.time()
-        self.served_of[fields["previousblockhash"]] = Served(fields, txs, served_at)
+        self.served_of.setdefault(fields["previousblockhash"], Served(fields, txs, time.time()))
         upper = "0X" if height % 2 else ""  # a prefix and capitals are hexadecimal too
         return {"tx_data": [upper + (tx.hex().upper() if upper else tx.hex()) for tx in txs], **fields}
 
@@ -164,7 +151,7 @@ class StandInNode:
         if served is None:
             self.problems.append("block on an unknown parent")
             return "unknown parent"
-        problems = check_block(data, served, self._key_hash)
+        problems = check_block(data, served, MINER_KEY)
         self.problems += problems
         if problems:
             return problems[0]
@@ -234,10 +221,3 @@ def request_bytes(port: int, number: int, method: str, params: str, host: str = 
     lines = ["POST / HTTP/1.1", f"Host: {host}:{port}", "Content-Type: application/json",
              f"Content-Length: {len(body)}", "Connection: close", "", ""]
     return "\r\n".join(lines).encode() + body
-
-
-def closed_port() -> Tuple[socket.socket, int]:
-    """A port that refuses connections for as long as the returned socket lives."""
-    sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-    sock.bind(("127.0.0.1", 0))
-    return sock, sock.getsockname()[1]

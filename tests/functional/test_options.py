@@ -1,71 +1,56 @@
 """Options, usage and the texts of a start that fails, each with its stream and exit status."""
 
+import os
+import re
 import signal
 
 import pytest
 
 import screen
 from behaviours import rpc_error
-from miner_process import Miner, run
-from stand_in_node import MINER_ADDRESS, StandInNode, closed_port
+from miner_process import run
+from stand_in_node import MINER_ADDRESS, StandInNode
 
 A = MINER_ADDRESS
+HELP = (0, screen.BANNER + screen.USAGE, "")
+NO_ADDRESS = (1, screen.BANNER, screen.NO_ADDRESS)
 
 
-@pytest.mark.parametrize("args", [["--help"], ["-h"], ["--address", A, "-h"], ["--rpcport", "--help", "-h"],
-                                  ["stray", "--rpchost", "x", "--help", "--threads", "abc"],
-                                  ["--threads", "abc", "--help"]])
-def test_help_prints_banner_and_usage_only(args: "list[str]") -> None:
-    assert run(*args) == (0, screen.BANNER + screen.USAGE, "")
+@pytest.mark.parametrize("args, result", [
+    (["--help"], HELP),
+    (["stray", "--address", A, "-h", "--threads", "abc"], HELP),
+    (["--threads", "abc", "--help"], HELP),
+    ([], NO_ADDRESS),
+    (["--address"], NO_ADDRESS),
+    (["--address", A, "--address", ""], NO_ADDRESS),
+    (["stray", "--Address", A, "-H"], NO_ADDRESS),
+])
+def test_runs_that_end_before_the_configuration(args: "list[str]", result: "tuple[int, str, str]") -> None:
+    assert run(*args) == result
 
 
-@pytest.mark.parametrize("args", [[], ["--address"], ["--address", ""], ["stray", "--Address", A], ["-H", "--HELP"],
-                                  ["--address", A, "--address", ""], ["--threads"]])
-def test_missing_address(args: "list[str]") -> None:
-    assert run(*args) == (1, screen.BANNER, screen.NO_ADDRESS)
-
-
-@pytest.mark.parametrize("args", [["--threads", "abc"], ["--rpcport", "x"], ["--rpcport", ""], ["--threads", "-"],
-                                  ["--threads", "2147483648"], ["--rpcport", "-2147483649"],
-                                  ["--rpcport", "--address", A], ["--threads", "x", "--threads", "2"]])
+@pytest.mark.parametrize("args", [["--threads", "abc"], ["--rpcport", ""], ["--threads", "2147483648"]])
 def test_a_value_that_is_no_number_ends_abnormally(args: "list[str]") -> None:
     status, out, err = run(*args)
     assert (status, out) == (-signal.SIGABRT, screen.BANNER)
     assert "stoi" in err
 
 
-@pytest.mark.parametrize("label, args, address, threads", [
-    ("plain", ["--address", A], A, "Auto"),
-    ("trailing threads", ["--address", A, "--threads"], A, "Auto"),
-    ("trailing address keeps the first", ["--address", A, "--threads", "2", "--address"], A, "2"),
-    ("repeated options", ["--address", "x", "--threads", "7", "--address", A, "--threads", "0"], A, "Auto"),
-    ("unknown words", ["one", "--two", "--address", A, "--Threads", "x", "4"], A, "Auto"),
-    ("an option as a value", ["--address", "--threads", "9"], "--threads", "Auto"),
-    ("help as a value", ["--address", "-h", "--threads", " +3 threads"], "-h", "3"),
-    ("negative count", ["--threads", "-1", "--address", A], A, "-1"),
+@pytest.mark.parametrize("label, args, address, port, threads", [
+    ("defaults", ["--address", A], A, 8332, "Auto"),
+    ("trailing option", ["--address", A, "--threads", "2", "--address"], A, 8332, "2"),
+    ("repeated options", ["--address", "x", "--threads", "7", "--address", A, "--threads", "0"], A, 8332, "Auto"),
+    ("unknown words", ["one", "--two", "--address", A, "--Threads", "x", "4"], A, 8332, "Auto"),
+    ("options as values", ["--address", "-h", "--threads", " +3 threads"], "-h", 8332, "3"),
+    ("port above 16 bits", ["--address", A, "--rpcport", "70000"], A, 4464, "Auto"),
+    ("negative numbers", ["--address", A, "--rpcport", "-1", "--threads", "-1"], A, 65535, "-1"),
 ])
-def test_configuration_and_refused_connection(label: str, args: "list[str]", address: str, threads: str) -> None:
-    sock, port = closed_port()
-    with sock:
-        result = run("--rpcport", port, *args)
-    refused = screen.no_connection("127.0.0.1", port)
-    assert result == (
-        1, screen.BANNER + screen.configuration(address, "127.0.0.1", port, threads) + screen.CONNECTING,
+def test_configuration(label: str, args: "list[str]", address: str, port: int, threads: str) -> None:
+    host = "no.such.host"  # names are not looked up, so nothing is contacted
+    refused = screen.no_connection(host, port)
+    assert run("--rpchost", host, *args) == (
+        1, screen.until_connecting(address, port, threads, host),
         "[RPC Client] getblockcount error: " + refused.splitlines()[0] + "\n" + refused), label
-
-
-@pytest.mark.parametrize("value, port", [("70000", 4464), ("65536", 0), ("-1", 65535), (" 9x", 9)])
-def test_port_texts(value: str, port: int) -> None:
-    # Names are not looked up, so nothing is contacted and only the printed port matters.
-    status, out, err = run("--address", A, "--rpchost", "no.such.host", "--rpcport", value)
-    assert (status, out) == (
-        1, screen.BANNER + screen.configuration(A, "no.such.host", port, "Auto") + screen.CONNECTING)
-    assert err.endswith(screen.no_connection("no.such.host", port))
-
-
-def test_default_host_and_port() -> None:
-    status, out, _ = run("--address", A, "--rpchost", "localhost")  # names are not looked up
-    assert (status, out) == (1, screen.BANNER + screen.configuration(A, "localhost", 8332, "Auto") + screen.CONNECTING)
 
 
 def test_a_port_above_16_bits_wraps_and_trailing_text_is_ignored() -> None:
@@ -75,35 +60,20 @@ def test_a_port_above_16_bits_wraps_and_trailing_text_is_ignored() -> None:
         assert status == 1
         assert f"  RPC Server:     127.0.0.1:{node.port}\n" in out
         assert node.methods() == ["getblockcount", "getblockcount", "getblocktemplate"]
+    used = re.search(r"\nUsing (\d+) threads\n", out)
+    assert used and int(used[1]) in (os.cpu_count(), len(os.sched_getaffinity(0)))
 
 
-@pytest.mark.parametrize("threads", ["-1", "4097", "5000", "-2147483648", "2147483647"])
-def test_thread_counts_that_cannot_start(threads: str) -> None:
+@pytest.mark.parametrize("args, reason", [
+    (["--address", A, "--threads", "-1"], ""),
+    (["--address", A, "--threads", "4097"], ""),
+    (["--address", "0OIl"], "base58_decode: invalid character"),
+    (["--address", "1" * 40_000], "address_to_hash160: invalid address length"),
+    (["--address", A[:-1] + ("2" if A[-1] != "2" else "3")], "address_to_hash160: invalid checksum"),
+], ids=lambda value: value if isinstance(value, str) else "")
+def test_a_start_that_is_refused(args: "list[str]", reason: str) -> None:
     with StandInNode() as node:
-        status, out, err = run("--address", A, "--rpcport", node.port, "--threads", threads)
-    assert (status, err) == (1, screen.NO_START)
-    assert out.startswith(screen.BANNER + screen.configuration(A, "127.0.0.1", node.port, threads))
+        status, out, err = run("--rpcport", node.port, *args)
+    line = f"[Miner] Error getting block template: {reason}\n" if reason else ""
+    assert (status, err) == (1, line + screen.NO_START)
     assert out.endswith(screen.CLEAR + screen.BANNER)
-
-
-@pytest.mark.parametrize("address, message", [
-    ("0OIl", "base58_decode: invalid character"),
-    ('a"\\b\n', "base58_decode: invalid character"),
-    ("1" * 24, "address_to_hash160: invalid checksum"),  # 25 zero bytes
-    ("1" * 23, "address_to_hash160: invalid address length"),
-    pytest.param("1" * 40_000, "address_to_hash160: invalid address length", id="40,000 ones"),
-    (A[:-1] + ("2" if A[-1] != "2" else "3"), "address_to_hash160: invalid checksum"),
-    ("1" + A, "address_to_hash160: invalid address length"),  # 26 bytes
-])
-def test_bad_address(address: str, message: str) -> None:
-    with StandInNode() as node:
-        status, out, err = run("--address", address, "--rpcport", node.port)
-    assert (status, err) == (1, f"[Miner] Error getting block template: {message}\n" + screen.NO_START)
-    assert out.endswith(screen.CLEAR + screen.BANNER)
-
-
-@pytest.mark.parametrize("args", [["--help"], [], ["--address", A]])
-def test_a_full_disk_changes_no_exit_status(args: "list[str]") -> None:
-    sock, port = closed_port()
-    with sock, open("/dev/full", "wb") as full, Miner("--rpcport", port, *args, stdout=full) as miner:
-        assert miner.end() == (0 if "--help" in args else 1)

@@ -26,8 +26,7 @@ inline Bytes join(std::initializer_list<Bytes> parts) {
   return whole;
 }
 
-// Two inputs and two outputs in which every field differs from its neighbours:
-// output 0 has a script of its own, output 1 a key hash and a note.
+// Every field differs from its neighbours; output 0 has a script of its own, output 1 a key hash and a note.
 inline Transaction sample_transaction() {
   Transaction tx;
   tx.type = TransactionType::MESSAGE;
