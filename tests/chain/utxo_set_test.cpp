@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <limits>
 #include <map>
 #include <random>
+#include <thread>
 
 #include "crypto/hex.h"
 #include "script/script.h"
@@ -98,6 +100,29 @@ TEST(UTXOSet, BalancesGoByThePaidHash) {
   EXPECT_EQ(matches[1].first.index, 2u);
   set.add_utxo({uint256(), 9}, TxOut(std::numeric_limits<int64_t>::max(), hash));
   EXPECT_EQ(set.get_balance(hash), std::numeric_limits<int64_t>::min() + 30);
+}
+
+TEST(UTXOSet, MayBeReadWhileItChanges) {
+  UTXOSet set;
+  Transaction tx;
+  tx.inputs.resize(1);
+  tx.outputs.emplace_back(5, Bytes(20, 1));
+  tx.get_txid();  // fills the cache before the transaction is shared
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    while (!done) {
+      const int64_t balance = set.get_balance(Bytes(20, 1));
+      EXPECT_TRUE(balance == 0 || balance == 5);
+      EXPECT_LE(set.get_all().size(), 1u);
+    }
+  });
+  for (int i = 0; i < 500; ++i) {
+    set.apply_transaction(tx);
+    set.unapply_transaction(tx);
+  }
+  done = true;
+  reader.join();
+  EXPECT_EQ(set.size(), 0u);
 }
 
 class UTXOSetFile : public testing::Test {
