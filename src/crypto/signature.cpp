@@ -67,8 +67,8 @@ bool make_low_s(const Curve& curve, ECDSA_SIG* signature) {
       ECDSA_SIG_set0(signature, r.get(), low_s.get()) != 1) {
     return false;
   }
-  r.release();  // both belong to the signature now
-  low_s.release();
+  static_cast<void>(r.release());  // both belong to the signature now
+  static_cast<void>(low_s.release());
   return true;
 }
 

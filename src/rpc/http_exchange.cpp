@@ -182,7 +182,7 @@ std::string build_http_request(const std::string& host, uint16_t port, const std
 
 HttpExchange send_http_request(const std::string& host, uint16_t port, const std::string& request,
                                const ExchangeControl& control, const ExchangeTimeouts& timeouts) {
-  const HttpExchange cut{HttpReply(), true};
+  HttpExchange cut{HttpReply(), true};
   const Waiter waiter(control, timeouts);
   if (waiter.is_cut()) {
     return cut;

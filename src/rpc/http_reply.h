@@ -16,7 +16,7 @@ namespace norvel::rpc {
 class HttpReply {
  public:
   // A reply is read up to here; a peer that never ends it costs no more memory.
-  static constexpr size_t kBytesMax = 64 * 1024 * 1024;
+  static constexpr size_t kBytesMax = size_t{64} * 1024 * 1024;
 
   // Adds `chunk`, cut at its first zero byte, and tells whether the reply is
   // complete: kBytesMax bytes were given, zero bytes and what they cut off
