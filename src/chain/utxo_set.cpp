@@ -28,10 +28,10 @@ class RecordReader {
   explicit RecordReader(const std::string& path) {
     std::error_code failure;
     if (std::filesystem::is_regular_file(path, failure)) {
-      left_ = std::filesystem::file_size(path);
       file_.open(path, std::ios::binary);
+      left_ = std::filesystem::file_size(path, failure);
     }
-    if (!file_.is_open()) {
+    if (!file_.is_open() || failure) {
       throw UnopenedFile();
     }
   }

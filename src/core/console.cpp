@@ -1,15 +1,14 @@
 #include "core/console.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <ios>
 #include <iostream>
 
+#include "core/patient_output.h"
 #include "core/sync.h"
 
 namespace norvel::console {
@@ -21,43 +20,7 @@ Mutex& output_mutex() {
   return mutex;
 }
 
-constexpr int kPatienceMs = 1'000;
-
-// A stream, the descriptor behind it, and whether its reader has stopped
-// reading. Used under the lock.
-struct Output {
-  std::ostream& stream;
-  int fd;
-  bool stuck = false;
-};
-
-Output& standard_output() {
-  static Output output{std::cout, STDOUT_FILENO};
-  return output;
-}
-
-Output& standard_error() {
-  static Output output{std::cerr, STDERR_FILENO};
-  return output;
-}
-
-// A pipe that can be written to takes 4,096 bytes without blocking, which is
-// more than a piece has.
-bool is_writable(int fd, int timeout_ms) {
-  pollfd waiting{fd, POLLOUT, 0};
-  int ready = 0;
-  do {
-    ready = poll(&waiting, 1, timeout_ms);
-  } while (ready < 0 && errno == EINTR);
-  return ready != 0;
-}
-
-void write_piece(Output& output, std::string_view text) {
-  output.stuck = !is_writable(output.fd, output.stuck ? 0 : kPatienceMs);
-  if (output.stuck) {
-    return;
-  }
-  std::ostream& stream = output.stream;
+void write_piece(std::ostream& stream, std::string_view text) {
   stream.clear();  // an earlier failure must not silence the pieces after it
   stream.write(text.data(), static_cast<std::streamsize>(text.size()));
   stream.flush();
@@ -105,23 +68,28 @@ bool is_control(std::string_view sequence) {
 
 }  // namespace
 
-void occupy_standard_streams() {
+void guard_standard_streams() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) < 0) {
       // The lowest free descriptor, which is this one.
       [[maybe_unused]] const int opened = open("/dev/null", O_RDWR);
     }
   }
+  // Never destroyed: the streams are flushed after everything else.
+  static PatientBuffer& output = *new PatientBuffer(STDOUT_FILENO);
+  static PatientBuffer& error = *new PatientBuffer(STDERR_FILENO);
+  std::cout.rdbuf(&output);
+  std::cerr.rdbuf(&error);
 }
 
 void write_out(std::string_view text) {
   const MutexLock lock(output_mutex());
-  write_piece(standard_output(), text);
+  write_piece(std::cout, text);
 }
 
 void write_out_fixed(std::string_view text) {
   const MutexLock lock(output_mutex());
-  write_piece(standard_output(), text);
+  write_piece(std::cout, text);
   std::cout.setf(std::ios::fixed, std::ios::floatfield);
 }
 
@@ -129,7 +97,7 @@ void error_line(std::string_view text) {
   std::string line(text);
   line += '\n';
   const MutexLock lock(output_mutex());
-  write_piece(standard_error(), line);
+  write_piece(std::cerr, line);
 }
 
 std::string printable(std::string_view text) {

@@ -15,14 +15,14 @@
 namespace norvel::console {
 
 // Opens /dev/null on each of the three standard streams that is closed, so that
-// no socket or file gets its number and with it what is printed. For main(),
-// before anything else is opened.
-void occupy_standard_streams();
+// no socket or file gets its number and with it what is printed; and puts a
+// PatientBuffer behind standard output and standard error, so that a reader that
+// has stopped reading holds nobody up. For main(), before anything else is
+// opened or printed.
+void guard_standard_streams();
 
 // Writes `text` to standard output and flushes. A failed write is ignored: a
-// full disk behind a redirected dashboard must not stop the program. Neither
-// must a reader that has stopped reading: a piece that cannot be written within
-// a second is dropped, and until one can be, those after it at once.
+// full disk behind a redirected dashboard must not stop the program.
 void write_out(std::string_view text);
 
 // As write_out, and leaves standard output in fixed notation, which later

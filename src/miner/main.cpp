@@ -12,7 +12,7 @@
 
 int main(int argc, char** argv) {
   using namespace norvel;
-  console::occupy_standard_streams();
+  console::guard_standard_streams();
   miner::stop_signals::install();
   miner::print_banner();
 

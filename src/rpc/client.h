@@ -67,7 +67,9 @@ class RpcClient {
   SpendableOutputs get_utxos_for_address(const std::string& address, const ExchangeControl& control = {});
 
   // No value when one transaction of the template does not decode. A null
-  // result is a template of zeros, and so is one that `control` cut.
+  // result is a template of zeros, and so is one that `control` cut; one that
+  // the time limit cut is read as far as it came, and is a template of zeros
+  // where that does not decode.
   std::optional<BlockTemplate> get_block_template(const std::string& address, const ExchangeControl& control = {});
 
   // True when the node accepted; otherwise `error` says why not. Neither prints.

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstddef>
 #include <ctime>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 
@@ -24,6 +25,11 @@ using std::chrono::milliseconds;
 
 // Longest wait between two questions whether to cut.
 constexpr milliseconds kWaitSlice{50};
+
+// Once the time of the whole exchange is seen to be up, bytes that are there
+// already are taken for this long; a peer that never pauses must not go on for
+// ever.
+constexpr milliseconds kLastLooks{1'000};
 
 constexpr size_t kChunkBytesMax = 8'191;
 
@@ -73,20 +79,26 @@ class Waiter {
   }
 
   // Waits at most one step's time until `fd` is ready for `events`.
-  Step wait(int fd, short events) const {
+  Step wait(int fd, short events) {
     const Clock::time_point step_deadline = Clock::now() + step_;
     while (!is_cut()) {
       const Clock::time_point now = Clock::now();
       if (now >= whole_deadline_) {
-        return Step::kEnded;
+        last_looks_end_ = last_looks_end_.value_or(now + kLastLooks);
+        if (now >= *last_looks_end_) {
+          return Step::kEnded;
+        }
       }
-      // Looks once more after the step's time: a process that was suspended meanwhile has lost nothing.
+      // Looks once more after a time is up: what came while the process was suspended is not lost.
       const Clock::duration left = std::min(whole_deadline_, step_deadline) - now;
       const timespec slice = to_timespec(std::clamp<Clock::duration>(left, Clock::duration::zero(), kWaitSlice));
       pollfd waiting{fd, events, 0};
       const int ready = ::ppoll(&waiting, 1, &slice, control_.wait_mask);
       if (ready > 0) {
         return Step::kDone;
+      }
+      if (now >= whole_deadline_) {
+        return Step::kEnded;
       }
       if ((ready < 0 && errno != EINTR) || now >= step_deadline) {
         return Step::kFailed;
@@ -105,6 +117,7 @@ class Waiter {
   const ExchangeControl& control_;
   const milliseconds step_;
   const Clock::time_point whole_deadline_;
+  std::optional<Clock::time_point> last_looks_end_;  // set when the time of the whole was first seen to be up
 };
 
 // After an error that only says "not now".
@@ -112,7 +125,7 @@ bool may_retry(int error) {
   return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-Step connect_to(const Socket& socket, const std::string& host, uint16_t port, const Waiter& waiter) {
+Step connect_to(const Socket& socket, const std::string& host, uint16_t port, Waiter& waiter) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
@@ -135,7 +148,7 @@ Step connect_to(const Socket& socket, const std::string& host, uint16_t port, co
   return asked == 0 && error == 0 ? Step::kDone : Step::kFailed;
 }
 
-Step send_all(const Socket& socket, std::string_view unsent, const Waiter& waiter) {
+Step send_all(const Socket& socket, std::string_view unsent, Waiter& waiter) {
   while (!unsent.empty()) {
     const Step waited = waiter.wait(socket.fd(), POLLOUT);
     if (waited != Step::kDone) {
@@ -151,7 +164,7 @@ Step send_all(const Socket& socket, std::string_view unsent, const Waiter& waite
   return Step::kDone;
 }
 
-HttpExchange receive_reply(const Socket& socket, const Waiter& waiter) {
+HttpExchange receive_reply(const Socket& socket, Waiter& waiter) {
   HttpExchange exchange;
   std::array<char, kChunkBytesMax> chunk;
   for (;;) {
@@ -183,7 +196,7 @@ std::string build_http_request(const std::string& host, uint16_t port, const std
 HttpExchange send_http_request(const std::string& host, uint16_t port, const std::string& request,
                                const ExchangeControl& control, const ExchangeTimeouts& timeouts) {
   HttpExchange cut{HttpReply(), true};
-  const Waiter waiter(control, timeouts);
+  Waiter waiter(control, timeouts);
   if (waiter.is_cut()) {
     return cut;
   }

@@ -4,11 +4,14 @@ import contextlib
 import fcntl
 import itertools
 import os
+import pty
 import signal
 import socket
 import subprocess
 import time
 from typing import Iterator
+
+import pytest
 
 import behaviours as b
 import screen
@@ -151,11 +154,21 @@ def test_thirty_short_runs_end_cleanly_wherever_the_signal_falls() -> None:
         assert node.problems == []
 
 
-def test_a_reader_that_stops_reading_holds_up_neither_mining_nor_the_end() -> None:
+def unread_output(kind: str) -> "tuple[int, int]":
+    """Both ends of a pipe or terminal that takes little before its reader reads."""
+    if kind == "terminal":
+        return pty.openpty()
     reading, writing = os.pipe()
     fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
-    with StandInNode(EASY, 8) as node, open(writing, "wb") as unread, mine(node.port, 2, unread) as miner:
+    return reading, writing
+
+
+@pytest.mark.parametrize("kind", ["pipe", "terminal"])
+def test_a_reader_that_stops_reading_holds_up_neither_mining_nor_the_end(kind: str) -> None:
+    reading, writing = unread_output(kind)
+    with StandInNode(EASY, 8) as node, open(writing, "wb", buffering=0) as unread, mine(node.port, 2, unread) as miner:
         wait_until(lambda: len(node.accepted) == 8, "blocks", 20)
+        time.sleep(2.5)  # dashboards that do not fit
         miner.send(signal.SIGINT)
         assert miner.end(6) == 0
     os.close(reading)
