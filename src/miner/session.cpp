@@ -1,6 +1,8 @@
 #include "miner/session.h"
 
 #include <chrono>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 
 #include "core/console.h"

@@ -5,7 +5,6 @@
 #include <ctime>
 #include <exception>
 #include <string>
-#include <system_error>
 
 #include "consensus/difficulty.h"
 #include "core/clock.h"
