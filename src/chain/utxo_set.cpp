@@ -152,6 +152,22 @@ void UTXOSet::clear() {
   outputs_.clear();
 }
 
+void UTXOSet::visit(const std::function<void(const OutPoint&, const TxOut&)>& visitor) const {
+  const MutexLock lock(mutex_);
+  for (const auto& [outpoint, output] : outputs_) {
+    visitor(outpoint, output);
+  }
+}
+
+void UTXOSet::assign(std::vector<std::pair<OutPoint, TxOut>> ascending) {
+  std::map<OutPoint, TxOut> outputs;
+  for (auto& [outpoint, output] : ascending) {
+    outputs.emplace_hint(outputs.end(), outpoint, std::move(output));
+  }
+  const MutexLock lock(mutex_);
+  outputs_.swap(outputs);
+}
+
 bool UTXOSet::save_to_file(const std::string& path) const {
   const MutexLock lock(mutex_);
   std::ofstream file(path, std::ios::binary | std::ios::trunc);

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -46,6 +47,14 @@ class UTXOSet {
   std::map<OutPoint, TxOut> get_all() const EXCLUDES(mutex_);
   size_t size() const EXCLUDES(mutex_);
   void clear() EXCLUDES(mutex_);
+
+  // Calls `visitor` with every entry, by outpoint, without a copy of the set.
+  // The set is locked meanwhile, so the visitor must not call it.
+  void visit(const std::function<void(const OutPoint&, const TxOut&)>& visitor) const EXCLUDES(mutex_);
+
+  // Replaces the set by `ascending`, which is sorted by outpoint without
+  // repetition; linear. The set is unchanged when memory runs out.
+  void assign(std::vector<std::pair<OutPoint, TxOut>> ascending) EXCLUDES(mutex_);
 
   // Writes the whole set:
   //   count              4  little-endian

@@ -15,7 +15,9 @@
 
 namespace norvel::difficulty {
 
-inline constexpr uint32_t kEasiestBits = 0x1e0fffff;  // target 0x0fffff * 2^216
+// 0x1e0fffff; constant-initialised, in a file of its own.
+extern const uint32_t kEasiestBits;
+
 inline constexpr uint32_t kHardestBits = 0x1b00ffff;  // target 0xffff * 2^192
 
 // The target; bits of the mantissa pushed past bit 255 are lost.

@@ -10,17 +10,23 @@ namespace norvel::consensus {
 
 namespace {
 
+void say(RetargetReport report, const std::string& line) {
+  if (report == RetargetReport::PRINT) {
+    console::error_line(line);
+  }
+}
+
 // `span` within a quarter and four times `expected`; says when it was not.
-uint64_t clamp_span(uint64_t span, uint32_t expected) {
+uint64_t clamp_span(uint64_t span, uint32_t expected, RetargetReport report) {
   const uint32_t minimum = expected / 4;
   const uint32_t maximum = expected * 4;  // in 32 bits, as everywhere this rule is computed
   const std::string measured = "[Consensus] Warning: Actual time span (" + std::to_string(span) + "s) too ";
   if (span < minimum) {
-    console::error_line(measured + "small (< " + std::to_string(minimum) + "s), clamping to minimum");
+    say(report, measured + "small (< " + std::to_string(minimum) + "s), clamping to minimum");
     return minimum;
   }
   if (span > maximum) {
-    console::error_line(measured + "large (> " + std::to_string(maximum) + "s), clamping to maximum");
+    say(report, measured + "large (> " + std::to_string(maximum) + "s), clamping to maximum");
     return maximum;
   }
   return span;
@@ -55,7 +61,8 @@ const DifficultyConfig& get_difficulty_config() {
   return g_difficulty_config;
 }
 
-uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, uint32_t height, uint32_t current_bits) {
+uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, uint32_t height, uint32_t current_bits,
+                                             RetargetReport report) {
   const DifficultyConfig& config = get_difficulty_config();
   if (config.fixed_difficulty) {
     return difficulty::kHardestBits;
@@ -75,15 +82,17 @@ uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, u
     console::error_line("[Consensus] Warning: Could not fetch blocks for difficulty calculation");
     return current_bits;
   }
-  console::error_line("[Consensus] Measuring time between block " + std::to_string(height - interval) +
-                      " (timestamp: " + std::to_string(first->timestamp) + ") and block " + std::to_string(height) +
-                      " (timestamp: " + std::to_string(last->timestamp) + ")");
+  say(report, "[Consensus] Measuring time between block " + std::to_string(height - interval) +
+                  " (timestamp: " + std::to_string(first->timestamp) + ") and block " + std::to_string(height) +
+                  " (timestamp: " + std::to_string(last->timestamp) + ")");
   // A tip older than the earlier block wraps to a huge span, which the clamp cuts to the maximum.
   const uint64_t measured = last->timestamp - first->timestamp;
-  console::error_line("[Consensus] Raw time span measured: " + std::to_string(measured) + " seconds");
-  const uint64_t span = clamp_span(measured, expected);
+  say(report, "[Consensus] Raw time span measured: " + std::to_string(measured) + " seconds");
+  const uint64_t span = clamp_span(measured, expected, report);
   const uint32_t new_bits = difficulty::calculate_next_difficulty(current_bits, span, expected);
-  report_adjustment(next_height, span, expected, current_bits, new_bits);
+  if (report == RetargetReport::PRINT) {
+    report_adjustment(next_height, span, expected, current_bits, new_bits);
+  }
   return new_bits;
 }
 

@@ -24,9 +24,13 @@ const DifficultyConfig& get_difficulty_config();
 
 using HeaderByHeight = std::function<std::optional<BlockHeader>(uint32_t height)>;
 
+// Whether an adjustment is reported; a node that replays its chain is silent.
+enum class RetargetReport { PRINT, SILENT };
+
 // The bits for block `height` + 1 on a tip at `height` that carries
 // `current_bits`. An adjustment fetches two headers through `get_header` and is
 // reported on standard error.
-uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, uint32_t height, uint32_t current_bits);
+uint32_t calculate_next_difficulty_for_chain(const HeaderByHeight& get_header, uint32_t height, uint32_t current_bits,
+                                             RetargetReport report = RetargetReport::PRINT);
 
 }  // namespace norvel::consensus

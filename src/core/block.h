@@ -18,6 +18,7 @@
 #include "core/block_header.h"
 #include "core/bytes.h"
 #include "core/transaction.h"
+#include "core/transaction_verification.h"
 #include "core/uint256.h"
 
 namespace norvel {
@@ -34,6 +35,9 @@ inline constexpr size_t kBlockBytesMax = 1'000'000;
 
 // How far a header's clock may run ahead of ours.
 inline constexpr uint64_t kFutureTimeMaxSeconds = 7'200;
+
+// A block's future time counts when it first arrives, not when it is replayed.
+enum class ClockRule { APPLY, SKIP };
 
 // 2024-01-01 00:00:00 UTC, for the genesis block and its coinbase.
 inline constexpr uint64_t kGenesisTimestamp = 1'704'067'200;
@@ -88,6 +92,12 @@ class Block {
   // A transaction that does not verify is also named on standard error.
   bool is_valid(std::string& error, const UTXOSet& utxos) const;
 
+  // The two halves of is_valid(), with its messages and, within each half, in
+  // its order: the rules that need no outputs, and those about inputs, decided
+  // by `verify`.
+  bool has_valid_form(std::string& error, ClockRule clock) const;
+  bool has_valid_inputs(std::string& error, const UTXOSet& utxos, const InputVerifier& verify) const;
+
   // Sum of inputs minus outputs over all transactions but coinbases and
   // treasury distributions; an input that is found nowhere counts 0. Wraps
   // modulo 2^64.
@@ -105,6 +115,10 @@ class Block {
                                     uint64_t timestamp);
 
  private:
+  // What is_valid() checks before and after the inputs.
+  bool has_valid_head(std::string& error, ClockRule clock) const;
+  bool has_valid_frame(std::string& error) const;
+
   mutable std::optional<uint256> cached_hash_;
 };
 

@@ -20,6 +20,7 @@
 #define EXCLUDES(...) NORVEL_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define ACQUIRE(...) NORVEL_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) NORVEL_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS NORVEL_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace norvel {
 

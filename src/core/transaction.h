@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "core/bytes.h"
+#include "core/transaction_verification.h"
 #include "core/uint256.h"
 #include "crypto/encrypted_message.h"
 
@@ -33,6 +34,9 @@ class Script;
 inline constexpr int64_t kCoin = 100'000'000;
 
 inline constexpr uint32_t kSequenceFinal = 0xffffffff;
+
+// Lock times below are block heights, from here on seconds since the Unix epoch.
+inline constexpr uint32_t kLockTimeThreshold = 500'000'000;
 
 // A reference to an output of an earlier transaction.
 //
@@ -233,6 +237,9 @@ class Transaction {
   // True when every input finds its output in `spent` and verifies against it.
   // Prints the first failure to standard error.
   bool verify_all_signatures(const std::map<OutPoint, TxOut>& spent) const;
+
+  // The same with `verify` deciding each input.
+  bool verify_all_signatures(const std::map<OutPoint, TxOut>& spent, const InputVerifier& verify) const;
 
  private:
   mutable std::optional<uint256> cached_txid_;

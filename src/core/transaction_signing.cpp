@@ -77,13 +77,19 @@ void Transaction::sign_htlc_input_refund(size_t input_index, const Bytes& privat
 }
 
 bool Transaction::verify_all_signatures(const std::map<OutPoint, TxOut>& spent) const {
+  return verify_all_signatures(spent, [](const Transaction& tx, size_t input_index, const TxOut& output) {
+    return ScriptInterpreter::verify_input_signature(tx, input_index, output);
+  });
+}
+
+bool Transaction::verify_all_signatures(const std::map<OutPoint, TxOut>& spent, const InputVerifier& verify) const {
   for (size_t i = 0; i < inputs.size(); ++i) {
     const auto found = spent.find(inputs[i].prevout);
     if (found == spent.end()) {
       console::error_line("[Transaction] UTXO not found for input " + std::to_string(i));
       return false;
     }
-    if (!ScriptInterpreter::verify_input_signature(*this, i, found->second)) {
+    if (!verify(*this, i, found->second)) {
       console::error_line("[Transaction] Signature verification failed for input " + std::to_string(i));
       return false;
     }

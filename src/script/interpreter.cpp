@@ -15,9 +15,6 @@ namespace norvel {
 
 namespace {
 
-// Lock times below are block heights, from here on seconds since the Unix epoch.
-constexpr uint32_t kLockTimeThreshold = 500'000'000;
-
 constexpr uint8_t kSignBit = 0x80;
 
 // One entry for each open conditional, with the false ones counted: a script
@@ -61,8 +58,8 @@ class ConditionStack {
 // script has failed.
 class ScriptRun {
  public:
-  ScriptRun(const Script& script, ScriptStack& stack, const Transaction& tx, size_t input_index)
-      : script_(script), tx_(tx), input_index_(input_index), stack_(stack) {}
+  ScriptRun(const Script& script, ScriptStack& stack, const Transaction& tx, size_t input_index, ScriptBudget* budget)
+      : script_(script), tx_(tx), input_index_(input_index), budget_(budget), stack_(stack) {}
 
   bool run() {
     while (pc_ < script_.bytes.size()) {
@@ -82,7 +79,9 @@ class ScriptRun {
   bool top_two_equal();
   bool check_signature();
   bool check_lock_time() const;
-  const uint256& signature_hash(uint8_t sighash_type);
+  const uint256* signature_hash(uint8_t sighash_type);
+  bool charge(uint64_t& left, uint64_t cost);
+  bool charge_hash(uint64_t bytes) { return budget_ == nullptr || charge(budget_->hash_bytes_left, bytes); }
 
   bool has(size_t element_count) const { return stack_.size() >= element_count; }
 
@@ -98,6 +97,7 @@ class ScriptRun {
   const Script& script_;
   const Transaction& tx_;
   const size_t input_index_;
+  ScriptBudget* const budget_;  // null without limits
 
   size_t pc_ = 0;
   ScriptStack& stack_;
@@ -194,9 +194,15 @@ bool ScriptRun::apply(OpCode opcode) {
     case OpCode::OP_EQUALVERIFY:
       return top_two_equal();
     case OpCode::OP_SHA256:
+      if (!charge_hash(stack_.back().sha256_cost())) {
+        return false;
+      }
       stack_.push_back(pop().sha256());
       return true;
     case OpCode::OP_HASH160:
+      if (!charge_hash(stack_.back().hash160_cost())) {
+        return false;
+      }
       stack_.push_back(pop().hash160());
       return true;
     case OpCode::OP_CHECKSIG:
@@ -237,7 +243,19 @@ bool ScriptRun::top_two_equal() {
   return pop() == top;
 }
 
+bool ScriptRun::charge(uint64_t& left, uint64_t cost) {
+  if (cost > left) {
+    budget_->exceeded = true;
+    return false;
+  }
+  left -= cost;
+  return true;
+}
+
 bool ScriptRun::check_signature() {
+  if (budget_ != nullptr && !charge(budget_->signature_checks_left, 1)) {
+    return false;
+  }
   const ScriptElement public_key = pop();
   const ScriptElement signature = pop();
   if (signature.empty()) {
@@ -250,21 +268,32 @@ bool ScriptRun::check_signature() {
   const ByteView bytes = signature.view();
   const ByteView der = bytes.first(bytes.size() - 1);
   // Of other sizes neither can be valid; hashing a large transaction for them would be free work for a spammer.
-  const bool plausible =
-      public_key.size() == crypto::kPublicKeyBytes && !der.empty() && der.size() <= crypto::kDerSignatureBytesMax;
-  const bool valid =
-      plausible && ScriptInterpreter::verify_signature(der, public_key.view(), signature_hash(bytes.back()));
-  push_byte(valid ? 1 : 0);
+  if (public_key.size() != crypto::kPublicKeyBytes || der.empty() || der.size() > crypto::kDerSignatureBytesMax) {
+    push_byte(0);
+    return true;
+  }
+  const uint256* const hash = signature_hash(bytes.back());
+  if (hash == nullptr) {
+    return false;
+  }
+  push_byte(ScriptInterpreter::verify_signature(der, public_key.view(), *hash) ? 1 : 0);
   return true;
 }
 
-const uint256& ScriptRun::signature_hash(uint8_t sighash_type) {
+// Null when the budget does not allow it.
+const uint256* ScriptRun::signature_hash(uint8_t sighash_type) {
   const auto known = signature_hashes_.find(sighash_type);
   if (known != signature_hashes_.end()) {
-    return known->second;
+    return &known->second;
+  }
+  if (budget_ != nullptr) {
+    const Bytes preimage = SignatureHasher::serialize_for_signature(tx_, input_index_, script_, sighash_type);
+    if (!charge_hash(preimage.size() + sizeof(uint32_t))) {  // the type is appended in four bytes
+      return nullptr;
+    }
   }
   const uint256 hash = SignatureHasher::compute_signature_hash(tx_, input_index_, script_, sighash_type);
-  return signature_hashes_.emplace(sighash_type, hash).first->second;
+  return &signature_hashes_.emplace(sighash_type, hash).first->second;
 }
 
 // The low 32 bits of an element that is read as a little-endian number with its
@@ -307,32 +336,33 @@ bool ScriptInterpreter::verify_signature(ByteView signature, ByteView public_key
 }
 
 bool ScriptInterpreter::execute_script(const Script& script, ScriptStack& stack, const Transaction& tx,
-                                       size_t input_index) {
-  return ScriptRun(script, stack, tx, input_index).run();
+                                       size_t input_index, ScriptBudget* budget) {
+  return ScriptRun(script, stack, tx, input_index, budget).run();
 }
 
 bool ScriptInterpreter::verify_script(const Transaction& tx, size_t input_index, const Script& script_sig,
-                                      const Script& script_pubkey) {
+                                      const Script& script_pubkey, ScriptBudget* budget) {
   if (input_index >= tx.inputs.size()) {
     return false;
   }
   ScriptStack stack;
-  return execute_script(script_sig, stack, tx, input_index) && execute_script(script_pubkey, stack, tx, input_index) &&
-         !stack.empty() && stack.back().is_true();
+  return execute_script(script_sig, stack, tx, input_index, budget) &&
+         execute_script(script_pubkey, stack, tx, input_index, budget) && !stack.empty() && stack.back().is_true();
 }
 
-bool ScriptInterpreter::verify_input_signature(const Transaction& tx, size_t input_index, const TxOut& spent_output) {
+bool ScriptInterpreter::verify_input_signature(const Transaction& tx, size_t input_index, const TxOut& spent_output,
+                                               ScriptBudget* budget) {
   if (input_index >= tx.inputs.size()) {
     return false;
   }
   const TxIn& input = tx.inputs[input_index];
   const Script locking_script(spent_output.locking_script());
   if (std::equal(input.pubkey.begin(), input.pubkey.end(), TxIn::kHtlcMarker.begin(), TxIn::kHtlcMarker.end())) {
-    return verify_script(tx, input_index, Script(input.signature), locking_script);
+    return verify_script(tx, input_index, Script(input.signature), locking_script, budget);
   }
   Bytes signature = input.signature;
   signature.push_back(static_cast<uint8_t>(SigHashType::ALL));
-  return verify_script(tx, input_index, Script::create_p2pkh_input(signature, input.pubkey), locking_script);
+  return verify_script(tx, input_index, Script::create_p2pkh_input(signature, input.pubkey), locking_script, budget);
 }
 
 }  // namespace norvel

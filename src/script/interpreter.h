@@ -14,6 +14,7 @@
 
 #include "core/bytes.h"
 #include "core/uint256.h"
+#include "script/script_budget.h"
 #include "script/script_stack.h"
 
 namespace norvel {
@@ -31,20 +32,24 @@ class ScriptInterpreter {
   // Runs `script` for input `input_index` of `tx`, starting from `stack` and
   // leaving there what the script left, also when it fails. A signature check
   // of an input that does not exist fails the script. OP_CHECKSIG commits to
-  // the whole of `script`; each signature hash type is hashed once a run.
-  static bool execute_script(const Script& script, ScriptStack& stack, const Transaction& tx, size_t input_index);
+  // the whole of `script`; each signature hash type is hashed once a run. Each
+  // run takes its cost from `budget`, when there is one: a check for every
+  // OP_CHECKSIG that is executed, and the bytes that are hashed.
+  static bool execute_script(const Script& script, ScriptStack& stack, const Transaction& tx, size_t input_index,
+                             ScriptBudget* budget = nullptr);
 
   // Runs `script_sig` on an empty stack, then `script_pubkey` on what that
   // left. True when both succeed and the top element is true; the elements
   // below do not matter.
   static bool verify_script(const Transaction& tx, size_t input_index, const Script& script_sig,
-                            const Script& script_pubkey);
+                            const Script& script_pubkey, ScriptBudget* budget = nullptr);
 
   // Whether input `input_index` of `tx` unlocks `spent_output`. An input whose
   // pubkey is "HTLC" carries its unlocking script in the signature field; any
   // other carries the bare DER signature (type ALL) and the public key of a
   // P2PKH spend.
-  static bool verify_input_signature(const Transaction& tx, size_t input_index, const TxOut& spent_output);
+  static bool verify_input_signature(const Transaction& tx, size_t input_index, const TxOut& spent_output,
+                                     ScriptBudget* budget = nullptr);
 };
 
 }  // namespace norvel

@@ -174,6 +174,11 @@ ScriptElement ScriptElement::digest(Digest function) const {
   return result;
 }
 
+size_t ScriptElement::digest_cost(Digest function) const {
+  const bool is_kept = size() < 2 || buffer_->digests[static_cast<size_t>(function)] != nullptr;
+  return is_kept ? 0 : size();
+}
+
 ScriptElement ScriptElement::sha256() const {
   return digest(Digest::SHA256);
 }

@@ -63,6 +63,10 @@ class ScriptElement {
   // RIPEMD-160 of their SHA-256, 20 bytes.
   ScriptElement hash160() const;
 
+  // Bytes that the next call of these two hashes: 0 when the digest is kept.
+  size_t sha256_cost() const { return digest_cost(Digest::SHA256); }
+  size_t hash160_cost() const { return digest_cost(Digest::HASH160); }
+
  private:
   struct Buffer;
   enum class Digest : size_t { SHA256, HASH160 };
@@ -71,6 +75,7 @@ class ScriptElement {
 
   bool equals(const ScriptElement& other) const;
   ScriptElement digest(Digest function) const;
+  size_t digest_cost(Digest function) const;
   static ScriptElement compute(Digest function, ByteView bytes);
   static ScriptElement small_digest(Digest function, ByteView bytes);
   static Buffer* single_byte(uint8_t byte);

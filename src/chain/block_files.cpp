@@ -1,0 +1,338 @@
+#include "chain/block_files.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <limits>
+#include <map>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "chain/block_append_log.h"
+#include "chain/block_file_repair.h"
+#include "chain/block_file_scan.h"
+#include "chain/block_positions.h"
+#include "core/console.h"
+#include "core/file_io.h"
+
+namespace norvel {
+
+namespace {
+
+constexpr std::string_view kNamePrefix = "blk";
+constexpr std::string_view kNameSuffix = ".dat";
+constexpr size_t kNumberDigitsMin = 5;
+
+// Exactly the names that block_file_name() makes, for any number.
+bool is_block_file_name(std::string_view name) {
+  if (!name.starts_with(kNamePrefix) || !name.ends_with(kNameSuffix) ||
+      name.size() < kNamePrefix.size() + kNumberDigitsMin + kNameSuffix.size()) {
+    return false;
+  }
+  const auto number = name.substr(kNamePrefix.size(), name.size() - kNamePrefix.size() - kNameSuffix.size());
+  return std::all_of(number.begin(), number.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
+         (number.size() == kNumberDigitsMin || number[0] != '0');
+}
+
+void report_length(uint32_t length) {
+  console::error_line("[Blockchain] ERROR: Invalid block size read from disk: " + std::to_string(length));
+}
+
+// True when the walk came as far as the lengths lead.
+bool finish_walk(const RecordWalk& walk, const std::string& path) {
+  if (walk.end() == WalkEnd::READ_FAILED) {
+    report_file_error("Cannot read block file", path);
+    return false;
+  }
+  if (walk.end() == WalkEnd::TOO_LONG) {
+    report_length(walk.block_bytes());
+  }
+  return true;
+}
+
+// The first readable record with this hash.
+std::optional<Block> read_block(const OpenedFile& file, const FilePositions& positions, const uint256& hash) {
+  FileWindow window(file.fd(), file.bytes);
+  for (const RecordPosition& record : positions.records) {
+    if (record.hash != hash) {
+      continue;
+    }
+    const auto bytes = window.read(record.offset + kRecordPrefixBytes, record.block_bytes);
+    auto block = bytes ? read_record(*bytes) : std::nullopt;
+    if (block && block->get_hash() == hash) {
+      return block;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+struct BlockFiles::State {
+  explicit State(std::string data_directory) : directory(std::move(data_directory)) {}
+
+  std::string path_of(const std::string& file_name) const { return directory + "/" + file_name; }
+
+  // Makes the file one that a record can be appended to: as append() says.
+  bool prepare(const std::string& file_name, const IsIndexed& is_indexed);
+  bool cut_if_not_indexed(const OpenedFile& file, const std::string& file_name, const IsIndexed& is_indexed);
+
+  const std::string directory;
+  BlockAppendLog log;
+  PositionCache positions;
+  std::map<std::string, uint64_t> walked_bytes;  // by file name: a walk in this run ended there, at the file's end
+};
+
+std::string block_file_name(uint32_t height) {
+  std::string number = std::to_string(height / kHeightsPerFile);
+  if (number.size() < kNumberDigitsMin) {
+    number.insert(0, kNumberDigitsMin - number.size(), '0');
+  }
+  return std::string(kNamePrefix) + number + std::string(kNameSuffix);
+}
+
+BlockFiles::BlockFiles(std::string data_directory) : state_(std::make_unique<State>(std::move(data_directory))) {}
+
+BlockFiles::~BlockFiles() = default;
+
+bool BlockFiles::append(const Block& block, const IsIndexed& is_indexed) {
+  const std::string name = block_file_name(block.height);
+  const std::string path = state_->path_of(name);
+  Bytes record = make_record(block);
+  const size_t block_bytes = record.size() - kRecordPrefixBytes;
+  if (block_bytes > kRecordBytesMax) {
+    console::error_line("[Blockchain] ERROR: Block too large for a block file: " + std::to_string(block_bytes));
+    return false;
+  }
+  auto file_bytes = state_->log.open(path, record.size());
+  if (!file_bytes) {
+    return false;
+  }
+  const auto walked = state_->walked_bytes.find(name);
+  if (walked == state_->walked_bytes.end() || walked->second != *file_bytes) {
+    if (!state_->prepare(name, is_indexed)) {
+      return false;
+    }
+    file_bytes = state_->log.open(path, record.size());
+    if (!file_bytes) {
+      return false;
+    }
+  }
+  const auto result = state_->log.append(path, *file_bytes, std::move(record));
+  if (result == BlockAppendLog::Result::DONE) {
+    state_->walked_bytes[name] = *file_bytes + kRecordPrefixBytes + block_bytes;
+    state_->positions.note_appended(path, *file_bytes,
+                                    {block.header.get_hash(), *file_bytes, static_cast<uint32_t>(block_bytes)});
+  } else if (result == BlockAppendLog::Result::TORN) {
+    state_->walked_bytes.erase(name);
+  }
+  return result == BlockAppendLog::Result::DONE;
+}
+
+bool BlockFiles::State::prepare(const std::string& file_name, const IsIndexed& is_indexed) {
+  const std::string path = path_of(file_name);
+  walked_bytes.erase(file_name);
+  const auto file = open_block_file(path, O_RDWR);
+  if (!file) {
+    return false;
+  }
+  auto found = read_positions(*file, path);
+  if (!found) {
+    return false;
+  }
+  if (found->end == WalkEnd::FILE_END) {
+    positions.store(path, std::move(*found));
+    walked_bytes[file_name] = file->bytes;
+    return true;
+  }
+  return cut_if_not_indexed(*file, file_name, is_indexed);
+}
+
+bool BlockFiles::State::cut_if_not_indexed(const OpenedFile& file, const std::string& file_name,
+                                           const IsIndexed& is_indexed) {
+  const std::string path = path_of(file_name);
+  if (!log.sync()) {
+    return false;  // what it holds would be written again behind the cut
+  }
+  const auto check = check_block_file(file, path);
+  if (!check) {
+    return false;
+  }
+  bool is_needed = false;
+  const auto visit = [&](uint64_t offset, const uint256& hash) {
+    is_needed = !check->readable.contains(hash) && is_indexed(file_name, hash);
+    return is_needed ? std::numeric_limits<uint64_t>::max() : offset + 1;
+  };
+  const ByteRange damage = check->gaps.empty() ? ByteRange{file.bytes, file.bytes} : check->gaps.back();
+  if (!search_headers(file.fd(), file.bytes, damage.begin, damage.end, visit)) {
+    report_file_error("Cannot read block file", path);
+    return false;
+  }
+  if (is_needed) {
+    console::error_line("[Blockchain] ERROR: Damaged block file: " + path +
+                        ", blocks of the index stand behind offset " + std::to_string(check->intact_bytes) +
+                        "; a restart mends it");
+    return false;
+  }
+  positions.forget(path);
+  if (check->intact_bytes < file.bytes && !cut_block_file(file, path, check->intact_bytes)) {
+    return false;
+  }
+  walked_bytes[file_name] = check->intact_bytes;
+  return true;
+}
+
+bool BlockFiles::sync() {
+  return state_->log.sync();
+}
+
+std::optional<Block> BlockFiles::load(const std::string& file_name, const uint256& hash) {
+  const std::string path = state_->path_of(file_name);
+  const auto file = open_block_file(path, O_RDONLY);
+  if (!file) {
+    return std::nullopt;
+  }
+  if (const FilePositions* known = state_->positions.find(path, file->bytes)) {
+    if (auto block = read_block(*file, *known, hash)) {
+      return block;
+    }
+  }
+  // Not known yet, or the file has changed behind our back.
+  auto read = read_positions(*file, path);
+  if (!read) {
+    return std::nullopt;
+  }
+  const FilePositions* positions = state_->positions.store(path, std::move(*read));
+  auto block = read_block(*file, *positions, hash);
+  if (!block && positions->end == WalkEnd::TOO_LONG) {
+    report_length(positions->last_length);
+  } else if (!block) {
+    console::error_line("[Blockchain] ERROR: No readable record of block " + hash.to_hex() + " in " + path);
+  }
+  return block;
+}
+
+std::optional<Block> BlockFiles::load_from_file(const std::string& path, size_t record_index) {
+  const auto file = open_block_file(path, O_RDONLY);
+  if (!file) {
+    return std::nullopt;
+  }
+  RecordWalk walk(file->fd(), file->bytes);
+  for (size_t i = 0; walk.next(); ++i) {
+    if (i != record_index) {
+      continue;
+    }
+    try {
+      const auto bytes = walk.bytes();
+      return bytes ? std::optional(Block::deserialize(*bytes)) : std::nullopt;
+    } catch (const std::runtime_error&) {
+      return std::nullopt;
+    }
+  }
+  return std::nullopt;
+}
+
+uint64_t BlockFiles::record_bytes(const std::string& file_name, const uint256& hash) {
+  const std::string path = state_->path_of(file_name);
+  const auto file = open_block_file(path, O_RDONLY);
+  if (!file) {
+    return 0;
+  }
+  const FilePositions* positions = state_->positions.find(path, file->bytes);
+  if (positions == nullptr) {
+    auto read = read_positions(*file, path);
+    if (!read) {
+      return 0;
+    }
+    positions = state_->positions.store(path, std::move(*read));
+  }
+  const auto found = std::find_if(positions->records.begin(), positions->records.end(),
+                                  [&](const RecordPosition& record) { return record.hash == hash; });
+  return found == positions->records.end() ? 0 : found->block_bytes;
+}
+
+std::vector<std::string> BlockFiles::list() const {
+  std::vector<std::string> names;
+  std::error_code failure;
+  for (std::filesystem::directory_iterator entry(state_->directory, failure), end; !failure && entry != end;
+       entry.increment(failure)) {
+    const std::string name = entry->path().filename().string();
+    if (is_block_file_name(name)) {
+      names.push_back(name);
+    }
+  }
+  if (failure) {
+    console::error_line("[Blockchain] ERROR: Cannot list block files: " + state_->directory + " (" + failure.message() +
+                        ")");
+  }
+  // By number: names of more digits are those of larger ones.
+  std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+    return a.size() != b.size() ? a.size() < b.size() : a < b;
+  });
+  return names;
+}
+
+bool BlockFiles::exists(const std::string& file_name) const {
+  std::error_code failure;
+  return std::filesystem::is_regular_file(state_->path_of(file_name), failure);
+}
+
+std::optional<std::vector<uint256>> BlockFiles::repair(const std::string& file_name, const std::set<uint256>& indexed) {
+  const std::string path = state_->path_of(file_name);
+  if (!is_block_file_name(file_name)) {
+    console::error_line("[Blockchain] ERROR: Not the name of a block file: " + console::printable(file_name));
+    return std::nullopt;
+  }
+  state_->walked_bytes.erase(file_name);
+  state_->positions.forget(path);
+  if (!state_->log.sync()) {
+    return std::nullopt;
+  }
+  auto repaired = repair_block_file(path, indexed);
+  if (!repaired) {
+    return std::nullopt;
+  }
+  state_->walked_bytes[file_name] = repaired->bytes;
+  return std::move(repaired->lost);
+}
+
+bool BlockFiles::for_each_block(const std::string& file_name, const std::function<bool(const Block&)>& visit) {
+  const std::string path = state_->path_of(file_name);
+  const auto file = open_block_file(path, O_RDONLY);
+  if (!file) {
+    return false;
+  }
+  // An earlier run may have ended between append and sync.
+  if (!sync_data(file->fd()) || !sync_directory(state_->directory)) {
+    report_file_error("Failed to sync block file", path);
+    return false;
+  }
+  RecordWalk walk(file->fd(), file->bytes);
+  while (walk.next()) {
+    const auto block = walk.block();
+    if (block && !visit(*block)) {
+      return true;
+    }
+  }
+  return finish_walk(walk, path);
+}
+
+bool BlockFiles::for_each_hash(const std::string& file_name, const std::function<void(const uint256&)>& visit) {
+  const std::string path = state_->path_of(file_name);
+  const auto file = open_block_file(path, O_RDONLY);
+  if (!file) {
+    return false;
+  }
+  RecordWalk walk(file->fd(), file->bytes);
+  while (walk.next()) {
+    if (const auto hash = walk.header_hash()) {
+      visit(*hash);
+    }
+  }
+  return finish_walk(walk, path);
+}
+
+}  // namespace norvel

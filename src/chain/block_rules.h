@@ -1,0 +1,46 @@
+// The rules that a block must keep before it is connected.
+//
+// Errors: validators return false with the reason; on success the text is left
+// alone. Threads: functions without state of their own; the caller holds the
+// chain's lock, and verify_block_inputs() uses threads of its own while it runs.
+
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "chain/utxo_set.h"
+#include "chain/verified_inputs.h"
+#include "consensus/treasury_state.h"
+#include "core/block.h"
+
+namespace norvel {
+
+// Everything that needs no outputs: what Block::is_valid checks but for inputs,
+// every transaction representable in the byte format, and no two transactions
+// with the same id (the lone-element rule of the Merkle tree gives [a, b, c] and
+// [a, b, c, c] one root).
+bool validate_context_free(const Block& block, ClockRule clock, std::string& error);
+
+// Sum over the ordinary transactions of input value minus output value, each
+// counted only when positive; the outputs made earlier in the block count as
+// inputs too, and a transaction with an input that is found nowhere counts
+// nothing. At most the largest int64_t.
+int64_t block_fees(const Block& block, const UTXOSet& utxos);
+
+enum class InputCheck { DONE, STOPPED };
+
+// Verifies the inputs of the block on all cores and remembers the good ones in
+// `verified`, so that the rules below find them there. Judges nothing; inputs
+// behind one that fails may be left out, and it ends early once `stop` is set.
+// Takes the ids of all transactions.
+InputCheck verify_block_inputs(const Block& block, const UTXOSet& utxos, VerifiedInputs& verified,
+                               const std::atomic<bool>& stop);
+
+// The transaction, coinbase and treasury rules of a block that is about to be
+// connected on a state with these outputs and this treasury.
+bool validate_block_transactions(const Block& block, const UTXOSet& utxos, const TreasuryState& treasury,
+                                 VerifiedInputs& verified, std::string& error);
+
+}  // namespace norvel

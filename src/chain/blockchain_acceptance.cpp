@@ -1,0 +1,306 @@
+// The members of Blockchain that take a block in.
+
+#include <chrono>
+#include <cstdio>
+#include <deque>
+
+#include "chain/block_rules.h"
+#include "chain/blockchain.h"
+#include "consensus/difficulty.h"
+#include "core/console.h"
+
+namespace norvel {
+
+namespace {
+
+// Every so many blocks of the active chain a snapshot is written.
+constexpr uint32_t kSnapshotInterval = 500;
+
+// Side-chain blocks whose fork lies deeper than a reorganisation can reach are
+// stored up to these limits: they cost only their proof of work.
+constexpr uint64_t kOldForkBlocksMax = 100'000;
+constexpr uint64_t kOldForkBytesMax = uint64_t{1} << 30;
+
+// Digits of a hash that a log line shows.
+constexpr size_t kHashDigitsShown = 16;
+
+std::string to_hex(uint32_t bits) {
+  char text[9];
+  std::snprintf(text, sizeof(text), "%x", bits);
+  return text;
+}
+
+uint64_t steady_seconds() {
+  const auto since_start = std::chrono::steady_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
+}
+
+}  // namespace
+
+bool Blockchain::add_block(const Block& block, std::string& error) {
+  BlockReport report;
+  return add_block(block, error, report);
+}
+
+bool Blockchain::add_block(const Block& block, std::string& error, BlockReport& report) {
+  report = BlockReport();
+  bool accepted = false;
+  try {
+    const MutexLock lock(mutex_);
+    accepted = accept(block, error, report);
+  } catch (const std::exception& failure) {
+    error = std::string("Block could not be processed: ") + failure.what();
+    report.fate = BlockFate::INCIDENT;
+  }
+  drain_events();
+  return accepted;
+}
+
+bool Blockchain::accept(const Block& block, std::string& error, BlockReport& report) {
+  const bool accepted = accept_one(block, error, report.fate);
+  // A block stored on a side chain is a parent too when its branch failed to become the active one.
+  if (report.fate != BlockFate::KNOWN && tree_.find(block.get_hash()) != nullptr) {
+    connect_waiting(block.get_hash(), report);
+  }
+  return accepted;
+}
+
+bool Blockchain::accept_one(const Block& block, std::string& error, BlockFate& fate) {
+  fate = BlockFate::INCIDENT;
+  if (broken_) {
+    error = "Chain state is lost, restart the node to rebuild it from disk";
+    return false;
+  }
+  if (stop_) {
+    error = "Node is stopping";
+    return false;
+  }
+  const uint256 hash = block.get_hash();
+  if (tree_.find(hash) != nullptr) {
+    fate = BlockFate::KNOWN;
+    error = "Block already exists";
+    return false;
+  }
+  if (block.height == 0) {
+    fate = BlockFate::INVALID;
+    error = "Competing genesis block rejected";
+    return false;
+  }
+  const BlockIndex* parent = tree_.find(block.header.prev_hash);
+  if (parent == nullptr) {
+    fate = accept_orphan(block, error);
+    return false;
+  }
+  if (auto failure = check_child(block, *parent)) {
+    fate = failure->fate;
+    error = std::move(failure->reason);
+    return false;
+  }
+  const BlockIndex entry = BlockTree::make_entry(block, parent);
+  fate = entry.prev_hash == state_.tip_hash() ? extend_tip(block, entry, error) : store_side_chain(block, entry, error);
+  return fate == BlockFate::CONNECTED || fate == BlockFate::SIDE_CHAIN;
+}
+
+BlockFate Blockchain::accept_orphan(const Block& block, std::string& error) {
+  std::string reason;
+  const uint64_t now_s = steady_seconds();
+  orphans_.remove_expired(now_s);
+  // A refused parent never comes, so its children need not wait for it.
+  if (orphans_.size() < OrphanPool::kBlocksMax && !verdicts_.find(block.header.prev_hash) &&
+      difficulty::verify_bits(block.header.bits) && validate_context_free(block, ClockRule::APPLY, reason)) {
+    orphans_.park(block, now_s);
+  }
+  error = "orphan: parent block not known yet (height " + std::to_string(block.height) + ")";
+  return BlockFate::ORPHAN;
+}
+
+// What must hold before anything about the block is remembered or written.
+std::optional<Blockchain::Failure> Blockchain::check_child(const Block& block, const BlockIndex& parent) {
+  if (block.height != uint64_t{parent.height} + 1) {
+    return Failure{"Invalid block height (parent at " + std::to_string(parent.height) + ", block claims " +
+                       std::to_string(block.height),
+                   BlockFate::INCIDENT};
+  }
+  std::string reason;
+  if (!validate_context_free(block, ClockRule::APPLY, reason)) {
+    std::string ignored;
+    const bool only_early = validate_context_free(block, ClockRule::SKIP, ignored);
+    return Failure{reason, only_early ? BlockFate::INCIDENT : BlockFate::INVALID};
+  }
+  auto verdict = verdicts_.find(block.get_hash());
+  if (!verdict) {
+    verdict = tree_.verdict_on(parent.hash);
+  }
+  if (verdict) {
+    return Failure{verdict->reason, BlockFate::INVALID};
+  }
+  const uint32_t expected = tree_.expected_child_bits(parent.hash);
+  if (block.header.bits != expected) {
+    return Failure{"Incorrect difficulty bits (expected 0x" + to_hex(expected) + ", got 0x" + to_hex(block.header.bits),
+                   BlockFate::INVALID};
+  }
+  return std::nullopt;
+}
+
+// Everything about the block that depends on the state, which stands at its parent.
+std::optional<Blockchain::Failure> Blockchain::check_connectable(const Block& block) {
+  const UTXOSet& utxos = state_.utxos();
+  if (verify_block_inputs(block, utxos, verified_, stop_) == InputCheck::STOPPED) {
+    return Failure{"Node is stopping", BlockFate::INCIDENT};
+  }
+  const InputVerifier verify = [this](const Transaction& tx, size_t input_index, const TxOut& spent) {
+    return verified_.verify(tx, input_index, spent);
+  };
+  std::string reason;
+  if (!block.has_valid_inputs(reason, utxos, verify) ||
+      !norvel::validate_block_transactions(block, utxos, state_.treasury(), verified_, reason)) {
+    return Failure{reason, BlockFate::INVALID};
+  }
+  return std::nullopt;
+}
+
+BlockFate Blockchain::extend_tip(const Block& block, const BlockIndex& entry, std::string& error) {
+  if (auto failure = check_connectable(block)) {
+    error = std::move(failure->reason);
+    if (failure->fate == BlockFate::INVALID) {
+      verdicts_.remember(entry.hash, error);
+    }
+    return failure->fate;
+  }
+  if (!append_block(block)) {
+    error = "Failed to save block to disk";
+    return BlockFate::INCIDENT;
+  }
+  insert_entry(entry);
+  try {
+    connect_block_state(block, entry.hash);
+  } catch (...) {
+    drop_branch(entry.hash);
+    throw;
+  }
+  if (sink_ != nullptr) {
+    events_.push({{PoolEvent::Kind::BLOCK_CONNECTED, entry.hash, std::make_shared<const Block>(block)}, PoolEvent()});
+  }
+  if (!save_state_locked()) {
+    console::error_line("[Blockchain] WARNING: Failed to save state after adding block!");
+  }
+  if (entry.height % kSnapshotInterval == 0) {
+    write_snapshot();
+  }
+  return BlockFate::CONNECTED;
+}
+
+// Applies a block whose entry is in the tree. On an exception nothing has changed.
+void Blockchain::connect_block_state(const Block& block, const uint256& hash) {
+  const BlockUndo undo = state_.connect(block, hash);
+  try {
+    journal_.push(block.height, hash, undo.serialize());
+    tree_.push_active(hash);
+  } catch (...) {
+    state_.disconnect(undo);
+    throw;
+  }
+  ++change_number_;
+}
+
+void Blockchain::insert_entry(const BlockIndex& entry) {
+  tree_.insert(entry);
+  unsaved_.insert(entry.hash);
+  dropped_.erase(entry.hash);
+}
+
+BlockFate Blockchain::store_side_chain(const Block& block, const BlockIndex& entry, std::string& error) {
+  const uint32_t fork_depth = state_.tip_height() - tree_.fork_height(entry.prev_hash);
+  const uint64_t block_bytes = block.size();
+  if (fork_depth > UndoJournal::kDepth) {
+    if (old_fork_count_ >= kOldForkBlocksMax || old_fork_bytes_ + block_bytes > kOldForkBytesMax) {
+      error = "Side-chain block not stored: room for old forks is used up (fork " + std::to_string(fork_depth) +
+              " blocks below the tip)";
+      return BlockFate::INCIDENT;
+    }
+  }
+  if (!append_block(block)) {
+    error = "Failed to save block to disk";
+    return BlockFate::INCIDENT;
+  }
+  if (fork_depth > UndoJournal::kDepth) {
+    ++old_fork_count_;
+    old_fork_bytes_ += block_bytes;
+  }
+  insert_entry(entry);
+  console::write_out("[Blockchain] Side-chain block accepted at height " + std::to_string(entry.height) + " (hash " +
+                     entry.hash.to_hex().substr(0, kHashDigitsShown) + "...)\n");
+  if (tree_.find(state_.tip_hash())->chain_work < entry.chain_work) {
+    return switch_branch(entry, error);
+  }
+  save_state_locked();
+  return BlockFate::SIDE_CHAIN;
+}
+
+// Makes the branch of a stored block, which has more work than the active chain, the active one.
+BlockFate Blockchain::switch_branch(const BlockIndex& entry, std::string& error) {
+  const std::optional<Failure> failure = reorganise(entry.hash);
+  if (!failure) {
+    console::write_out("[Blockchain] REORG complete. New best chain: height " + std::to_string(entry.height) + " tip " +
+                       entry.hash.to_hex() + "\n");
+    save_state_locked();
+    return BlockFate::CONNECTED;
+  }
+  error = "Reorg to side chain failed: " + failure->reason;
+  if (failure->fate == BlockFate::INVALID) {
+    // Children are refused with the text that the block itself got.
+    if (const auto verdict = tree_.verdict_on(entry.hash)) {
+      verdict->reason = error;
+    }
+    try_heaviest_branch();
+  }
+  save_state_locked();
+  return failure->fate;
+}
+
+// In a loop, not by recursion: a chain of parked blocks may be as long as the pool.
+void Blockchain::connect_waiting(const uint256& parent_hash, BlockReport& report) {
+  std::deque<uint256> parents = {parent_hash};
+  for (; !parents.empty(); parents.pop_front()) {
+    for (const Block& child : orphans_.take_children(parents.front())) {
+      std::string ignored;
+      BlockFate fate = BlockFate::INCIDENT;
+      try {
+        accept_one(child, ignored, fate);
+      } catch (const std::exception&) {
+        // Out of memory: the block is fetched again.
+      }
+      if (fate == BlockFate::CONNECTED) {
+        report.from_orphans.push_back(child.get_hash());
+      }
+      if (fate != BlockFate::KNOWN && tree_.find(child.get_hash()) != nullptr) {
+        parents.push_back(child.get_hash());
+      }
+    }
+  }
+}
+
+void Blockchain::process_orphans(const uint256& parent_hash) {
+  {
+    const MutexLock lock(mutex_);
+    BlockReport ignored;
+    connect_waiting(parent_hash, ignored);
+  }
+  drain_events();
+}
+
+bool Blockchain::validate_block_context_free(const Block& block, std::string& error) const {
+  return validate_context_free(block, ClockRule::APPLY, error);
+}
+
+bool Blockchain::validate_block_transactions(const Block& block, std::string& error) const {
+  const MutexLock lock(mutex_);
+  return norvel::validate_block_transactions(block, state_.utxos(), state_.treasury(), verified_, error);
+}
+
+uint32_t Blockchain::expected_bits_for_child_of(const uint256& parent_hash) const {
+  const MutexLock lock(mutex_);
+  return tree_.expected_child_bits(parent_hash);
+}
+
+}  // namespace norvel

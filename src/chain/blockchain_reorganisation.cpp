@@ -1,0 +1,268 @@
+// The members of Blockchain that take blocks back and switch branches.
+
+#include <fcntl.h>
+
+#include <chrono>
+
+#include "chain/block_rules.h"
+#include "chain/blockchain.h"
+#include "core/console.h"
+
+namespace norvel {
+
+namespace {
+
+constexpr uint64_t kDepthLineIntervalSeconds = 60;
+
+constexpr std::chrono::seconds kProgressInterval{10};
+
+}  // namespace
+
+bool Blockchain::attempt_reorg(const uint256& tip_hash, std::string& error) {
+  bool done = false;
+  try {
+    const MutexLock lock(mutex_);
+    if (broken_) {
+      error = "Chain state is lost, restart the node to rebuild it from disk";
+    } else if (const auto failure = reorganise(tip_hash)) {
+      error = failure->reason;
+    } else {
+      done = true;
+    }
+    save_state_locked();
+  } catch (const std::exception& failure) {
+    error = failure.what();
+  }
+  drain_events();
+  return done;
+}
+
+std::optional<Blockchain::Failure> Blockchain::reorganise(const uint256& tip_hash) {
+  const auto path = tree_.get_chain_path(tip_hash);
+  if (!path) {
+    return Failure{"candidate tip has a broken ancestry"};
+  }
+  if (path->empty()) {
+    return Failure{"candidate tip is on the active chain"};
+  }
+  const uint32_t fork_height = tree_.find(path->front())->height - 1;
+  const uint32_t depth = state_.tip_height() - fork_height;
+  if (depth > UndoJournal::kDepth) {
+    const std::string reason =
+        "reorg depth " + std::to_string(depth) + " exceeds maximum of " + std::to_string(UndoJournal::kDepth);
+    refuse_for_depth(tip_hash, reason);
+    return Failure{reason};
+  }
+  console::write_out("[Blockchain] REORG: fork at height " + std::to_string(fork_height) + ", disconnecting " +
+                     std::to_string(depth) + " block(s), connecting " + std::to_string(path->size()) + " block(s)\n");
+
+  const std::vector<uint256> left(tree_.active().begin() + fork_height + 1, tree_.active().end());
+  std::optional<Failure> failure = go_back_to(fork_height);
+  if (!failure) {
+    failure = replay_chain(*path, 0);
+  }
+  if (!failure) {
+    refused_for_depth_.reset();
+    tell_pool_of_reorganisation(*path, left);
+    write_snapshot();
+    return std::nullopt;
+  }
+  console::error_line("[Blockchain] Reorg candidate invalid: " + failure->reason);
+  if (failure->fate == BlockFate::INVALID) {
+    tree_.mark_bad(failure->block, verdicts_.remember(failure->block, failure->reason));
+  }
+  const std::optional<Failure> second = restore_chain(fork_height, left);
+  if (!second) {
+    return Failure{"candidate branch failed validation: " + failure->reason, failure->fate};
+  }
+  const std::string reason = "candidate branch invalid (" + failure->reason +
+                             ") AND failed to restore previous chain: " + second->reason +
+                             " — restart the node to rebuild state from disk";
+  declare_broken(reason);
+  return Failure{reason};
+}
+
+// Takes the tip back to `height`, a height of the active chain.
+std::optional<Blockchain::Failure> Blockchain::go_back_to(uint32_t height) {
+  while (state_.tip_height() > height) {
+    const auto record = journal_.tip_record(state_.tip_hash());
+    if (!record) {
+      return replay_down_to(height);
+    }
+    BlockUndo undo;
+    try {
+      undo = BlockUndo::deserialize(*record);
+    } catch (const std::runtime_error&) {
+      journal_.clear();
+      return replay_down_to(height);
+    }
+    disconnect_tip(undo);
+  }
+  return std::nullopt;
+}
+
+void Blockchain::disconnect_tip(const BlockUndo& undo) {
+  state_.disconnect(undo);
+  journal_.pop();
+  tree_.pop_active();
+  ++change_number_;
+}
+
+// As go_back_to(), without undo records: from the snapshot or the genesis block
+// up. On failure the state is as it was.
+std::optional<Blockchain::Failure> Blockchain::replay_down_to(uint32_t height) {
+  const Bytes backup = state_.to_snapshot();
+  const std::vector<uint256> active = tree_.active();
+  const std::vector<uint256> path(active.begin(), active.begin() + height + 1);
+  const auto failure = replay_from_best_start(path);
+  if (!failure) {
+    return std::nullopt;
+  }
+  SnapshotData data;
+  std::string reason;
+  if (!decode_snapshot(backup, data, reason)) {
+    return Failure{"state could not be restored: " + reason};
+  }
+  state_.restore(std::move(data));
+  tree_.set_active(active);
+  journal_.clear();
+  adopt_undo_records();
+  ++change_number_;
+  return Failure{failure->reason};
+}
+
+// Connects the blocks of `hashes` from index `first` on, with every check but
+// that of the clock. On failure those before the failing one stay connected.
+std::optional<Blockchain::Failure> Blockchain::replay_chain(const std::vector<uint256>& hashes, size_t first) {
+  auto next_line = std::chrono::steady_clock::now() + kProgressInterval;
+  for (size_t i = first; i < hashes.size(); ++i) {
+    std::optional<Failure> failure;
+    try {
+      failure = replay_block(hashes[i]);
+    } catch (const std::exception& exception) {
+      failure = Failure{exception.what()};
+    }
+    if (failure) {
+      failure->block = hashes[i];
+      return failure;
+    }
+    if (const auto now = std::chrono::steady_clock::now(); now >= next_line) {
+      next_line = now + kProgressInterval;
+      console::write_out("[Blockchain] Replaying blocks: height " + std::to_string(state_.tip_height()) + ", " +
+                         std::to_string(i + 1 - first) + " of " + std::to_string(hashes.size() - first) + " (" +
+                         std::to_string((i + 1 - first) * 100 / (hashes.size() - first)) + "%)\n");
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<Blockchain::Failure> Blockchain::replay_block(const uint256& hash) {
+  if (stop_) {
+    return Failure{"Node is stopping"};
+  }
+  const BlockIndex& entry = *tree_.find(hash);
+  const std::string name = "block " + hash.to_hex() + " at height " + std::to_string(entry.height);
+  const std::optional<Block> block = load_block(hash);
+  if (!block || block->height != entry.height) {
+    return Failure{name + " cannot be read"};
+  }
+  std::string reason;
+  if (!validate_context_free(*block, ClockRule::SKIP, reason)) {
+    return Failure{reason, BlockFate::INVALID};
+  }
+  if (entry.height != 0 &&
+      block->header.bits != tree_.expected_child_bits(entry.prev_hash, consensus::RetargetReport::SILENT)) {
+    return Failure{"Incorrect difficulty bits", BlockFate::INVALID};
+  }
+  if (auto failure = check_connectable(*block)) {
+    return failure;
+  }
+  connect_block_state(*block, hash);
+  return std::nullopt;
+}
+
+// Brings back the chain that a failed reorganisation left: `hashes` above
+// `fork_height`. They were valid before, so nothing is checked again.
+std::optional<Blockchain::Failure> Blockchain::restore_chain(uint32_t fork_height, const std::vector<uint256>& hashes) {
+  uint32_t height = fork_height;
+  while (height < state_.tip_height() && height - fork_height < hashes.size() &&
+         tree_.active()[height + 1] == hashes[height - fork_height]) {
+    ++height;
+  }
+  if (auto failure = go_back_to(height)) {
+    return failure;
+  }
+  try {
+    for (size_t i = height - fork_height; i < hashes.size(); ++i) {
+      const std::optional<Block> block = load_block(hashes[i]);
+      if (!block) {
+        return Failure{"block " + hashes[i].to_hex() + " cannot be read"};
+      }
+      connect_block_state(*block, hashes[i]);
+    }
+  } catch (const std::exception& exception) {
+    return Failure{exception.what()};
+  }
+  return std::nullopt;
+}
+
+void Blockchain::tell_pool_of_reorganisation(const std::vector<uint256>& connected, const std::vector<uint256>& left) {
+  if (sink_ == nullptr) {
+    return;
+  }
+  std::vector<PoolEvent> events;
+  events.reserve(connected.size() + left.size() + 1);
+  for (const uint256& hash : connected) {
+    events.push_back({PoolEvent::Kind::BLOCK_CONNECTED, hash, nullptr});
+  }
+  for (const uint256& hash : left) {
+    events.push_back({PoolEvent::Kind::BLOCK_DISCONNECTED, hash, nullptr});
+  }
+  events.emplace_back();
+  events_.push(std::move(events));
+}
+
+// Offers the branches with more work than the active chain, best first, until
+// one holds or none is left.
+void Blockchain::try_heaviest_branch() {
+  while (!broken_) {
+    const uint256 best_work = tree_.find(state_.tip_hash())->chain_work;
+    const BlockIndex* candidate = tree_.heaviest(std::nullopt, [&](const BlockIndex& entry) REQUIRES(mutex_) {
+      return best_work < entry.chain_work && state_.tip_height() - tree_.fork_height(entry.hash) <= UndoJournal::kDepth;
+    });
+    if (candidate == nullptr) {
+      return;
+    }
+    const std::string tip = "height " + std::to_string(candidate->height) + " tip " + candidate->hash.to_hex();
+    const std::optional<Failure> failure = reorganise(candidate->hash);
+    if (!failure) {
+      console::write_out("[Blockchain] REORG complete. New best chain: " + tip + "\n");
+      return;
+    }
+    if (failure->fate != BlockFate::INVALID) {
+      return;
+    }
+  }
+}
+
+void Blockchain::refuse_for_depth(const uint256& tip_hash, const std::string& reason) {
+  refused_for_depth_ = tip_hash;
+  const auto since_start = std::chrono::steady_clock::now().time_since_epoch();
+  const auto now_s = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
+  if (!depth_line_time_s_ || now_s - *depth_line_time_s_ >= kDepthLineIntervalSeconds) {
+    depth_line_time_s_ = now_s;
+    console::error_line("[Blockchain] Heavier branch refused: " + reason + " (tip " + tip_hash.to_hex() + ")");
+  }
+}
+
+// The state is lost: nothing is made from it any more, and the next start
+// rebuilds it from the block files.
+void Blockchain::declare_broken(const std::string& reason) {
+  broken_ = true;
+  console::error_line("[Blockchain] CRITICAL: " + reason);
+  if (!open_file(directory_ + "/" + kRebuildMarker, O_WRONLY | O_CREAT).is_open() || !sync_directory(directory_)) {
+    console::error_line("[Blockchain] ERROR: Cannot write " + directory_ + "/" + kRebuildMarker);
+  }
+}
+
+}  // namespace norvel

@@ -1,0 +1,372 @@
+// The members of Blockchain that bring it back from its directory: the index
+// first, then the state of the branch that was active, then, if there is one, a
+// heavier branch.
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+
+#include "chain/block_rules.h"
+#include "chain/blockchain.h"
+#include "chain/genesis.h"
+#include "consensus/treasury.h"
+#include "core/console.h"
+
+namespace norvel {
+
+namespace {
+
+// The files of these heights below the highest are walked at each start.
+constexpr uint32_t kWalkedHeights = 2'000;
+
+constexpr mode_t kDirectoryMode = 0700;
+
+bool fail(std::string& error, std::string reason) {
+  error = std::move(reason);
+  return false;
+}
+
+}  // namespace
+
+bool Blockchain::initialize(std::string& error) {
+  const MutexLock lock(mutex_);
+  try {
+    treasury::ensure_initialized();
+    return open_directory(error) && load_index(error) && activate(error);
+  } catch (const std::exception& failure) {
+    return fail(error, failure.what());
+  }
+}
+
+bool Blockchain::open_directory(std::string& error) {
+  std::error_code failure;
+  const bool is_new = !std::filesystem::exists(directory_, failure);
+  std::filesystem::create_directories(directory_, failure);
+  if (failure) {
+    return fail(error, "Cannot create data directory " + directory_ + ": " + failure.message());
+  }
+  if (is_new) {
+    chmod(directory_.c_str(), kDirectoryMode);
+  }
+  directory_lock_ = open_file(directory_ + "/.lock", O_RDWR | O_CREAT);
+  if (!directory_lock_.is_open()) {
+    return fail(error, "Cannot use data directory " + directory_ + ": " + std::strerror(errno));
+  }
+  if (flock(directory_lock_.get(), LOCK_EX | LOCK_NB) != 0) {
+    return fail(error, "Data directory " + directory_ + " is in use by another process");
+  }
+  rebuilding_ = options_.rebuild || std::filesystem::exists(directory_ + "/" + kRebuildMarker, failure);
+  return true;
+}
+
+bool Blockchain::load_index(std::string& error) {
+  StateDatabase::Content content;
+  auto result = rebuilding_ ? StateDatabase::ReadResult::UNREADABLE : database_.read(content);
+  if (result == StateDatabase::ReadResult::FAILED) {
+    return fail(error, "The database in " + directory_ + " cannot be opened");
+  }
+  if (result == StateDatabase::ReadResult::UNREADABLE) {
+    console::error_line("[Blockchain] Rebuilding the block index from the block files...");
+    content = StateDatabase::Content();
+    if (!database_.set_aside()) {
+      return fail(error, "The damaged database in " + directory_ + " cannot be moved aside");
+    }
+  } else if (result == StateDatabase::ReadResult::READ) {
+    saved_tip_ = content.tip;
+  }
+  for (const uint256& hash : tree_.assign(content.index)) {
+    dropped_.insert(hash);
+  }
+  if (!check_block_files(error) || !create_genesis(error)) {
+    return false;
+  }
+  return repair_recent_files(error);
+}
+
+// A missing file may be on a disk that is not mounted, so nothing is dropped for it.
+bool Blockchain::check_block_files(std::string& error) {
+  std::set<std::string> names;
+  for (const auto& [hash, entry] : tree_.all()) {
+    names.insert(entry.file_name);
+  }
+  for (const std::string& name : names) {
+    if (!files_.exists(name)) {
+      return fail(error, "Block file " + directory_ + "/" + name + " is missing");
+    }
+  }
+  return true;
+}
+
+bool Blockchain::create_genesis(std::string& error) {
+  const Block genesis = make_genesis_block();
+  const uint256 hash = genesis.get_hash();
+  if (!tree_.all().empty() && tree_.find(hash) == nullptr) {
+    return fail(error, "Data directory " + directory_ + " belongs to another chain");
+  }
+  const std::string file_name = block_file_name(0);
+  const bool stored =
+      files_.exists(file_name) && files_.record_bytes(file_name, hash) != 0 && files_.load(file_name, hash).has_value();
+  if (!stored && !append_block(genesis)) {
+    return fail(error, "Failed to save block to disk");
+  }
+  if (tree_.find(hash) == nullptr) {
+    insert_entry(BlockTree::make_entry(genesis, nullptr));
+  }
+  return true;
+}
+
+bool Blockchain::repair_recent_files(std::string& error) {
+  uint32_t top = 0;
+  std::map<std::string, std::set<uint256>> indexed;
+  for (const auto& [hash, entry] : tree_.all()) {
+    top = std::max(top, entry.height);
+    indexed[entry.file_name].insert(hash);
+  }
+  // Names ascend with the heights. Without an index every file is recent.
+  const std::string first = block_file_name(top > kWalkedHeights ? top - kWalkedHeights : 0);
+  std::vector<std::string> recent = files_.list();
+  std::erase_if(recent, [&](const std::string& name) { return name < first; });
+  for (const std::string& name : recent) {
+    if (stop_) {
+      return fail(error, "Node is stopping");
+    }
+    const auto lost = files_.repair(name, indexed[name]);
+    if (!lost) {
+      return fail(error, "Block file " + directory_ + "/" + name + " cannot be read");
+    }
+    for (const uint256& hash : *lost) {
+      console::error_line("[Blockchain] Block " + hash.to_hex() + " is lost and will be fetched again");
+      drop_branch(hash);
+    }
+  }
+  add_unindexed_blocks(recent);
+  return true;
+}
+
+// Blocks that were written but that the index lacks, lowest first.
+void Blockchain::add_unindexed_blocks(const std::vector<std::string>& file_names) {
+  struct Found {
+    uint32_t height;
+    uint256 hash;
+    std::string file_name;
+  };
+  std::vector<Found> found;
+  for (const std::string& name : file_names) {
+    std::set<uint256> unknown;
+    files_.for_each_hash(name, [&](const uint256& hash) REQUIRES(mutex_) {
+      if (tree_.find(hash) == nullptr) {
+        unknown.insert(hash);
+      }
+    });
+    for (const uint256& hash : unknown) {
+      if (const auto block = files_.load(name, hash)) {
+        found.push_back({block->height, hash, name});
+      }
+    }
+  }
+  std::stable_sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.height < b.height; });
+  size_t added = 0;
+  for (const Found& record : found) {
+    added += !stop_ && index_stored_block(record.hash, record.file_name) ? 1 : 0;
+  }
+  if (added > 0) {
+    console::write_out("[Blockchain] " + std::to_string(added) + " block(s) of the block files added to the index\n");
+  }
+}
+
+bool Blockchain::index_stored_block(const uint256& hash, const std::string& file_name) {
+  const std::optional<Block> block = files_.load(file_name, hash);
+  const BlockIndex* parent = block ? tree_.find(block->header.prev_hash) : nullptr;
+  std::string reason;
+  if (parent == nullptr || block->height != uint64_t{parent->height} + 1 ||
+      !validate_context_free(*block, ClockRule::SKIP, reason) ||
+      block->header.bits != tree_.expected_child_bits(parent->hash, consensus::RetargetReport::SILENT)) {
+    return false;
+  }
+  BlockIndex entry = BlockTree::make_entry(*block, parent);
+  entry.file_name = file_name;
+  insert_entry(entry);
+  return true;
+}
+
+// The branch that was active comes back if its blocks hold; where one does not,
+// the part below it stays and the heaviest branch that is left is tried.
+bool Blockchain::activate(std::string& error) {
+  std::optional<uint256> wanted;
+  if (saved_tip_ && tree_.find(saved_tip_->best_hash) != nullptr) {
+    wanted = saved_tip_->best_hash;
+  }
+  const bool had_tip = wanted.has_value();
+  const auto any = [](const BlockIndex&) { return true; };
+  if (!wanted) {
+    wanted = tree_.heaviest(read_snapshot_tip(), any)->hash;
+  }
+  bool whole = true;
+  while (state_.empty() || *wanted != state_.tip_hash()) {
+    const std::optional<Failure> failure = activate_branch(*wanted);
+    if (!failure) {
+      break;
+    }
+    if (stop_ || state_.empty() || failure->block.is_zero()) {
+      return fail(error, failure->reason);
+    }
+    whole = false;
+    console::error_line("[Blockchain] Chain goes on from height " + std::to_string(state_.tip_height()) + ": " +
+                        failure->reason);
+    if (failure->fate == BlockFate::INVALID) {
+      tree_.mark_bad(failure->block, verdicts_.remember(failure->block, failure->reason));
+    } else {
+      drop_branch(failure->block);
+    }
+    wanted = tree_.heaviest(state_.tip_hash(), any)->hash;
+  }
+  adopt_undo_records();
+  if (had_tip && whole) {
+    try_saved_alternatives();
+  }
+  count_old_forks();
+  return finish_start(error);
+}
+
+// The heaviest known branch, once, by the rules of any reorganisation.
+void Blockchain::try_saved_alternatives() {
+  const BlockIndex* heaviest = tree_.heaviest(state_.tip_hash(), [](const BlockIndex&) { return true; });
+  if (heaviest == nullptr || !(tree_.find(state_.tip_hash())->chain_work < heaviest->chain_work)) {
+    return;
+  }
+  const uint32_t depth = state_.tip_height() - tree_.fork_height(heaviest->hash);
+  if (depth > UndoJournal::kDepth) {
+    reorganise(heaviest->hash);  // says why not
+  }
+  try_heaviest_branch();
+}
+
+bool Blockchain::finish_start(std::string& error) {
+  if (broken_) {
+    return fail(error, "Chain state could not be restored");
+  }
+  const bool changed = !unsaved_.empty() || !dropped_.empty() || !saved_tip_ ||
+                       *saved_tip_ != ChainTip{state_.tip_hash(), state_.tip_height(), state_.total_supply()};
+  if (changed && !write_state()) {
+    return fail(error, "The state cannot be written to " + directory_);
+  }
+  if (rebuilding_) {
+    std::error_code failure;
+    if (!write_snapshot() || (!std::filesystem::remove(directory_ + "/" + kRebuildMarker, failure) && failure)) {
+      return fail(error, "The rebuilt state cannot be written to " + directory_);
+    }
+  }
+  return true;
+}
+
+// Brings the state to `tip_hash`, whatever the depth of the fork. On failure it
+// stands below the block that failed, or where it was.
+std::optional<Blockchain::Failure> Blockchain::activate_branch(const uint256& tip_hash) {
+  const std::vector<uint256> path = tree_.path_from_genesis(tip_hash);
+  if (state_.empty()) {
+    return replay_from_best_start(path);
+  }
+  const uint32_t fork_height = tree_.fork_height(tip_hash);
+  if (auto failure = go_back_to(fork_height)) {
+    return failure;
+  }
+  return replay_chain(path, size_t{fork_height} + 1);
+}
+
+// Brings the empty state to the end of `path`, all hashes from the genesis block
+// on, starting from the snapshot when it fits.
+std::optional<Blockchain::Failure> Blockchain::replay_from_best_start(const std::vector<uint256>& path) {
+  const bool is_new = path.size() == 1 && !std::filesystem::exists(directory_ + "/" + kSnapshotFile);
+  std::string reason;
+  if (!rebuilding_ && !is_new) {
+    if (restore_snapshot(path, reason)) {
+      const uint32_t snapshot_height = state_.tip_height();
+      const std::optional<Failure> failure = replay_chain(path, size_t{snapshot_height} + 1);
+      if (!failure) {
+        console::write_out("[Blockchain] Snapshot loaded (height " + std::to_string(snapshot_height) + "), caught up " +
+                           std::to_string(state_.tip_height() - snapshot_height) + " block(s) to height " +
+                           std::to_string(state_.tip_height()) + "\n");
+        return std::nullopt;
+      }
+      if (stop_) {
+        return failure;
+      }
+      reason = failure->fate == BlockFate::INVALID ? "tip mismatch after catch-up" : "missing block in catch-up";
+    }
+    console::error_line("[Blockchain] Snapshot not usable (" + reason + ") — rebuilding chain state from disk...");
+  }
+  state_.clear();
+  journal_.clear();
+  tree_.set_active({});
+  ++change_number_;
+  return replay_chain(path, 0);
+}
+
+std::optional<uint256> Blockchain::read_snapshot_tip() const {
+  const auto file = read_whole_file(directory_ + "/" + kSnapshotFile, std::numeric_limits<uint64_t>::max());
+  SnapshotData data;
+  std::string reason;
+  return file && decode_snapshot(*file, data, reason) ? std::optional(data.header.tip_hash) : std::nullopt;
+}
+
+// Makes the snapshot the state when its tip lies on `path`; otherwise the state
+// is left alone and `reason` says why.
+bool Blockchain::restore_snapshot(const std::vector<uint256>& path, std::string& reason) {
+  SnapshotData data;
+  {
+    const auto file = read_whole_file(directory_ + "/" + kSnapshotFile, std::numeric_limits<uint64_t>::max());
+    if (!file) {
+      return fail(reason, "no snapshot file");
+    }
+    if (!decode_snapshot(*file, data, reason)) {
+      return false;
+    }
+  }
+  const uint32_t height = data.header.tip_height;
+  if (height >= path.size() || path[height] != data.header.tip_hash) {
+    return fail(reason, "snapshot tip not on active chain");
+  }
+  state_.restore(std::move(data));
+  journal_.clear();
+  tree_.set_active({path.begin(), path.begin() + height + 1});
+  ++change_number_;
+  return true;
+}
+
+void Blockchain::adopt_undo_records() {
+  journal_.load();
+  const auto& active = tree_.active();
+  const size_t known = std::min(journal_.size(), active.size());
+  const size_t count = std::min(UndoJournal::kDepth - std::min(UndoJournal::kDepth, known), active.size() - known);
+  if (count > 0) {
+    const auto newest = active.rbegin() + static_cast<std::ptrdiff_t>(known);
+    const std::vector<uint256> hashes(newest, newest + static_cast<std::ptrdiff_t>(count));
+    journal_.adopt(static_cast<uint32_t>(active.size() - known - 1), hashes);
+  }
+}
+
+void Blockchain::count_old_forks() {
+  old_fork_count_ = 0;
+  old_fork_bytes_ = 0;
+  for (const auto& [hash, entry] : tree_.all()) {
+    if (!tree_.is_active(hash) && state_.tip_height() - tree_.fork_height(hash) > UndoJournal::kDepth) {
+      ++old_fork_count_;
+      old_fork_bytes_ += files_.record_bytes(entry.file_name, hash);
+    }
+  }
+}
+
+void Blockchain::drop_branch(const uint256& hash) {
+  for (const uint256& member : tree_.erase_branch(hash)) {
+    unsaved_.erase(member);
+    dropped_.insert(member);
+  }
+}
+
+}  // namespace norvel

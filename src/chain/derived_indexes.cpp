@@ -1,0 +1,121 @@
+#include "chain/derived_indexes.h"
+
+#include <algorithm>
+#include <ranges>
+#include <set>
+
+#include "crypto/address.h"
+
+namespace norvel {
+
+namespace {
+
+bool is_ordinary(const Transaction& tx) {
+  return tx.type != TransactionType::COINBASE && tx.type != TransactionType::TREASURY_DISTRIBUTION;
+}
+
+bool reveals_key(const TxIn& input) {
+  return !input.pubkey.empty() && !std::ranges::equal(input.pubkey, TxIn::kHtlcMarker);
+}
+
+// The public-key hashes that `tx` pays or spends from, each once.
+std::set<Bytes> touched_hashes(const Transaction& tx, const DerivedIndexes::SpentOutputs& spent) {
+  std::set<Bytes> hashes;
+  const auto add = [&hashes](const TxOut& output) {
+    if (Bytes hash = output.get_pubkey_hash(); hash.size() == crypto::kPublicKeyHashBytes) {
+      hashes.insert(std::move(hash));
+    }
+  };
+  for (const TxIn& input : tx.inputs) {
+    if (const auto found = spent.find(input.prevout); found != spent.end()) {
+      add(found->second);
+    }
+  }
+  std::ranges::for_each(tx.outputs, add);
+  return hashes;
+}
+
+}  // namespace
+
+IndexPlan DerivedIndexes::plan(const Block& block, const SpentOutputs& spent) const {
+  IndexPlan plan;
+  plan.undo.heights.reserve(block.transactions.size());
+  std::set<Bytes> seen_keys;  // saves the address of a key that the block uses often
+  for (const Transaction& tx : block.transactions) {
+    const uint256 txid = tx.get_txid();
+    const auto earlier = heights_.find(txid);
+    const bool is_repeated = earlier != heights_.end();
+    plan.undo.heights.emplace_back(txid, is_repeated ? std::optional(earlier->second) : std::nullopt);
+    if (!is_repeated) {
+      for (const Bytes& hash : touched_hashes(tx, spent)) {
+        plan.undo.listed.emplace_back(hash, txid);
+      }
+    }
+    if (!is_ordinary(tx)) {
+      continue;
+    }
+    for (const TxIn& input : tx.inputs) {
+      if (!reveals_key(input) || !seen_keys.insert(input.pubkey).second) {
+        continue;
+      }
+      std::string address = crypto::pubkey_to_address(input.pubkey, 0);
+      if (!keys_.contains(address)) {
+        plan.undo.revealed.push_back(std::move(address));
+        plan.keys.emplace_back(input.pubkey);
+      }
+    }
+  }
+  return plan;
+}
+
+void DerivedIndexes::add_block(const IndexUndo& undo, const std::vector<ByteView>& keys, uint32_t height) {
+  for (const auto& [txid, previous] : undo.heights) {
+    heights_.insert_or_assign(txid, height);
+  }
+  for (const auto& [hash, txid] : undo.listed) {
+    addresses_[hash].push_back(txid);
+  }
+  for (size_t i = 0; i < keys.size(); ++i) {
+    keys_.try_emplace(undo.revealed[i], keys[i].begin(), keys[i].end());
+  }
+}
+
+void DerivedIndexes::remove_block(const IndexUndo& undo) noexcept {
+  for (const std::string& address : undo.revealed) {
+    keys_.erase(address);
+  }
+  for (const auto& [hash, txid] : std::views::reverse(undo.listed)) {
+    const auto entry = addresses_.find(hash);
+    if (entry == addresses_.end()) {
+      continue;
+    }
+    std::vector<uint256>& list = entry->second;
+    if (!list.empty() && list.back() == txid) {
+      list.pop_back();
+    }
+    if (list.empty()) {
+      addresses_.erase(entry);
+    }
+  }
+  for (const auto& [txid, previous] : std::views::reverse(undo.heights)) {
+    if (!previous) {
+      heights_.erase(txid);
+    } else if (const auto entry = heights_.find(txid); entry != heights_.end()) {
+      entry->second = *previous;
+    }
+  }
+}
+
+void DerivedIndexes::clear() {
+  heights_.clear();
+  addresses_.clear();
+  keys_.clear();
+}
+
+void DerivedIndexes::assign(HeightMap heights, AddressMap addresses, KeyMap keys) {
+  heights_ = std::move(heights);
+  addresses_ = std::move(addresses);
+  keys_ = std::move(keys);
+}
+
+}  // namespace norvel

@@ -1,0 +1,47 @@
+// Blocks that were found to break a rule, so that they and what descends from
+// them is refused at once.
+//
+// Only hashes with valid proof of work and the expected bits come here, and only
+// for rules that depend on bytes bound by the hash; faults of this machine never
+// do. In memory only; the oldest verdict leaves when kVerdictsMax is reached.
+//
+// Threads: single-threaded; the chain's lock guards it.
+
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "core/uint256.h"
+
+namespace norvel {
+
+struct BlockVerdict {
+  uint256 hash;            // of the block that broke the rule
+  std::string reason;      // the whole text with which it was refused
+  bool forgotten = false;  // it left the log; whoever still holds it ignores it
+};
+
+class VerdictLog {
+ public:
+  static constexpr size_t kVerdictsMax = 10'000;
+
+  // Replaces an earlier verdict on the same hash.
+  std::shared_ptr<BlockVerdict> remember(const uint256& hash, const std::string& reason);
+
+  // Null when the block is not known as bad.
+  std::shared_ptr<BlockVerdict> find(const uint256& hash) const;
+
+  size_t size() const { return verdicts_.size(); }
+
+ private:
+  void forget(const uint256& hash);
+
+  std::map<uint256, std::shared_ptr<BlockVerdict>> verdicts_;
+  std::deque<std::shared_ptr<BlockVerdict>> by_age_;
+};
+
+}  // namespace norvel

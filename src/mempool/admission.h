@@ -1,0 +1,84 @@
+// The one way into the pool for transactions from peers, from RPC and from
+// blocks that left the active chain: looks the inputs up in the chain and the
+// pool, validates, applies relay policy, and inserts.
+//
+// A transaction is checked against one state of the chain and pool and inserted
+// afterwards. Whenever the chain's change number grew in between, and always for
+// a child of a pool transaction, its inputs and lock time are then checked again,
+// and it leaves the pool when they no longer hold. Later changes find it in the
+// pool. So nothing stays there that a block or an eviction has made impossible.
+//
+// Errors: refusals are outcomes with a reason. Threads: safe from any thread.
+// Takes the chain's lock and the pool's, one after the other.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "chain/transaction_rules.h"
+#include "core/block.h"
+#include "core/transaction.h"
+#include "core/uint256.h"
+
+namespace norvel {
+
+class Blockchain;
+class Mempool;
+
+// The numbers are those of the relay rules.
+enum class AdmissionOutcome {
+  ACCEPTED = 0,
+  KNOWN = 1,           // in the pool or in the chain
+  MISSING_PARENT = 2,  // "missing parent " and the txid
+  INVALID = 3,         // breaks a rule of blocks: the sender is to blame
+  NOT_TAKEN = 4,       // refused without blame: not final yet, policy, or the pool's refusal
+};
+
+// A transaction whose scripts cost more than this is not relayed.
+inline constexpr uint64_t kPolicySignatureChecksMax = 2'000;
+inline constexpr uint64_t kPolicyHashBytesMax = 200'000'000;
+
+// The most, in base units, that a block's coinbase can account for: it shares
+// half of the fees with the treasury and pays out at most kCoinbaseFeesMax
+// beyond the subsidy.
+inline constexpr int64_t kPolicyFeeMax = 2 * kCoinbaseFeesMax;
+
+// Leaves a block room for its header and coinbase.
+inline constexpr size_t kPolicyTransactionBytesMax = kBlockBytesMax - 1'000;
+
+class TransactionAdmission {
+ public:
+  TransactionAdmission(const Blockchain& chain, Mempool& pool);
+
+  // Offers `tx` to the pool. `reason` is set unless ACCEPTED or KNOWN; `fee`
+  // (base units) when ACCEPTED. The first that holds decides: known; an input
+  // found neither in the chain nor in the pool; a rule of blocks that costs no
+  // signature check; policy on fee and size; not final for the next block; a
+  // script that fails or exceeds the budget; a refusal of the pool. Of what the
+  // pool evicts for it, children that can no longer be mined go as well.
+  AdmissionOutcome accept(const Transaction& tx, std::string& reason, int64_t& fee);
+
+  // Removes the pool's children of `parent` that spend an output of it which
+  // neither the chain nor the pool has, with their descendants.
+  void remove_stranded_children(const uint256& parent);
+
+  // Whether a block on top of the active chain could hold `tx` by its lock time.
+  bool is_final_for_next_block(const Transaction& tx) const;
+
+ private:
+  bool is_in_chain(const uint256& txid) const;
+  std::optional<TxOut> find_output(const OutPoint& outpoint) const;
+  std::optional<OutPoint> collect_spent(const Transaction& tx, OutputsByOutpoint& spent, bool& spends_pool) const;
+  AdmissionOutcome check(const Transaction& tx, const OutputsByOutpoint& spent, std::string& reason) const;
+  AdmissionOutcome check_scripts(const Transaction& tx, const OutputsByOutpoint& spent, std::string& reason) const;
+  AdmissionOutcome confirm(const Transaction& tx, std::string& reason);
+  bool still_stands(const Transaction& tx) const;
+
+  const Blockchain& chain_;
+  Mempool& pool_;
+};
+
+}  // namespace norvel

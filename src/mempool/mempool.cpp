@@ -1,0 +1,252 @@
+#include "mempool/mempool.h"
+
+#include <exception>
+
+#include "core/clock.h"
+#include "mempool/mempool_selection.h"
+
+namespace norvel {
+
+namespace {
+
+// The size of a transaction whose bytes cannot be made, by its counts.
+constexpr uint64_t kEstimatedInputBytes = 150;
+constexpr uint64_t kEstimatedOutputBytes = 34;
+constexpr uint64_t kEstimatedBaseBytes = 250;
+
+uint64_t size_or_estimate(const Transaction& tx) {
+  try {
+    return tx.size();
+  } catch (const std::exception&) {
+    return kEstimatedInputBytes * tx.inputs.size() + kEstimatedOutputBytes * tx.outputs.size() + kEstimatedBaseBytes;
+  }
+}
+
+MempoolEntry make_entry(const Transaction& tx, int64_t fee, uint64_t size) {
+  MempoolEntry entry{tx, fee, size, static_cast<int64_t>(unix_time_seconds()), 0.0};
+  if (size != 0) {
+    entry.fee_rate = static_cast<double>(fee) / static_cast<double>(size);
+  }
+  return entry;
+}
+
+}  // namespace
+
+Mempool::Mempool(size_t max_size) : max_size_(max_size) {}
+
+bool Mempool::add_transaction(const Transaction& tx, int64_t fee, std::string& error) {
+  const MutexLock lock(mutex_);
+  return admit(tx, fee, error);
+}
+
+bool Mempool::admit(const Transaction& tx, int64_t fee, std::string& error) {
+  const uint256 txid = tx.get_txid();
+  if (entries_.contains(txid)) {
+    error = "Transaction already in mempool";
+    return false;
+  }
+  if (tx.type == TransactionType::COINBASE) {
+    error = "Coinbase transactions not allowed in mempool";
+    return false;
+  }
+  for (const TxIn& input : tx.inputs) {
+    if (spenders_.contains(input.prevout)) {
+      error = "Input already spent in mempool";
+      return false;
+    }
+  }
+  const uint64_t size = size_or_estimate(tx);
+  if (size > max_size_ - total_size_) {
+    evict_cheapest();
+  }
+  if (size > max_size_ - total_size_) {
+    error = "Mempool full";
+    return false;
+  }
+  insert(txid, make_entry(tx, fee, size));
+  return true;
+}
+
+void Mempool::evict_cheapest() {
+  // The limit of a rate that may be evicted; none reaches it, as no transaction has fewer than 21 bytes.
+  constexpr double kEvictableFeeRateLimit = 0x1p63;
+  if (by_fee_rate_.empty() || by_fee_rate_.begin()->first >= kEvictableFeeRateLimit) {
+    return;
+  }
+  const uint256 victim = by_fee_rate_.begin()->second;
+  if (!children_of(victim).empty()) {
+    evicted_.push_back(victim);
+  }
+  remove(victim);
+}
+
+void Mempool::insert(const uint256& txid, MempoolEntry entry) {
+  for (const TxIn& input : entry.tx.inputs) {
+    spenders_.emplace(input.prevout, txid);
+  }
+  by_fee_rate_.emplace(entry.fee_rate, txid);
+  if (entry.tx.locktime != 0) {
+    time_locked_.insert(txid);
+  }
+  total_size_ += entry.size;
+  entries_.emplace(txid, std::move(entry));
+}
+
+void Mempool::erase(Entries::iterator found) {
+  const auto& [txid, entry] = *found;
+  for (const TxIn& input : entry.tx.inputs) {
+    spenders_.erase(input.prevout);
+  }
+  by_fee_rate_.erase({entry.fee_rate, txid});
+  time_locked_.erase(txid);
+  total_size_ -= entry.size;
+  entries_.erase(found);
+}
+
+void Mempool::remove(const uint256& txid) {
+  const auto found = entries_.find(txid);
+  if (found != entries_.end()) {
+    erase(found);
+  }
+}
+
+std::set<uint256> Mempool::children_of(const uint256& txid) const {
+  std::set<uint256> children;
+  for (auto spent = spenders_.lower_bound({txid, 0}); spent != spenders_.end() && spent->first.txid == txid; ++spent) {
+    children.insert(spent->second);
+  }
+  return children;
+}
+
+void Mempool::remove_transaction(const uint256& txid) {
+  const MutexLock lock(mutex_);
+  remove(txid);
+}
+
+void Mempool::remove_block_transactions(const Block& block) {
+  const MutexLock lock(mutex_);
+  for (const Transaction& tx : block.transactions) {
+    remove(tx.get_txid());
+  }
+}
+
+size_t Mempool::remove_with_descendants(const uint256& txid) {
+  const MutexLock lock(mutex_);
+  const size_t count_before = entries_.size();
+  std::vector<uint256> doomed{txid};
+  while (!doomed.empty()) {
+    const auto found = entries_.find(doomed.back());
+    doomed.pop_back();
+    if (found != entries_.end()) {
+      const std::set<uint256> children = children_of(found->first);
+      doomed.insert(doomed.end(), children.begin(), children.end());
+      erase(found);
+    }
+  }
+  return count_before - entries_.size();
+}
+
+void Mempool::clear() {
+  const MutexLock lock(mutex_);
+  entries_.clear();
+  spenders_.clear();
+  by_fee_rate_.clear();
+  time_locked_.clear();
+  evicted_.clear();
+  total_size_ = 0;
+}
+
+bool Mempool::is_spent(const OutPoint& outpoint) const {
+  const MutexLock lock(mutex_);
+  return spenders_.contains(outpoint);
+}
+
+std::optional<Transaction> Mempool::get_transaction(const uint256& txid) const {
+  const MutexLock lock(mutex_);
+  const auto found = entries_.find(txid);
+  return found == entries_.end() ? std::nullopt : std::optional(found->second.tx);
+}
+
+std::vector<Transaction> Mempool::get_transactions_for_block(size_t max_bytes) const {
+  const MutexLock lock(mutex_);
+  const std::vector<const MempoolEntry*> selected = select_for_block(entries_, spenders_, max_bytes);
+  std::vector<Transaction> txs;
+  txs.reserve(selected.size());
+  for (const MempoolEntry* entry : selected) {
+    txs.push_back(entry->tx);
+  }
+  return txs;
+}
+
+std::vector<std::pair<OutPoint, TxOut>> Mempool::get_unconfirmed_outputs_for_address(const Bytes& pubkey_hash) const {
+  const MutexLock lock(mutex_);
+  std::vector<std::pair<OutPoint, TxOut>> matches;
+  for (const auto& [txid, entry] : entries_) {
+    for (uint32_t i = 0; i < entry.tx.outputs.size(); ++i) {
+      const OutPoint outpoint{txid, i};
+      if (entry.tx.outputs[i].get_pubkey_hash() == pubkey_hash && !spenders_.contains(outpoint)) {
+        matches.emplace_back(outpoint, entry.tx.outputs[i]);
+      }
+    }
+  }
+  return matches;
+}
+
+MempoolStats Mempool::get_stats() const {
+  const MutexLock lock(mutex_);
+  MempoolStats stats;
+  stats.count = entries_.size();
+  stats.total_bytes = total_size_;
+  uint64_t fees = 0;
+  for (const auto& [txid, entry] : entries_) {
+    fees += static_cast<uint64_t>(entry.fee);
+  }
+  stats.total_fees = static_cast<int64_t>(fees);
+  if (stats.total_bytes != 0) {
+    stats.avg_fee_rate = static_cast<double>(stats.total_fees) / static_cast<double>(stats.total_bytes);
+  }
+  return stats;
+}
+
+size_t Mempool::size() const {
+  const MutexLock lock(mutex_);
+  return entries_.size();
+}
+
+uint64_t Mempool::size_bytes() const {
+  const MutexLock lock(mutex_);
+  return total_size_;
+}
+
+std::optional<TxOut> Mempool::get_output(const OutPoint& outpoint) const {
+  const MutexLock lock(mutex_);
+  const auto found = entries_.find(outpoint.txid);
+  if (found == entries_.end() || outpoint.index >= found->second.tx.outputs.size()) {
+    return std::nullopt;
+  }
+  return found->second.tx.outputs[outpoint.index];
+}
+
+std::optional<uint256> Mempool::get_spender(const OutPoint& outpoint) const {
+  const MutexLock lock(mutex_);
+  const auto found = spenders_.find(outpoint);
+  return found == spenders_.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::vector<uint256> Mempool::get_children(const uint256& txid) const {
+  const MutexLock lock(mutex_);
+  const std::set<uint256> children = children_of(txid);
+  return {children.begin(), children.end()};
+}
+
+std::vector<uint256> Mempool::get_time_locked() const {
+  const MutexLock lock(mutex_);
+  return {time_locked_.begin(), time_locked_.end()};
+}
+
+std::vector<uint256> Mempool::take_evicted() {
+  const MutexLock lock(mutex_);
+  return std::exchange(evicted_, {});
+}
+
+}  // namespace norvel

@@ -1,0 +1,438 @@
+#include "chain/block_files.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+
+#include "chain/genesis.h"
+#include "core/file_io.h"
+#include "support/captured_stderr.h"
+#include "support/chain_builder.h"
+
+namespace {
+
+// Syncs that are to fail, each after writing zeros over the file from an offset
+// on, as a system may do that drops what it could not write.
+int failing_syncs = 0;
+norvel::ByteView::size_type dropped_from = 0;
+
+void drop_written(int fd) {
+  const auto size = static_cast<size_t>(*norvel::file_size(fd));
+  const norvel::FileDescriptor file = norvel::open_file("/proc/self/fd/" + std::to_string(fd), O_WRONLY);
+  lseek(file.get(), static_cast<off_t>(dropped_from), SEEK_SET);
+  norvel::write_all(file.get(), norvel::Bytes(size - dropped_from));
+}
+
+}  // namespace
+
+// In the place of the C library's.
+extern "C" int fdatasync(int fd) {
+  if (failing_syncs > 0) {
+    --failing_syncs;
+    drop_written(fd);
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fdatasync, fd));
+}
+
+namespace norvel {
+namespace {
+
+constexpr char kName[] = "blk00000.dat";
+
+bool never(const std::string&, const uint256&) {
+  return false;
+}
+
+Bytes record_of(const Block& block) {
+  const Bytes bytes = block.serialize();
+  Bytes record;
+  append_le(record, static_cast<uint32_t>(bytes.size()));
+  append(record, bytes);
+  return record;
+}
+
+// A record of `len` bytes that no block decodes from.
+Bytes junk(uint32_t len, uint8_t fill) {
+  Bytes record;
+  append_le(record, len);
+  record.resize(4 + len, fill);
+  return record;
+}
+
+Bytes concatenate(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& part : parts) {
+    append(all, part);
+  }
+  return all;
+}
+
+class BlockFilesTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { blocks_ = make_branch(make_genesis_block(), 5); }
+
+  void write(const Bytes& bytes, const std::string& name = kName) const {
+    std::ofstream(directory_ / name, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  }
+
+  Bytes read(const std::string& name = kName) const {
+    std::ifstream file(directory_ / name, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(file), {});
+  }
+
+  // All five blocks as they are stored.
+  static Bytes whole() {
+    Bytes bytes;
+    for (const Block& block : blocks_) {
+      append(bytes, record_of(block));
+    }
+    return bytes;
+  }
+
+  static uint256 hash(size_t i) { return blocks_[i].get_hash(); }
+
+  static std::set<uint256> all_hashes() {
+    std::set<uint256> hashes;
+    for (const Block& block : blocks_) {
+      hashes.insert(block.get_hash());
+    }
+    return hashes;
+  }
+
+  bool loads(size_t i) {
+    const auto block = files_.load(kName, hash(i));
+    return block && block->serialize() == blocks_[i].serialize();
+  }
+
+  static inline std::vector<Block> blocks_;
+  TemporaryDirectory directory_;
+  BlockFiles files_{directory_.path()};
+  CapturedStderr stderr_;
+};
+
+TEST_F(BlockFilesTest, FilesAreNamedByThousandsOfHeights) {
+  const struct {
+    uint32_t height;
+    const char* name;
+  } rows[] = {{0, "blk00000.dat"},          {999, "blk00000.dat"},          {1'000, "blk00001.dat"},
+              {99'999'999, "blk99999.dat"}, {100'000'000, "blk100000.dat"}, {0xffffffff, "blk4294967.dat"}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(block_file_name(row.height), row.name);
+  }
+  for (const char* name : {"blk100000.dat", "blk00001.dat", "blk99999.dat", "blk00001.dat.cut", "blk00001.dat.tmp",
+                           "blk1.dat", "blk000001.dat", "blk0000x.dat", "snapshot.dat"}) {
+    write({}, name);
+  }
+  EXPECT_EQ(files_.list(), (std::vector<std::string>{"blk00001.dat", "blk99999.dat", "blk100000.dat"}));
+}
+
+TEST_F(BlockFilesTest, AppendsRecordsOfLengthAndBlock) {
+  Block twin = blocks_[0];
+  twin.height = 7;  // not bound by the hash
+  for (const Block& block : {blocks_[0], twin, blocks_[1]}) {
+    ASSERT_TRUE(files_.append(block, never));
+  }
+  ASSERT_TRUE(files_.sync());
+  EXPECT_EQ(read(), concatenate({record_of(blocks_[0]), record_of(twin), record_of(blocks_[1])}));
+  EXPECT_TRUE(loads(0) && loads(1));  // of two records the first
+  EXPECT_EQ(files_.record_bytes(kName, hash(1)), blocks_[1].serialize().size());
+  EXPECT_EQ(files_.record_bytes(kName, hash(2)), 0u);
+  const std::string path = directory_ / kName;
+  EXPECT_EQ(BlockFiles::load_from_file(path, 1)->height, 7u);
+  EXPECT_FALSE(BlockFiles::load_from_file(path, 3));
+  EXPECT_FALSE(BlockFiles::load_from_file(path + "x", 0));
+}
+
+TEST_F(BlockFilesTest, ALookUpStopsWhereLengthsEnd) {
+  const std::string size_error = "[Blockchain] ERROR: Invalid block size read from disk: 10000001\n";
+  const struct {
+    const char* label;
+    Bytes front;
+    bool is_found;
+    std::string error;
+  } rows[] = {
+      {"largest record", junk(10'000'000, 0), true, ""},
+      {"one byte more", junk(10'000'001, 0), false, size_error},
+      {"record cut off", junk(9'000'000, 0), true, ""},
+      {"records shorter than a header", concatenate({junk(0, 0), junk(83, 1)}), true, ""},
+      {"cut length", {}, false, ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    const CapturedStderr captured;
+    write(row.front.empty() ? Bytes{1, 0, 0} : concatenate({row.front, record_of(blocks_[0])}));
+    EXPECT_EQ(loads(0), row.is_found);
+    EXPECT_EQ(files_.record_bytes(kName, hash(0)) != 0, row.is_found);
+    EXPECT_TRUE(row.error.empty() || captured.text() == row.error) << captured.text();
+  }
+}
+
+TEST_F(BlockFilesTest, UnreadableRecordsArePassedOver) {
+  Bytes doubled = record_of(blocks_[0]);
+  doubled.back() ^= 1;  // the lock time: decodes, but not to the Merkle root
+  const Bytes end = record_of(blocks_[1]);
+  write(concatenate({doubled, junk(200, 3), record_of(blocks_[0]), end}));
+  EXPECT_TRUE(loads(0));
+  std::vector<uint32_t> heights;
+  EXPECT_TRUE(files_.for_each_block(kName, [&](const Block& block) {
+    heights.push_back(block.height);
+    return heights.size() < 2;
+  }));
+  EXPECT_EQ(heights, (std::vector<uint32_t>{1, 2}));
+  size_t count = 0;
+  EXPECT_TRUE(files_.for_each_hash(kName, [&](const uint256&) { ++count; }));
+  EXPECT_EQ(count, 4u);
+  write(concatenate({doubled, end}));
+  EXPECT_FALSE(loads(0));
+}
+
+// Against a plain reading of the bytes, while the file changes behind the cache.
+TEST_F(BlockFilesTest, ALookUpIsThatOfASequentialScan) {
+  std::mt19937_64 random(11);
+  const auto scan = [](const Bytes& bytes, const uint256& wanted) -> std::optional<Bytes> {
+    for (size_t at = 0; bytes.size() - at >= 4;) {
+      const size_t len = read_le<uint32_t>(bytes, at);
+      if (len > bytes.size() - at) {
+        break;
+      }
+      const ByteView record = ByteView(bytes).subspan(at, len);
+      for (const Block& block : blocks_) {
+        if (block.get_hash() == wanted && std::ranges::equal(record, block.serialize())) {
+          return block.serialize();
+        }
+      }
+      at += len;
+    }
+    return std::nullopt;
+  };
+  for (int round = 0; round < 300; ++round) {
+    if (random() % 4 == 0) {
+      const Block& block = blocks_[random() % 5];
+      ASSERT_TRUE(files_.append(block, never));
+    } else {
+      Bytes bytes;
+      for (int i = 0; i < 4; ++i) {  // mostly of the same size, so that only the content tells
+        append(bytes, random() % 4 == 0 ? junk(static_cast<uint32_t>(blocks_[0].size()), 5)
+                                        : record_of(blocks_[random() % 5]));
+      }
+      write(bytes);
+    }
+    const size_t i = random() % 5;
+    const auto block = files_.load(kName, hash(i));
+    ASSERT_EQ(block ? std::optional(block->serialize()) : std::nullopt, scan(read(), hash(i)));
+  }
+}
+
+// What repair() promises for any file: nothing of it is thrown away, the blocks
+// that it does not report as lost load, and a second repair finds nothing to do.
+TEST_F(BlockFilesTest, OneWrongByteLosesAtMostItsOwnBlock) {
+  const Bytes good = whole();
+  std::vector<size_t> starts;
+  for (size_t i = 0, at = 0; i < blocks_.size(); at += record_of(blocks_[i++]).size()) {
+    starts.push_back(at);
+  }
+  size_t recovered = 0;
+  for (size_t at = 0; at < good.size(); ++at) {
+    for (const uint8_t flip : Bytes{0x01, 0x20, 0xff}) {
+      SCOPED_TRACE(testing::Message() << "byte " << at << " flip " << int{flip});
+      const size_t owner = static_cast<size_t>(std::upper_bound(starts.begin(), starts.end(), at) - starts.begin()) - 1;
+      Bytes bad = good;
+      bad[at] ^= flip;
+      write(bad);
+      std::filesystem::remove(directory_ / "blk00000.dat.cut");
+
+      const auto lost = files_.repair(kName, all_hashes());
+      ASSERT_TRUE(lost);
+      const bool is_length = at - starts[owner] < 4;
+      ASSERT_TRUE(lost->empty() || (!is_length && *lost == std::vector{hash(owner)}));
+      for (size_t i = 0; i < blocks_.size(); ++i) {
+        if (lost->empty() || i != owner) {
+          const auto block = files_.load(kName, hash(i));
+          ASSERT_TRUE(block && block->get_hash() == hash(i));
+        }
+      }
+      const Bytes mended = read();
+      const Bytes cut = read("blk00000.dat.cut");
+      ASSERT_TRUE(std::equal(cut.rbegin(), cut.rend(), bad.rbegin()));
+      ASSERT_TRUE(std::equal(bad.begin(), bad.end() - static_cast<ptrdiff_t>(cut.size()), mended.begin()));
+      recovered += mended.size() > bad.size() - cut.size() ? 1 : 0;
+      ASSERT_EQ(files_.repair(kName, all_hashes()), lost);
+      ASSERT_EQ(read(), mended);
+    }
+  }
+  EXPECT_GE(recovered, 4u * 3u);  // at least where a length leads out of the file
+}
+
+TEST_F(BlockFilesTest, RepairCutsATornTailAndKeepsIt) {
+  const Bytes front = record_of(blocks_[0]);
+  const Bytes last = record_of(blocks_[1]);
+  for (size_t len = 0; len <= last.size(); ++len) {
+    SCOPED_TRACE(len);
+    std::filesystem::remove(directory_ / "blk00000.dat.cut");
+    const Bytes tail(last.begin(), last.begin() + static_cast<ptrdiff_t>(len));
+    write(concatenate({front, tail}));
+    const auto lost = files_.repair(kName, {hash(0), hash(1)});
+    ASSERT_TRUE(lost);
+    const bool is_whole = len == last.size();
+    EXPECT_EQ(*lost, is_whole ? std::vector<uint256>{} : std::vector{hash(1)});
+    EXPECT_EQ(read(), is_whole ? concatenate({front, last}) : front);
+    EXPECT_EQ(read("blk00000.dat.cut"), is_whole ? Bytes{} : tail);
+    ASSERT_TRUE(files_.append(blocks_[2], never));
+    EXPECT_TRUE(loads(0) && loads(2));
+  }
+  EXPECT_NE(stderr_.text().find(directory_ / kName + ", 9 bytes from offset " + std::to_string(front.size())),
+            std::string::npos);
+}
+
+TEST_F(BlockFilesTest, RepairLeavesWhatIsWellFramed) {
+  const Bytes zeros(64);  // records without a block
+  const Bytes bytes = concatenate({record_of(blocks_[0]), junk(300, 9), record_of(blocks_[1]), zeros});
+  write(bytes);
+  EXPECT_EQ(files_.repair(kName, {hash(1)}), std::vector<uint256>{});
+  EXPECT_EQ(read(), bytes);
+  EXPECT_EQ(stderr_.text(), "");
+  EXPECT_FALSE(files_.repair("blk00001.dat", {}));
+  EXPECT_FALSE(files_.repair("../" + std::string(kName), {}));
+}
+
+TEST_F(BlockFilesTest, TheFirstAppendOfARunWalksTheFile) {
+  const Bytes front = record_of(blocks_[0]);
+  const Bytes torn(front.begin(), front.end() - 1);  // a second copy, cut
+  Bytes wrong_length = record_of(blocks_[1]);
+  wrong_length[3] = 1;
+  const Bytes damaged = concatenate({front, wrong_length, record_of(blocks_[2])});
+  const auto is_second = [](const std::string& name, const uint256& asked) {
+    return name == kName && asked == hash(2);
+  };
+  const auto is_first = [](const std::string&, const uint256& asked) { return asked == hash(0); };
+  const struct {
+    const char* label;
+    Bytes content;
+    BlockFiles::IsIndexed is_indexed;
+    bool is_taken;
+  } rows[] = {
+      {"nothing wrong", concatenate({front, record_of(blocks_[1])}), is_first, true},
+      {"torn copy of an indexed block", concatenate({front, torn}), is_first, true},
+      {"no block of the index behind the damage", damaged, is_first, true},
+      {"a block of the index behind the damage", damaged, is_second, false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    write(row.content);
+    write({1, 2}, "blk00000.dat.cut");  // of an earlier run
+    BlockFiles files(directory_.path());
+    ASSERT_EQ(files.append(blocks_[3], row.is_indexed), row.is_taken);
+    if (!row.is_taken) {
+      EXPECT_EQ(read(), row.content);
+      EXPECT_EQ(files.repair(kName, {hash(0), hash(2)}), std::vector<uint256>{});
+      EXPECT_TRUE(files.append(blocks_[3], row.is_indexed));
+    } else if (row.content != concatenate({front, record_of(blocks_[1])})) {
+      EXPECT_EQ(read(), concatenate({front, record_of(blocks_[3])}));
+      const Bytes tail(row.content.begin() + static_cast<ptrdiff_t>(front.size()), row.content.end());
+      EXPECT_EQ(read("blk00000.dat.cut"), concatenate({{1, 2}, tail}));
+    }
+    EXPECT_TRUE(files.load(kName, hash(3)));
+  }
+}
+
+// Holds a limit of the process while it lives.
+class Limited {
+ public:
+  Limited(__rlimit_resource resource, rlim_t limit) : resource_(resource) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(resource, &before_);
+    const rlimit lowered{limit, before_.rlim_max};
+    setrlimit(resource, &lowered);
+  }
+  ~Limited() { setrlimit(resource_, &before_); }
+  Limited(const Limited&) = delete;
+  Limited& operator=(const Limited&) = delete;
+
+ private:
+  __rlimit_resource resource_;
+  rlimit before_{};
+};
+
+TEST_F(BlockFilesTest, AFailedAppendLeavesTheFile) {
+  ASSERT_TRUE(files_.append(blocks_[0], never));
+  const Bytes before = read();
+  {
+    const Limited limited(RLIMIT_FSIZE, before.size() + 10);
+    EXPECT_FALSE(files_.append(blocks_[1], never));
+  }
+  EXPECT_EQ(read(), before);
+  {
+    const Limited limited(RLIMIT_NOFILE, 0);
+    Block distant = blocks_[1];
+    distant.height = 5'000;
+    const CapturedStderr captured;
+    EXPECT_FALSE(files_.append(distant, never));
+    EXPECT_EQ(captured.text(),
+              "[Blockchain] ERROR: Failed to open block file for writing: " + (directory_ / "blk00005.dat") + "\n");
+    EXPECT_FALSE(loads(0));
+  }
+  EXPECT_TRUE(files_.append(blocks_[1], never));
+  EXPECT_TRUE(files_.sync());
+  EXPECT_TRUE(loads(0) && loads(1));
+}
+
+TEST_F(BlockFilesTest, ARepairThatFailsLeavesTheFile) {
+  Bytes damaged = whole();
+  damaged[3] = 1;
+  write(damaged);
+  {
+    const Limited limited(RLIMIT_FSIZE, 100);
+    EXPECT_FALSE(files_.repair(kName, all_hashes()));
+  }
+  EXPECT_EQ(read(), damaged);
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "blk00000.dat.tmp"));
+  EXPECT_EQ(files_.repair(kName, all_hashes()), std::vector<uint256>{});
+}
+
+TEST_F(BlockFilesTest, WhatAFailedSyncDroppedIsWrittenAgain) {
+  ASSERT_TRUE(files_.append(blocks_[0], never) && files_.sync());
+  dropped_from = read().size();
+  for (const size_t i : {1, 2, 3}) {
+    ASSERT_TRUE(files_.append(blocks_[i], never));
+    failing_syncs = i == 2 ? 0 : 2;
+    EXPECT_EQ(files_.sync(), i == 2);
+    EXPECT_TRUE(loads(i));
+    dropped_from = i == 2 ? read().size() : dropped_from;
+  }
+  EXPECT_FALSE(files_.sync());  // the second of the last two failures
+  EXPECT_TRUE(files_.sync());
+  EXPECT_EQ(read(),
+            concatenate({record_of(blocks_[0]), record_of(blocks_[1]), record_of(blocks_[2]), record_of(blocks_[3])}));
+}
+
+TEST_F(BlockFilesTest, UnsyncedFilesAreBounded) {
+  const auto open_count = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+  };
+  const auto before = open_count();
+  Block block = blocks_[0];
+  for (uint32_t i = 0; i < 200; ++i) {
+    block.height = i * kHeightsPerFile;
+    ASSERT_TRUE(files_.append(block, never));
+    EXPECT_LE(open_count(), before + 20);
+  }
+  EXPECT_TRUE(files_.sync());
+  EXPECT_EQ(open_count(), before);
+  EXPECT_TRUE(files_.load("blk00003.dat", hash(0)));
+}
+
+}  // namespace
+}  // namespace norvel

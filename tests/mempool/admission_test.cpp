@@ -1,0 +1,255 @@
+// What the pool takes from outside, and what it still holds after the chain has
+// moved.
+
+#include "mempool/admission.h"
+
+#include <algorithm>
+#include <thread>
+
+#include "chain/chain_scene.h"
+#include "mempool/mempool.h"
+#include "mempool/pool_updater.h"
+#include "script/script.h"
+
+namespace norvel {
+namespace {
+
+using Coin = std::pair<OutPoint, TxOut>;
+using enum AdmissionOutcome;
+
+// Moves all but `fee` of a coin to sample_key(2).
+Transaction spend(const Coin& coin, int64_t fee = 1'000, uint8_t from = 1) {
+  return pay(sample_key(from), {coin}, {coin.second.value - fee});
+}
+
+Transaction child_of(const Transaction& parent, int64_t fee = 1'000) {
+  return spend(output_of(parent), fee, 2);
+}
+
+class Admission : public testing::Test {
+ protected:
+  Admission() {
+    scene_.chain().set_pool_sink(&updater_);
+    for (int i = 0; i < 28; ++i) {
+      coins_.push_back(output_of(scene_.extend().transactions[0]));
+    }
+  }
+
+  AdmissionOutcome offer(const Transaction& tx) {
+    reason_.clear();
+    return admission_.accept(tx, reason_, fee_);
+  }
+
+  bool holds(const Transaction& tx) const { return pool_.get_transaction(tx.get_txid()).has_value(); }
+
+  ChainScene scene_;
+  Mempool pool_{5'000'000};
+  TransactionAdmission admission_{scene_.chain(), pool_};
+  PoolUpdater updater_{scene_.chain(), pool_};
+  std::vector<Coin> coins_;  // 8 coins each, of sample_key(1)
+  std::string reason_;
+  int64_t fee_ = 0;
+};
+
+TEST_F(Admission, BlamesForRulesOfBlocksOnly) {
+  const Transaction confirmed = spend(coins_[27]);
+  scene_.extend({.txs = {confirmed}});
+  const Transaction parent = spend(coins_[26]);
+  const auto sign = [](Transaction& tx) {
+    tx.sign_input(0, sample_key(1).private_key, Script::create_p2pkh_output(sample_key(1).pubkey_hash));
+  };
+  const auto typed = [&](int type) {
+    Transaction tx = spend(coins_[0]);
+    tx.type = static_cast<TransactionType>(type);
+    sign(tx);
+    return tx;
+  };
+  const auto locked = [&](uint32_t locktime, int64_t fee = 1'000) {
+    Transaction tx = spend(coins_[0], fee);
+    tx.locktime = locktime;
+    tx.inputs[0].sequence = 0;
+    sign(tx);
+    return tx;
+  };
+  const auto sized = [&](size_t bytes) {
+    Transaction tx = spend(coins_[0]);
+    tx.outputs.emplace_back().script_pubkey.resize(70'000);
+    while (tx.size() != bytes) {  // signatures differ in length
+      tx.outputs[1].script_pubkey.resize(tx.outputs[1].script_pubkey.size() + bytes - tx.size());
+      ++tx.timestamp;
+      sign(tx);
+    }
+    return tx;
+  };
+  const auto paying = [&](int64_t fee) {
+    return pay(sample_key(1), {coins_.begin(), coins_.begin() + 26}, {208 * kCoin - fee});
+  };
+  Transaction forged = spend(coins_[0]);
+  forged.inputs[0].signature.back() ^= 1;
+  forged.invalidate_cache();
+  const Transaction beyond = spend({{parent.get_txid(), 1}, parent.outputs[0]});
+  const uint32_t height = scene_.chain().get_best_height();
+  const struct {
+    const char* label;
+    Transaction tx;
+    AdmissionOutcome want;
+    std::string reason;
+    int64_t fee = 1'000;
+  } rows[] = {
+      {"payment", spend(coins_[0], 7), ACCEPTED, "", 7},
+      {"in the pool", parent, KNOWN, ""},
+      {"in the chain", confirmed, KNOWN, ""},
+      {"output that the parent lacks", beyond, MISSING_PARENT, "missing parent " + parent.get_txid().to_hex()},
+      {"spent in the chain", spend(coins_[27], 9), MISSING_PARENT, "missing parent " + coins_[27].first.txid.to_hex()},
+      {"forged signature", forged, INVALID, "Invalid signature for input 0"},
+      {"treasury distribution", typed(3), INVALID, "Transaction type not allowed: 3"},
+      {"coinbase", typed(255), INVALID, "Transaction type not allowed: 255"},
+      {"unknown type", typed(9), INVALID, "Transaction type not allowed: 9"},
+      {"final in the next block", locked(height), ACCEPTED, ""},
+      {"final one block later", locked(height + 1), NOT_TAKEN, "not final for the next block"},
+      {"final in 2106", locked(0xffffffff), NOT_TAKEN, "not final for the next block"},
+      {"not final and overspent", locked(height + 1, -1), INVALID, "Outputs exceed inputs"},
+      {"largest for a template", sized(999'000), ACCEPTED, ""},
+      {"too large for a template", sized(999'001), NOT_TAKEN, "too large for a block with its coinbase"},
+      {"too large for a block", sized(1'000'001), INVALID, "Transaction too large"},
+      {"highest fee", paying(200 * kCoin), ACCEPTED, "", 200 * kCoin},
+      {"higher fee", paying(200 * kCoin + 1), NOT_TAKEN, "fee above what a block may pay out"},
+      {"conflict in the pool", spend(coins_[26], 9), NOT_TAKEN, "Input already spent in mempool"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    pool_.clear();
+    ASSERT_EQ(offer(parent), ACCEPTED);
+    EXPECT_EQ(offer(row.tx), row.want);
+    EXPECT_EQ(reason_, row.reason);
+    EXPECT_EQ(pool_.size(), row.want == ACCEPTED ? 2u : 1u);
+    EXPECT_EQ(fee_, row.fee);
+  }
+  EXPECT_TRUE(scene_.chain().get_verified_inputs().contains(rows[0].tx, 0, coins_[0].second));
+  EXPECT_FALSE(scene_.chain().get_verified_inputs().contains(forged, 0, coins_[0].second));
+}
+
+TEST_F(Admission, BudgetsTheScriptsOfAllInputsTogether) {
+  Transaction funding = pay(sample_key(1), {coins_[0]}, {2 * kCoin, 2 * kCoin, 2 * kCoin});
+  for (const size_t checks : {1'000, 1'001}) {
+    Bytes& script = funding.outputs[checks - 999].script_pubkey;
+    script = {0x51};
+    for (size_t i = 0; i < checks; ++i) {
+      append(script, Bytes{0x76, 0x76, 0xac, 0x75});  // DUP DUP CHECKSIG DROP
+    }
+    funding.outputs[checks - 999].pubkey_hash.clear();
+  }
+  funding.outputs[0] = funding.outputs[1];
+  funding.sign_input(0, sample_key(1).private_key, Script(coins_[0].second.locking_script()));
+  ASSERT_EQ(offer(funding), ACCEPTED);
+  for (const uint32_t second : {0, 2, 2}) {  // the last is offered twice
+    Transaction tx;
+    tx.outputs.emplace_back(kCoin, Bytes(20, 1));
+    for (const uint32_t index : {1u, second}) {
+      TxIn& input = tx.inputs.emplace_back();
+      input.prevout = {funding.get_txid(), index};
+      input.pubkey.assign(TxIn::kHtlcMarker.begin(), TxIn::kHtlcMarker.end());
+    }
+    EXPECT_EQ(offer(tx), second == 0 ? ACCEPTED : NOT_TAKEN);
+    EXPECT_EQ(reason_, second == 0 ? "" : "scripts cost more than relay allows");
+    pool_.remove_with_descendants(tx.get_txid());
+  }
+}
+
+TEST_F(Admission, EvictsWithDescendants) {
+  const Transaction cheap = spend(coins_[0], 1);
+  const Transaction child = child_of(cheap, 5'000);
+  const Transaction kept = spend(coins_[1], 5'000);
+  Mempool pool(cheap.size() + child.size() + kept.size());
+  TransactionAdmission admission(scene_.chain(), pool);
+  for (const Transaction& tx : {cheap, child, kept}) {
+    ASSERT_EQ(admission.accept(tx, reason_, fee_), ACCEPTED);
+  }
+  EXPECT_EQ(admission.accept(spend(coins_[2], 0), reason_, fee_), ACCEPTED);
+  EXPECT_TRUE(pool.get_transaction(kept.get_txid()));
+  EXPECT_EQ(pool.size(), 2u);
+
+  Mempool small(cheap.size() + child.size() - 1);  // the child pushes its own parent out
+  TransactionAdmission tight(scene_.chain(), small);
+  ASSERT_EQ(tight.accept(cheap, reason_, fee_), ACCEPTED);
+  EXPECT_EQ(tight.accept(child, reason_, fee_), NOT_TAKEN);
+  EXPECT_EQ(small.size(), 0u);
+}
+
+TEST_F(Admission, FollowsTheChain) {
+  const Transaction returning = spend(coins_[0]);
+  const Transaction lost = spend(coins_[1]);
+  const Transaction lost_child = child_of(lost);
+  const Transaction rival = spend(coins_[1], 2'000);
+  const Transaction on_returning = child_of(returning);
+  const Block fork = scene_.tip();
+  for (const Transaction& tx : {returning, on_returning, rival}) {
+    ASSERT_EQ(offer(tx), ACCEPTED);
+  }
+  const Transaction rival_child = child_of(rival);
+  ASSERT_EQ(offer(rival_child), ACCEPTED);
+  const Block left = scene_.extend({.txs = {returning, lost, lost_child}});
+  const Transaction on_coinbase = spend(output_of(left.transactions[0]));
+  const Transaction on_lost = child_of(lost_child);
+  ASSERT_EQ(offer(on_coinbase), ACCEPTED);
+  ASSERT_EQ(offer(on_lost), ACCEPTED);
+  EXPECT_FALSE(holds(returning) || holds(rival) || holds(rival_child));
+  EXPECT_TRUE(holds(on_returning));
+
+  const Block right = make_child(fork, {.txs = {rival}, .message = "another coinbase"});
+  scene_.add_all({right, make_child(right)});
+  EXPECT_TRUE(holds(returning) && holds(on_returning));
+  EXPECT_EQ(pool_.size(), 2u) << "only what still stands";
+}
+
+TEST_F(Admission, DropsWhatIsNotFinalAnyMore) {
+  Transaction tx = spend(coins_[0]);
+  tx.locktime = scene_.chain().get_best_height() + 1;
+  tx.inputs[0].sequence = 0;
+  tx.invalidate_cache();
+  const Transaction child = child_of(tx);
+  ASSERT_TRUE(pool_.add_transaction(tx, 1, reason_) && pool_.add_transaction(child, 1, reason_));
+  ASSERT_EQ(offer(spend(coins_[1])), ACCEPTED);
+  updater_.tip_changed();
+  EXPECT_EQ(pool_.size(), 3u) << "heights only grew";
+  updater_.block_disconnected(make_child(scene_.tip()));
+  updater_.tip_changed();
+  EXPECT_EQ(pool_.size(), 1u);
+}
+
+// Every block spends a coin that threads race to spend too, with a child each.
+TEST_F(Admission, HoldsOnlyWhatStandsWhenBlocksComeMeanwhile) {
+  std::vector<Block> blocks{scene_.tip()};
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < 20; ++i) {
+    blocks.push_back(make_child(blocks.back(), {.txs = {spend(coins_[i], i % 2 == 0 ? 0 : 500)}}));
+  }
+  for (const int64_t fee : {0, 700}) {
+    threads.emplace_back([&, fee] {
+      TransactionAdmission admission(scene_.chain(), pool_);
+      std::string reason;
+      int64_t paid = 0;
+      for (size_t i = 0; i < 24; ++i) {
+        const Transaction tx = spend(coins_[i], fee);
+        admission.accept(tx, reason, paid);
+        admission.accept(child_of(tx), reason, paid);
+      }
+    });
+  }
+  scene_.add_all({blocks.begin() + 1, blocks.end()});
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const Transaction& tx : pool_.get_transactions_for_block(5'000'000)) {
+    EXPECT_FALSE(scene_.chain().get_transaction_height(tx.get_txid()));
+    for (const TxIn& input : tx.inputs) {
+      EXPECT_TRUE(scene_.chain().get_utxo_set().has_utxo(input.prevout) || pool_.get_output(input.prevout));
+    }
+  }
+  for (size_t i = 0; i < 24; ++i) {
+    EXPECT_EQ(pool_.is_spent(coins_[i].first), i >= 20);
+  }
+}
+
+}  // namespace
+}  // namespace norvel
