@@ -305,11 +305,6 @@ bool BlockFiles::for_each_block(const std::string& file_name, const std::functio
   if (!file) {
     return false;
   }
-  // An earlier run may have ended between append and sync.
-  if (!sync_data(file->fd()) || !sync_directory(state_->directory)) {
-    report_file_error("Failed to sync block file", path);
-    return false;
-  }
   RecordWalk walk(file->fd(), file->bytes);
   while (walk.next()) {
     const auto block = walk.block();

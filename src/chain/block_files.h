@@ -81,12 +81,12 @@ class BlockFiles {
   std::optional<std::vector<uint256>> repair(const std::string& file_name, const std::set<uint256>& indexed);
 
   // Calls `visit` for each readable record of the file in order; `visit` returns
-  // false to end. What is visited is on disk, since an index may come of it. False
-  // when the file cannot be opened, read or synced.
+  // false to end. False when the file cannot be opened or read. Only what repair()
+  // or sync() saw is sure to be on disk.
   bool for_each_block(const std::string& file_name, const std::function<bool(const Block&)>& visit);
 
   // Calls `visit` with the hash of each record's header in file order. False as
-  // above, without the sync.
+  // above.
   bool for_each_hash(const std::string& file_name, const std::function<void(const uint256&)>& visit);
 
  private:

@@ -66,7 +66,8 @@ struct BlockUndo {
   int64_t supply = 0;  // the supply before
   // Transaction ids and their output counts, in block order.
   std::vector<std::pair<uint256, uint32_t>> made;
-  // Outputs that were in the set before and that the block spent or overwrote.
+  // Outputs that were in the set before and that the block spent or overwrote; one
+  // that it made again and spent may stand twice.
   std::vector<std::pair<OutPoint, TxOut>> restored;
   TreasuryUndo treasury;
   IndexUndo indexes;

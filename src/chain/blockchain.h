@@ -81,7 +81,7 @@ struct ChainStatus {
   uint256 best_hash;
   uint32_t best_height = 0;
   bool broken = false;                              // the state is lost; rebuild-needed was written
-  bool rebuilding = false;                          // this start was asked for a rebuild, by option or by that file
+  bool rebuilding = false;                          // a rebuild, asked for by option or by that file, is not done
   std::optional<uint256> branch_refused_for_depth;  // a heavier one, the last seen
 };
 
@@ -213,6 +213,8 @@ class Blockchain {
   Bytes get_snapshot_bytes() const EXCLUDES(mutex_);
 
  private:
+  static constexpr const char kReorgFailed[] = "Reorg to side chain failed: ";
+
   // What a step of acceptance or reorganisation ended with.
   struct Failure {
     std::string reason;

@@ -246,12 +246,8 @@ BlockFate Blockchain::switch_branch(const BlockIndex& entry, std::string& error)
     save_state_locked();
     return BlockFate::CONNECTED;
   }
-  error = "Reorg to side chain failed: " + failure->reason;
+  error = kReorgFailed + failure->reason;
   if (failure->fate == BlockFate::INVALID) {
-    // Children are refused with the text that the block itself got.
-    if (const auto verdict = tree_.verdict_on(entry.hash)) {
-      verdict->reason = error;
-    }
     try_heaviest_branch();
   }
   save_state_locked();

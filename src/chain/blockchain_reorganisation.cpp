@@ -68,12 +68,14 @@ std::optional<Blockchain::Failure> Blockchain::reorganise(const uint256& tip_has
     return std::nullopt;
   }
   console::error_line("[Blockchain] Reorg candidate invalid: " + failure->reason);
+  const std::string refusal = "candidate branch failed validation: " + failure->reason;
   if (failure->fate == BlockFate::INVALID) {
-    tree_.mark_bad(failure->block, verdicts_.remember(failure->block, failure->reason));
+    // Later children are refused with the whole text that the branch got.
+    tree_.mark_bad(failure->block, verdicts_.remember(failure->block, kReorgFailed + refusal));
   }
   const std::optional<Failure> second = restore_chain(fork_height, left);
   if (!second) {
-    return Failure{"candidate branch failed validation: " + failure->reason, failure->fate};
+    return Failure{refusal, failure->fate};
   }
   const std::string reason = "candidate branch invalid (" + failure->reason +
                              ") AND failed to restore previous chain: " + second->reason +
@@ -116,6 +118,7 @@ std::optional<Blockchain::Failure> Blockchain::replay_down_to(uint32_t height) {
   const std::vector<uint256> path(active.begin(), active.begin() + height + 1);
   const auto failure = replay_from_best_start(path);
   if (!failure) {
+    adopt_undo_records();
     return std::nullopt;
   }
   SnapshotData data;

@@ -46,13 +46,10 @@ bool Blockchain::initialize(std::string& error) {
 
 bool Blockchain::open_directory(std::string& error) {
   std::error_code failure;
-  const bool is_new = !std::filesystem::exists(directory_, failure);
-  std::filesystem::create_directories(directory_, failure);
-  if (failure) {
-    return fail(error, "Cannot create data directory " + directory_ + ": " + failure.message());
-  }
-  if (is_new) {
-    chmod(directory_.c_str(), kDirectoryMode);
+  const auto parent = std::filesystem::absolute(directory_, failure).parent_path();
+  std::filesystem::create_directories(parent, failure);
+  if (mkdir(directory_.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+    return fail(error, "Cannot create data directory " + directory_ + ": " + std::strerror(errno));
   }
   directory_lock_ = open_file(directory_ + "/.lock", O_RDWR | O_CREAT);
   if (!directory_lock_.is_open()) {
@@ -261,6 +258,7 @@ bool Blockchain::finish_start(std::string& error) {
     if (!write_snapshot() || (!std::filesystem::remove(directory_ + "/" + kRebuildMarker, failure) && failure)) {
       return fail(error, "The rebuilt state cannot be written to " + directory_);
     }
+    rebuilding_ = false;
   }
   return true;
 }

@@ -4,6 +4,7 @@
 #include <limits>
 #include <map>
 #include <utility>
+#include <vector>
 
 #include "chain/block_rules.h"
 #include "consensus/treasury_accounting.h"
@@ -13,39 +14,44 @@ namespace norvel {
 
 namespace {
 
-// The outputs that a block takes out of the state or replaces there.
-struct TouchedOutputs {
-  DerivedIndexes::SpentOutputs spent;  // by its inputs, from the set or from the block itself
-  std::map<OutPoint, TxOut> before;    // those of the set that it spends or makes again
-};
+using Outputs = std::vector<std::pair<OutPoint, TxOut>>;
 
-TouchedOutputs find_touched_outputs(const Block& block, const UTXOSet& utxos) {
-  TouchedOutputs touched;
+// The public-key hash that each spent output paid, for all inputs of the block in
+// order. Those of the set are added to `taken`, the block's own are not.
+std::vector<Bytes> look_up_inputs(const Block& block, const UTXOSet& utxos, Outputs& taken) {
+  std::vector<Bytes> hashes;
   std::map<uint256, const Transaction*> made;
   for (const Transaction& tx : block.transactions) {
     for (const TxIn& input : tx.inputs) {
       const OutPoint& at = input.prevout;
+      Bytes& hash = hashes.emplace_back();
       if (at.is_null()) {
         continue;
       }
-      const auto own = made.find(at.txid);
-      if (own != made.end() && at.index < own->second->outputs.size()) {
-        touched.spent.insert_or_assign(at, own->second->outputs[at.index]);
-      } else if (const auto output = utxos.get_utxo(at)) {
-        touched.spent.insert_or_assign(at, *output);
-        touched.before.insert_or_assign(at, *output);
-      }
-    }
-    const uint256 txid = tx.get_txid();
-    for (size_t i = 0; i < tx.outputs.size(); ++i) {
-      const OutPoint at{txid, static_cast<uint32_t>(i)};
       if (auto output = utxos.get_utxo(at)) {
-        touched.before.insert_or_assign(at, std::move(*output));
+        hash = output->get_pubkey_hash();
+        taken.emplace_back(at, std::move(*output));
+      } else if (const auto own = made.find(at.txid); own != made.end() && at.index < own->second->outputs.size()) {
+        hash = own->second->outputs[at.index].get_pubkey_hash();
       }
     }
-    made[txid] = &tx;
+    made[tx.get_txid()] = &tx;
   }
-  return touched;
+  return hashes;
+}
+
+// The outputs of the set that the block makes again. Only a repeated transaction
+// can have any, as the indexes know every transaction of the chain.
+void look_up_overwritten(const Block& block, const IndexUndo& indexes, const UTXOSet& utxos, Outputs& overwritten) {
+  for (size_t i = 0; i < block.transactions.size(); ++i) {
+    const auto& [txid, previous_height] = indexes.heights[i];
+    const size_t output_count = previous_height ? block.transactions[i].outputs.size() : 0;
+    for (uint32_t at = 0; at < output_count; ++at) {
+      if (auto output = utxos.get_utxo({txid, at})) {
+        overwritten.emplace_back(OutPoint{txid, at}, std::move(*output));
+      }
+    }
+  }
 }
 
 TreasuryUndo plan_treasury_undo(const TreasuryState& state, const Block& block) {
@@ -101,16 +107,16 @@ ChainState::ChainState(uint32_t distribution_interval) {
 BlockUndo ChainState::connect(const Block& block, const uint256& hash) {
   assert(!block.transactions.empty());
   assert(empty_ ? block.height == 0 : block.header.prev_hash == tip_hash_ && block.height == tip_height_ + 1);
-  TouchedOutputs touched = find_touched_outputs(block, utxos_);
-  IndexPlan index_plan = indexes_.plan(block, touched.spent);
   BlockUndo undo;
+  const std::vector<Bytes> spent_hashes = look_up_inputs(block, utxos_, undo.restored);
+  IndexPlan index_plan = indexes_.plan(block, spent_hashes);
+  look_up_overwritten(block, index_plan.undo, utxos_, undo.restored);
   undo.prev_hash = tip_hash_;
   undo.supply = supply_;
   undo.made.reserve(block.transactions.size());
   for (const Transaction& tx : block.transactions) {
     undo.made.emplace_back(tx.get_txid(), static_cast<uint32_t>(tx.outputs.size()));
   }
-  undo.restored.assign(std::move_iterator(touched.before.begin()), std::move_iterator(touched.before.end()));
   undo.treasury = plan_treasury_undo(treasury_, block);
   undo.indexes = std::move(index_plan.undo);
 

@@ -19,25 +19,21 @@ bool reveals_key(const TxIn& input) {
 }
 
 // The public-key hashes that `tx` pays or spends from, each once.
-std::set<Bytes> touched_hashes(const Transaction& tx, const DerivedIndexes::SpentOutputs& spent) {
-  std::set<Bytes> hashes;
-  const auto add = [&hashes](const TxOut& output) {
-    if (Bytes hash = output.get_pubkey_hash(); hash.size() == crypto::kPublicKeyHashBytes) {
-      hashes.insert(std::move(hash));
-    }
-  };
-  for (const TxIn& input : tx.inputs) {
-    if (const auto found = spent.find(input.prevout); found != spent.end()) {
-      add(found->second);
-    }
+std::vector<Bytes> touched_hashes(const Transaction& tx, std::span<const Bytes> spent_hashes) {
+  std::vector<Bytes> hashes(spent_hashes.begin(), spent_hashes.end());
+  for (const TxOut& output : tx.outputs) {
+    hashes.push_back(output.get_pubkey_hash());
   }
-  std::ranges::for_each(tx.outputs, add);
+  std::erase_if(hashes, [](const Bytes& hash) { return hash.size() != crypto::kPublicKeyHashBytes; });
+  std::ranges::sort(hashes);
+  const auto repeated = std::ranges::unique(hashes);
+  hashes.erase(repeated.begin(), repeated.end());
   return hashes;
 }
 
 }  // namespace
 
-IndexPlan DerivedIndexes::plan(const Block& block, const SpentOutputs& spent) const {
+IndexPlan DerivedIndexes::plan(const Block& block, std::span<const Bytes> spent_hashes) const {
   IndexPlan plan;
   plan.undo.heights.reserve(block.transactions.size());
   std::set<Bytes> seen_keys;  // saves the address of a key that the block uses often
@@ -47,10 +43,11 @@ IndexPlan DerivedIndexes::plan(const Block& block, const SpentOutputs& spent) co
     const bool is_repeated = earlier != heights_.end();
     plan.undo.heights.emplace_back(txid, is_repeated ? std::optional(earlier->second) : std::nullopt);
     if (!is_repeated) {
-      for (const Bytes& hash : touched_hashes(tx, spent)) {
-        plan.undo.listed.emplace_back(hash, txid);
+      for (Bytes& hash : touched_hashes(tx, spent_hashes.first(tx.inputs.size()))) {
+        plan.undo.listed.emplace_back(std::move(hash), txid);
       }
     }
+    spent_hashes = spent_hashes.subspan(tx.inputs.size());
     if (!is_ordinary(tx)) {
       continue;
     }

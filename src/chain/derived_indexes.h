@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,12 +54,10 @@ class DerivedIndexes {
   using AddressMap = std::map<Bytes, std::vector<uint256>>;
   using KeyMap = std::map<std::string, Bytes>;
 
-  // The outputs that a block's transactions spend, by outpoint; those that were
-  // made in the block included.
-  using SpentOutputs = std::map<OutPoint, TxOut>;
-
-  // What add_block() is to change for `block`. O(block * log state).
-  IndexPlan plan(const Block& block, const SpentOutputs& spent) const;
+  // What add_block() is to change for `block`. `spent_hashes` holds the public-key
+  // hash that each spent output paid, for all inputs of all transactions in
+  // order; empty where there is none. O(block * log state).
+  IndexPlan plan(const Block& block, std::span<const Bytes> spent_hashes) const;
 
   // Adds the block of `height`, given the two parts of its plan. When it throws
   // (std::bad_alloc) remove_block() takes back what was added.

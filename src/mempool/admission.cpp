@@ -163,10 +163,9 @@ AdmissionOutcome TransactionAdmission::confirm(const Transaction& tx, std::strin
 bool TransactionAdmission::still_stands(const Transaction& tx) const {
   for (int i = 0; i < kLookupsMax; ++i) {
     const uint64_t change_number = chain_.get_change_number();
-    const bool stands =
-        std::all_of(tx.inputs.begin(), tx.inputs.end(),
-                    [this](const TxIn& input) { return find_output(input.prevout).has_value(); }) &&
-        is_final_for_next_block(tx);
+    const bool stands = std::all_of(tx.inputs.begin(), tx.inputs.end(),
+                                    [this](const TxIn& input) { return find_output(input.prevout).has_value(); }) &&
+                        is_final_for_next_block(tx);
     if (chain_.get_change_number() == change_number) {
       return stands;
     }

@@ -12,7 +12,7 @@ namespace {
 // The pool's transactions by position in the order of their ids.
 struct DependencyGraph {
   std::vector<const MempoolEntry*> entries;
-  std::vector<uint32_t> parent_counts;  // a parent counts once for each output that is spent
+  std::vector<uint32_t> parent_counts;               // a parent counts once for each output that is spent
   std::vector<std::pair<uint32_t, uint32_t>> edges;  // (parent, child), by parent
 };
 

@@ -1,14 +1,13 @@
 #include "chain/block_files.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -24,18 +23,19 @@ namespace {
 // Syncs that are to fail, each after writing zeros over the file from an offset
 // on, as a system may do that drops what it could not write.
 int failing_syncs = 0;
-norvel::ByteView::size_type dropped_from = 0;
+size_t dropped_from = 0;
 
 void drop_written(int fd) {
-  const auto size = static_cast<size_t>(*norvel::file_size(fd));
-  const norvel::FileDescriptor file = norvel::open_file("/proc/self/fd/" + std::to_string(fd), O_WRONLY);
-  lseek(file.get(), static_cast<off_t>(dropped_from), SEEK_SET);
-  norvel::write_all(file.get(), norvel::Bytes(size - dropped_from));
+  const auto size = static_cast<off_t>(*norvel::file_size(fd));
+  if (ftruncate(fd, static_cast<off_t>(dropped_from)) != 0 || ftruncate(fd, size) != 0) {
+    std::abort();
+  }
 }
 
 }  // namespace
 
-// In the place of the C library's.
+// In the place of the C library's. Nothing cuts the power here, so the rest of
+// the work would only take time.
 extern "C" int fdatasync(int fd) {
   if (failing_syncs > 0) {
     --failing_syncs;
@@ -43,7 +43,11 @@ extern "C" int fdatasync(int fd) {
     errno = EIO;
     return -1;
   }
-  return static_cast<int>(syscall(SYS_fdatasync, fd));
+  return 0;
+}
+
+extern "C" int fsync(int) {
+  return 0;
 }
 
 namespace norvel {
@@ -84,6 +88,7 @@ class BlockFilesTest : public testing::Test {
   static void SetUpTestSuite() { blocks_ = make_branch(make_genesis_block(), 5); }
 
   void write(const Bytes& bytes, const std::string& name = kName) const {
+    std::filesystem::remove(directory_ / name);  // some file systems sync a file that is cut to nothing
     std::ofstream(directory_ / name, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   }
@@ -405,17 +410,18 @@ TEST_F(BlockFilesTest, ARepairThatFailsLeavesTheFile) {
 TEST_F(BlockFilesTest, WhatAFailedSyncDroppedIsWrittenAgain) {
   ASSERT_TRUE(files_.append(blocks_[0], never) && files_.sync());
   dropped_from = read().size();
-  for (const size_t i : {1, 2, 3}) {
-    ASSERT_TRUE(files_.append(blocks_[i], never));
-    failing_syncs = i == 2 ? 0 : 2;
-    EXPECT_EQ(files_.sync(), i == 2);
-    EXPECT_TRUE(loads(i));
-    dropped_from = i == 2 ? read().size() : dropped_from;
+  ASSERT_TRUE(files_.append(blocks_[1], never));
+  failing_syncs = 2;
+  EXPECT_FALSE(files_.sync());
+  EXPECT_TRUE(loads(1));
+  ASSERT_TRUE(files_.append(blocks_[2], never));
+  {
+    const Limited limited(RLIMIT_NOFILE, 0);  // nor can it be written again now
+    EXPECT_FALSE(files_.sync());
+    EXPECT_FALSE(files_.sync());
   }
-  EXPECT_FALSE(files_.sync());  // the second of the last two failures
   EXPECT_TRUE(files_.sync());
-  EXPECT_EQ(read(),
-            concatenate({record_of(blocks_[0]), record_of(blocks_[1]), record_of(blocks_[2]), record_of(blocks_[3])}));
+  EXPECT_EQ(read(), concatenate({record_of(blocks_[0]), record_of(blocks_[1]), record_of(blocks_[2])}));
 }
 
 TEST_F(BlockFilesTest, UnsyncedFilesAreBounded) {

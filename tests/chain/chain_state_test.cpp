@@ -310,6 +310,13 @@ TEST(ChainState, ARepeatedCoinbaseTakesTheNewerHeightUntilItIsUndone) {
 }
 
 TEST(BlockUndo, IsReadWholeOrNotAtAll) {
+  BlockUndo padded;
+  padded.restored.emplace_back(OutPoint(), TxOut(1, {}));
+  Bytes padded_record = padded.serialize();
+  ++padded_record[84];  // the length of the output, whose 10 bytes begin at 88
+  padded_record.insert(padded_record.begin() + 98, 0);
+  EXPECT_TRUE(runtime_error_of([&] { BlockUndo::deserialize(padded_record); }));
+
   RandomChain chain(7);
   ChainState state(kInterval);
   connect(state, chain.blocks[0]);

@@ -129,28 +129,24 @@ class Tree {
   std::vector<TreeBlock> blocks_;
 };
 
-// Offers all blocks twice, as peers do, in two random orders.
+// Offers all blocks in a random order, with restarts (which forget orphans), then
+// once more with parents first, as a peer that is asked for them sends them.
 void deliver(const Tree& tree, ChainScene& scene, std::mt19937_64& random) {
   std::vector<const Block*> order;
   for (const TreeBlock& node : tree.blocks()) {
     order.push_back(&node.block);
   }
-  for (int round = 0; round < 2; ++round) {
-    std::shuffle(order.begin(), order.end(), random);
-    size_t at = 0;
-    while (at < order.size()) {
-      const size_t stretch = 1 + random() % (2 * order.size());
-      {
-        const Blockchain::WriteScope scope(scene.chain());
-        std::string error;
-        for (const size_t end = std::min(order.size(), at + stretch); at < end; ++at) {
-          scene.chain().add_block(*order[at], error);
-        }
-      }
-      if (at < order.size()) {
-        scene.reopen();
-      }
+  std::shuffle(order.begin(), order.end(), random);
+  std::string error;
+  for (size_t at = 0; at < order.size(); scene.reopen()) {
+    const size_t end = std::min(order.size(), at + 1 + random() % (2 * order.size()));
+    const Blockchain::WriteScope scope(scene.chain());
+    for (; at < end; ++at) {
+      scene.chain().add_block(*order[at], error);
     }
+  }
+  for (const TreeBlock& node : tree.blocks()) {
+    scene.chain().add_block(node.block, error);
   }
 }
 

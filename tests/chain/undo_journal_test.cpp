@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
+#include <memory>
 #include <random>
 
+#include "core/file_io.h"
 #include "support/captured_stderr.h"
 #include "support/chain_builder.h"
 
@@ -24,6 +26,14 @@ class UndoJournalFile : public testing::Test {
     return {(uint256(branch) << 64) + uint256(uint64_t{height} + 1), Bytes(bytes + height % 7, uint8_t(branch))};
   }
 
+  static std::vector<uint256> newest_first(const std::vector<Entry>& chain, size_t skipped) {
+    std::vector<uint256> hashes;
+    for (auto at = chain.rbegin() + static_cast<std::ptrdiff_t>(skipped); at != chain.rend(); ++at) {
+      hashes.push_back(at->hash);
+    }
+    return hashes;
+  }
+
   // Pushes branch 0 from height 0 up to below `end`.
   static void push_heights(UndoJournal& journal, uint32_t end, size_t bytes = 5) {
     for (uint32_t height = 0; height < end; ++height) {
@@ -31,51 +41,30 @@ class UndoJournalFile : public testing::Test {
     }
   }
 
-  // The contents that the file yields for a chain of these entries from height
-  // 0 up, newest first; all of the journal that it is adopted into.
-  std::vector<Bytes> loaded(const std::vector<Entry>& chain) const {
+  // How many records the file holds for the newest blocks of this chain, which
+  // begins at height 0; each must be right.
+  size_t loaded(const std::vector<Entry>& chain) const {
     UndoJournal journal(path_);
     journal.load();
-    std::vector<uint256> hashes;
-    for (auto at = chain.rbegin(); at != chain.rend(); ++at) {
-      hashes.push_back(at->hash);
-    }
-    journal.adopt(static_cast<uint32_t>(chain.size()) - 1, hashes);
-    std::vector<Bytes> contents;
-    for (const uint256& hash : hashes) {
-      const auto record = journal.tip_record(hash);
-      if (!record) {
-        break;
-      }
-      contents.push_back(*record);
+    journal.adopt(static_cast<uint32_t>(chain.size()) - 1, newest_first(chain, 0));
+    const size_t count = journal.size();
+    for (size_t i = 0; i < count; ++i) {
+      EXPECT_EQ(journal.tip_record(chain[chain.size() - 1 - i].hash), chain[chain.size() - 1 - i].content);
       journal.pop();
     }
-    EXPECT_EQ(journal.size(), 0u);
-    return contents;
+    return count;
   }
 
-  // How many records are found for branch 0 below `end`, where each must be right.
-  size_t found_below(uint32_t end) const {
+  // Branch 0 below height `end`.
+  static std::vector<Entry> heights_below(uint32_t end) {
     std::vector<Entry> chain;
-    for (uint32_t height = 0; height < end; ++height) {
-      chain.push_back(entry(height));
+    while (chain.size() < end) {
+      chain.push_back(entry(static_cast<uint32_t>(chain.size())));
     }
-    const std::vector<Bytes> contents = loaded(chain);
-    for (size_t i = 0; i < contents.size(); ++i) {
-      EXPECT_EQ(contents[i], chain[end - 1 - i].content);
-    }
-    return contents.size();
+    return chain;
   }
 
-  void write_file(ByteView bytes) const {
-    std::ofstream(path_, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  }
-
-  Bytes read_file() const {
-    std::ifstream file(path_, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(file), {});
-  }
+  Bytes read_file() const { return read_whole_file(path_, 1 << 30).value_or(Bytes()); }
 
   CapturedStderr captured_;
   TemporaryDirectory directory_;
@@ -95,7 +84,7 @@ TEST_F(UndoJournalFile, AgreesWithAPlainListThroughRestartsAndBranches) {
       chain.push_back(entry(height, random() % 4 == 0 ? branch : ++branch, 2'000));
       journal->push(height, chain.back().hash, chain.back().content);
     } else if (choice < 90) {
-      for (auto depth = std::min<size_t>(random() % 30, std::min(journal->size(), chain.size())); depth > 0; --depth) {
+      for (auto depth = std::min<size_t>(random() % 8, std::min(journal->size(), chain.size())); depth > 0; --depth) {
         ASSERT_EQ(journal->tip_record(chain.back().hash), chain.back().content);
         journal->pop();
         chain.pop_back();
@@ -104,29 +93,22 @@ TEST_F(UndoJournalFile, AgreesWithAPlainListThroughRestartsAndBranches) {
       ASSERT_TRUE(journal->sync());
     } else {
       ASSERT_TRUE(journal->sync());
-      const std::vector<Bytes> contents = loaded(chain);
-      ASSERT_EQ(contents.size(), std::min(chain.size(), UndoJournal::kDepth));
-      for (size_t i = 0; i < contents.size(); ++i) {
-        ASSERT_EQ(contents[i], chain[chain.size() - 1 - i].content);
-      }
+      const size_t count = std::min(chain.size(), UndoJournal::kDepth);
+      ASSERT_EQ(loaded(chain), count);
       // Start anew: the newest few are replayed, the others adopted.
       journal = std::make_unique<UndoJournal>(path_);
       const size_t replayed = std::min<size_t>(random() % 3, chain.size());
-      std::vector<uint256> below;
-      for (size_t i = 0; i < chain.size() - replayed; ++i) {
-        below.insert(below.begin(), chain[i].hash);
-      }
       for (size_t i = chain.size() - replayed; i < chain.size(); ++i) {
         journal->push(static_cast<uint32_t>(i), chain[i].hash, chain[i].content);
       }
       journal->load();
-      journal->adopt(static_cast<uint32_t>(below.size()) - 1, below);
-      ASSERT_EQ(journal->size(), std::min(chain.size(), UndoJournal::kDepth));
+      journal->adopt(static_cast<uint32_t>(chain.size() - replayed) - 1, newest_first(chain, replayed));
+      ASSERT_EQ(journal->size(), count);
     }
   }
   EXPECT_GT(chain.size(), 2 * UndoJournal::kDepth);
   ASSERT_TRUE(journal->sync());
-  EXPECT_LT(read_file().size(), 4 * UndoJournal::kDepth * 2'100);  // what was left is not kept for ever
+  EXPECT_LT(read_file().size(), 5 * UndoJournal::kDepth / 2 * 2'100);  // what was left is not kept for ever
 }
 
 TEST_F(UndoJournalFile, YieldsTheRecordsBeforeACutOrFlipAndIsMendedByTheNextSync) {
@@ -147,9 +129,9 @@ TEST_F(UndoJournalFile, YieldsTheRecordsBeforeACutOrFlipAndIsMendedByTheNextSync
       if (flips) {
         damaged[at] ^= 0x80;
       }
-      write_file(damaged);
-      EXPECT_EQ(found_below(intact), intact);
-      EXPECT_EQ(found_below(intact + 1), 0u);  // no record of the damaged block
+      ASSERT_TRUE(replace_file(path_, damaged));
+      EXPECT_EQ(loaded(heights_below(intact)), intact);
+      EXPECT_EQ(loaded(heights_below(intact + 1)), 0u);  // no record of the damaged block
     }
     UndoJournal mending(path_);
     mending.load();
@@ -159,20 +141,21 @@ TEST_F(UndoJournalFile, YieldsTheRecordsBeforeACutOrFlipAndIsMendedByTheNextSync
   }
 }
 
-TEST_F(UndoJournalFile, WritesARecordOnceAndOneThatChangedAgain) {
+TEST_F(UndoJournalFile, WritesAgainOnlyWhatChangedAndForgetsWhatHasNoPlace) {
   UndoJournal journal(path_);
-  push_heights(journal, 3);
+  push_heights(journal, 5);
   ASSERT_TRUE(journal.sync());
   const Bytes whole = read_file();
-  UndoJournal replayed(path_);
-  replayed.load();
-  push_heights(replayed, 3);
-  ASSERT_TRUE(replayed.sync());
+  push_heights(journal, 5);
+  ASSERT_TRUE(journal.sync());
   EXPECT_EQ(read_file(), whole);
-  replayed.push(2, entry(2).hash, {9});
-  EXPECT_EQ(replayed.size(), 3u);
-  ASSERT_TRUE(replayed.sync());
-  EXPECT_EQ(loaded({entry(0), entry(1), entry(2)}).front(), Bytes{9});
+  journal.push(3, entry(3).hash, {9});
+  EXPECT_EQ(journal.size(), 4u);
+  EXPECT_EQ(journal.tip_record(entry(4).hash), std::nullopt);
+  ASSERT_TRUE(journal.sync());
+  EXPECT_EQ(loaded({entry(0), entry(1), entry(2), {entry(3).hash, {9}}}), 4u);
+  journal.push(5, entry(5).hash, {1});
+  EXPECT_EQ(journal.size(), 1u);
 }
 
 TEST_F(UndoJournalFile, KeepsWhatMayStillBeAdopted) {
@@ -182,24 +165,12 @@ TEST_F(UndoJournalFile, KeepsWhatMayStillBeAdopted) {
   UndoJournal replayed(path_);  // from a snapshot at height 299
   replayed.push(300, entry(300).hash, entry(300).content);
   ASSERT_TRUE(replayed.sync());
-  replayed.load();
   const uint256 below[] = {entry(299).hash, entry(298).hash, entry(5).hash, entry(297).hash};
-  replayed.adopt(298, below);
-  EXPECT_EQ(replayed.size(), 1u);  // another height
-  replayed.load();
-  replayed.adopt(299, below);
-  EXPECT_EQ(replayed.size(), 3u);  // up to the gap
-}
-
-TEST_F(UndoJournalFile, ForgetsEntriesThatHaveNoPlaceBelowTheNewOne) {
-  UndoJournal journal(path_);
-  push_heights(journal, 5);
-  journal.push(3, entry(3, 1).hash, {});
-  EXPECT_EQ(journal.size(), 4u);
-  EXPECT_EQ(journal.tip_record(entry(4).hash), std::nullopt);
-  EXPECT_EQ(journal.tip_record(entry(3, 1).hash), Bytes());
-  journal.push(5, entry(5).hash, {1});
-  EXPECT_EQ(journal.size(), 1u);
+  for (const auto& [height, size] : {std::pair(298u, 1u), {299u, 3u}}) {
+    replayed.load();
+    replayed.adopt(height, below);
+    EXPECT_EQ(replayed.size(), size);  // nothing at another height, else up to the gap
+  }
 }
 
 TEST_F(UndoJournalFile, ReportsAFailureAndWritesAllTheNextTime) {
@@ -210,11 +181,11 @@ TEST_F(UndoJournalFile, ReportsAFailureAndWritesAllTheNextTime) {
   EXPECT_NE(captured_.text().find("Failed to write undo journal " + path_), std::string::npos);
   std::filesystem::remove(path_ + ".tmp");
   EXPECT_TRUE(journal.sync());
-  EXPECT_EQ(found_below(3), 3u);
+  EXPECT_EQ(loaded(heights_below(3)), 3u);
   std::filesystem::remove(path_);  // by someone else
   journal.push(3, entry(3).hash, entry(3).content);
   EXPECT_TRUE(journal.sync());
-  EXPECT_EQ(found_below(4), 4u);
+  EXPECT_EQ(loaded(heights_below(4)), 4u);
 }
 
 }  // namespace

@@ -74,8 +74,20 @@ Transaction pay(const SampleKey& from, const std::vector<std::pair<OutPoint, TxO
   return tx;
 }
 
+namespace {
+
+// In memory where there is room: the stores sync all the time.
+std::filesystem::path scratch_root() {
+  constexpr uintmax_t kRoomBytes = uintmax_t{1} << 30;
+  std::error_code failure;
+  const auto space = std::filesystem::space("/dev/shm", failure);
+  return !failure && space.available >= kRoomBytes ? "/dev/shm" : std::filesystem::temp_directory_path();
+}
+
+}  // namespace
+
 TemporaryDirectory::TemporaryDirectory() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "norvel-XXXXXX").string();
+  std::string pattern = (scratch_root() / "norvel-XXXXXX").string();
   if (mkdtemp(pattern.data()) == nullptr) {
     throw std::runtime_error("mkdtemp failed");
   }
