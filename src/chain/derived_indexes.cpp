@@ -1,8 +1,8 @@
 #include "chain/derived_indexes.h"
 
 #include <algorithm>
-#include <ranges>
 #include <set>
+#include <utility>
 
 #include "crypto/address.h"
 
@@ -25,9 +25,8 @@ std::vector<Bytes> touched_hashes(const Transaction& tx, std::span<const Bytes> 
     hashes.push_back(output.get_pubkey_hash());
   }
   std::erase_if(hashes, [](const Bytes& hash) { return hash.size() != crypto::kPublicKeyHashBytes; });
-  std::ranges::sort(hashes);
-  const auto repeated = std::ranges::unique(hashes);
-  hashes.erase(repeated.begin(), repeated.end());
+  std::sort(hashes.begin(), hashes.end());
+  hashes.erase(std::unique(hashes.begin(), hashes.end()), hashes.end());
   return hashes;
 }
 
@@ -81,7 +80,8 @@ void DerivedIndexes::remove_block(const IndexUndo& undo) noexcept {
   for (const std::string& address : undo.revealed) {
     keys_.erase(address);
   }
-  for (const auto& [hash, txid] : std::views::reverse(undo.listed)) {
+  for (auto listed = undo.listed.rbegin(); listed != undo.listed.rend(); ++listed) {
+    const auto& [hash, txid] = *listed;
     const auto entry = addresses_.find(hash);
     if (entry == addresses_.end()) {
       continue;
@@ -94,7 +94,8 @@ void DerivedIndexes::remove_block(const IndexUndo& undo) noexcept {
       addresses_.erase(entry);
     }
   }
-  for (const auto& [txid, previous] : std::views::reverse(undo.heights)) {
+  for (auto height = undo.heights.rbegin(); height != undo.heights.rend(); ++height) {
+    const auto& [txid, previous] = *height;
     if (!previous) {
       heights_.erase(txid);
     } else if (const auto entry = heights_.find(txid); entry != heights_.end()) {

@@ -353,21 +353,20 @@ TEST_F(BlockFilesTest, TheFirstAppendOfARunWalksTheFile) {
   }
 }
 
-// Holds a limit of the process while it lives.
-class Limited {
+// A disk that is full for files of more than `bytes`, while it lives.
+class FullDisk {
  public:
-  Limited(__rlimit_resource resource, rlim_t limit) : resource_(resource) {
+  explicit FullDisk(rlim_t bytes) {
     std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(resource, &before_);
-    const rlimit lowered{limit, before_.rlim_max};
-    setrlimit(resource, &lowered);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit lowered{bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &lowered);
   }
-  ~Limited() { setrlimit(resource_, &before_); }
-  Limited(const Limited&) = delete;
-  Limited& operator=(const Limited&) = delete;
+  ~FullDisk() { setrlimit(RLIMIT_FSIZE, &before_); }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
 
  private:
-  __rlimit_resource resource_;
   rlimit before_{};
 };
 
@@ -375,20 +374,17 @@ TEST_F(BlockFilesTest, AFailedAppendLeavesTheFile) {
   ASSERT_TRUE(files_.append(blocks_[0], never));
   const Bytes before = read();
   {
-    const Limited limited(RLIMIT_FSIZE, before.size() + 10);
+    const FullDisk full(before.size() + 10);
     EXPECT_FALSE(files_.append(blocks_[1], never));
   }
   EXPECT_EQ(read(), before);
-  {
-    const Limited limited(RLIMIT_NOFILE, 0);
-    Block distant = blocks_[1];
-    distant.height = 5'000;
-    const CapturedStderr captured;
-    EXPECT_FALSE(files_.append(distant, never));
-    EXPECT_EQ(captured.text(),
-              "[Blockchain] ERROR: Failed to open block file for writing: " + (directory_ / "blk00005.dat") + "\n");
-    EXPECT_FALSE(loads(0));
-  }
+  std::filesystem::create_directory(directory_ / "blk00005.dat");
+  Block distant = blocks_[1];
+  distant.height = 5'000;
+  const CapturedStderr captured;
+  EXPECT_FALSE(files_.append(distant, never));
+  EXPECT_EQ(captured.text(),
+            "[Blockchain] ERROR: Failed to open block file for writing: " + (directory_ / "blk00005.dat") + "\n");
   EXPECT_TRUE(files_.append(blocks_[1], never));
   EXPECT_TRUE(files_.sync());
   EXPECT_TRUE(loads(0) && loads(1));
@@ -399,7 +395,7 @@ TEST_F(BlockFilesTest, ARepairThatFailsLeavesTheFile) {
   damaged[3] = 1;
   write(damaged);
   {
-    const Limited limited(RLIMIT_FSIZE, 100);
+    const FullDisk full(100);
     EXPECT_FALSE(files_.repair(kName, all_hashes()));
   }
   EXPECT_EQ(read(), damaged);
@@ -415,11 +411,10 @@ TEST_F(BlockFilesTest, WhatAFailedSyncDroppedIsWrittenAgain) {
   EXPECT_FALSE(files_.sync());
   EXPECT_TRUE(loads(1));
   ASSERT_TRUE(files_.append(blocks_[2], never));
-  {
-    const Limited limited(RLIMIT_NOFILE, 0);  // nor can it be written again now
-    EXPECT_FALSE(files_.sync());
-    EXPECT_FALSE(files_.sync());
-  }
+  std::filesystem::rename(directory_ / kName, directory_ / "aside");  // nor can it be written again now
+  EXPECT_FALSE(files_.sync());
+  EXPECT_FALSE(files_.sync());
+  std::filesystem::rename(directory_ / "aside", directory_ / kName);
   EXPECT_TRUE(files_.sync());
   EXPECT_EQ(read(), concatenate({record_of(blocks_[0]), record_of(blocks_[1]), record_of(blocks_[2])}));
 }
