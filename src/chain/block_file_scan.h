@@ -72,7 +72,7 @@ enum class WalkEnd {
 //
 //   RecordWalk walk(fd, bytes);
 //   while (walk.next()) { ... }
-//   switch (walk.end()) ...
+//   if (walk.end() == WalkEnd::READ_FAILED) { ... }
 class RecordWalk {
  public:
   RecordWalk(int fd, uint64_t file_bytes) : window_(fd, file_bytes) {}
@@ -96,7 +96,7 @@ class RecordWalk {
   // The block, when the record is readable.
   std::optional<Block> block();
 
-  // After next() has returned false; `block_bytes()` is then the length that was too long.
+  // After next() has returned false. With TOO_LONG block_bytes() is the length that is.
   WalkEnd end() const { return end_; }
 
  private:
@@ -111,8 +111,8 @@ class RecordWalk {
 
 // Calls `visit` with offset and hash of whatever in [begin, end) of the file may
 // be the header of a block, wherever it stands; a header may reach beyond `end`.
-// `visit` returns the offset to go on from, which is at least one further; UINT64_MAX ends
-// the search. False when reading fails.
+// `visit` returns the offset to go on from; UINT64_MAX ends the search. False
+// when reading fails.
 bool search_headers(int fd, uint64_t file_bytes, uint64_t begin, uint64_t end,
                     const std::function<uint64_t(uint64_t header_offset, const uint256& hash)>& visit);
 

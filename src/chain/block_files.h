@@ -74,10 +74,11 @@ class BlockFiles {
   // Walks one file at start-up. Blocks of `indexed` (the hashes that the index
   // names for it) that the walk does not reach are searched for behind the
   // damage, and the file is then written anew: what stood before the damage, then
-  // what was found. What follows the last good record is copied to
-  // FILE.cut, reported with file and offset, and cut off. The file is on disk then.
-  // Returns the hashes of `indexed` that remain lost, those with no readable
-  // record; nothing when the file cannot be read or mended. O(file).
+  // what was found. Where the lengths lead no further, what follows the last
+  // readable record is copied to FILE.cut, reported with file and offset, and cut
+  // off. The file is on disk then. Returns the hashes of `indexed` that remain
+  // lost, those with no readable record; nothing when the file cannot be read or
+  // mended. O(file).
   std::optional<std::vector<uint256>> repair(const std::string& file_name, const std::set<uint256>& indexed);
 
   // Calls `visit` for each readable record of the file in order; `visit` returns

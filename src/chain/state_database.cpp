@@ -49,6 +49,22 @@ leveldb::Status open_database(const std::string& path, bool create, std::unique_
   return status;
 }
 
+// LevelDB names the reason of an I/O error by its text alone. These reasons lie
+// outside the files; with any other one, a file that was emptied or cut among
+// them, the database is as good as damaged.
+bool lies_outside(const leveldb::Status& status) {
+  const std::string text = status.ToString();
+  if (!status.IsIOError()) {
+    return false;
+  }
+  for (const int reason : {EMFILE, ENFILE, ENOMEM, EACCES, EPERM, ENOSPC, EDQUOT, EROFS, EAGAIN}) {
+    if (text.find(std::strerror(reason)) != std::string::npos) {
+      return true;
+    }
+  }
+  return text.find("already held by process") != std::string::npos;
+}
+
 ReadResult damaged(const std::string& what) {
   console::error_line("[Blockchain] ERROR: Chain-state database is damaged: " + what);
   return ReadResult::UNREADABLE;
@@ -56,7 +72,7 @@ ReadResult damaged(const std::string& what) {
 
 // A failed read of an open database.
 ReadResult refused(const leveldb::Status& status) {
-  if (!status.IsIOError()) {
+  if (!lies_outside(status)) {
     return damaged(status.ToString());
   }
   console::error_line("[Blockchain] ERROR: Failed to read LevelDB: " + status.ToString());
@@ -158,7 +174,7 @@ ReadResult StateDatabase::open_for_reading(std::unique_ptr<leveldb::DB>& db) {
   const leveldb::Status status = open_database(path_, false, db);
   if (!status.ok()) {
     fail(kOpenFailed, status.ToString());
-    return status.IsIOError() ? ReadResult::FAILED : ReadResult::UNREADABLE;
+    return lies_outside(status) ? ReadResult::FAILED : ReadResult::UNREADABLE;
   }
   return ReadResult::READ;
 }

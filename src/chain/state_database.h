@@ -57,8 +57,8 @@ class StateDatabase {
   enum class ReadResult {
     READ,
     MISSING,     // no database, or one without "chain_state"; nothing is printed
-    UNREADABLE,  // damaged: what LevelDB calls corruption, or a value that does not decode
-    FAILED,      // the system refused (LevelDB's lock is held, no descriptors, no permission, a read error)
+    UNREADABLE,  // damaged: corruption, an error of reading, or a value that does not decode
+    FAILED,      // the system refused: LevelDB's lock is held, no descriptors, memory, permission or room
   };
 
   // Never creates a database. `content` is empty but for READ.

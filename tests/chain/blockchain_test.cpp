@@ -1,11 +1,28 @@
 // What becomes of blocks on the tip, beside it and before their parents, and
 // what is left after a restart.
 
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
 #include "chain/chain_scene.h"
 #include "support/captured_stderr.h"
 
 namespace norvel {
 namespace {
+
+// Changes the last byte of the first record of `block`, so that its body no longer fits its header.
+void damage_stored_block(const std::string& path, const Block& block) {
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  std::string content((std::istreambuf_iterator<char>(file)), {});
+  const Bytes bytes = block.serialize();
+  const size_t at = content.find(std::string(bytes.begin(), bytes.end()));
+  ASSERT_NE(at, std::string::npos);
+  file.clear();
+  file.seekp(static_cast<std::streamoff>(at + bytes.size() - 1));
+  file.put(static_cast<char>(bytes.back() ^ 1));
+}
 
 TEST(Blockchain, StartsWithTheGenesisBlockAndComesBackToItsTip) {
   ChainScene scene;
@@ -78,6 +95,194 @@ TEST(Blockchain, ConnectsParkedBlocksInOneCall) {
   EXPECT_TRUE(scene.chain().add_block(branch[0], error, report)) << error;
   EXPECT_EQ(report.from_orphans.size(), 29u);
   EXPECT_EQ(scene.chain().get_best_hash(), branch.back().get_hash());
+}
+
+TEST(Blockchain, ReorganisesSevenHundredAndTwentyBlocksAndNotOneMore) {
+  ChainScene scene;
+  const Blockchain::WriteScope scope(scene.chain());
+  const std::vector<Block> active = make_branch(make_genesis_block(), 721, {.message = "active"});
+  scene.add_all(active);
+  EXPECT_TRUE(std::filesystem::exists(scene.directory() / kSnapshotFile)) << "the 500th block writes one";
+
+  // The same number of blocks above the genesis block and above block 1.
+  const std::vector<Block> deep = make_branch(make_genesis_block(), 722, {.message = "deep"});
+  scene.add_all({deep.begin(), deep.end() - 1});
+  EXPECT_EQ(scene.refusal(deep.back()), "Reorg to side chain failed: reorg depth 721 exceeds maximum of 720");
+  EXPECT_EQ(scene.chain().get_status().branch_refused_for_depth, deep.back().get_hash());
+
+  const std::vector<Block> allowed = make_branch(active.front(), 721, {.message = "allowed"});
+  scene.add_all(allowed);
+  EXPECT_EQ(scene.chain().get_best_hash(), allowed.back().get_hash());
+  EXPECT_EQ(scene.chain().get_snapshot_bytes(), scene.replayed_snapshot());
+}
+
+TEST(Blockchain, AJunkOrDoubledBodyNeverTakesThePlaceOfTheTrueBlock) {
+  ChainScene scene;
+  const Block fork = scene.extend();
+  scene.extend({.message = "active"});
+  const auto coin = output_of(fork.transactions[0]);
+  const Transaction first = pay(sample_key(1), {coin}, {coin.second.value});
+  const Transaction second = pay(sample_key(2), {output_of(first)}, {coin.second.value});
+  const Block side = make_child(fork, {.txs = {first, second}});
+  const Block child = make_child(side);
+
+  Block junk = side;
+  junk.transactions.pop_back();
+  Block doubled = side;
+  doubled.transactions.push_back(doubled.transactions.back());
+  ASSERT_EQ(doubled.calculate_merkle_root(), side.header.merkle_root);
+  Block misplaced = side;
+  misplaced.height = 7;
+  const struct {
+    const Block& block;
+    std::string want;
+  } rows[] = {
+      {junk, "Invalid merkle root"},
+      {doubled, "Block contains a transaction twice"},
+      {misplaced, "Invalid block height (parent at 1, block claims 7"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(scene.refusal(row.block), row.want);
+    scene.reopen();
+  }
+  // Their like among the orphans: the pool keeps room for the true block.
+  EXPECT_EQ(scene.refusal(child).substr(0, 7), "orphan:");
+  for (uint32_t height = 10; height < 16; ++height) {
+    Block twin = child;
+    twin.height = height;
+    EXPECT_EQ(scene.refusal(twin).substr(0, 7), "orphan:");
+  }
+  scene.add(side);
+  EXPECT_EQ(scene.chain().get_best_hash(), child.get_hash());
+}
+
+TEST(Blockchain, ALostStateRefusesEverythingAndIsRebuiltAtTheNextStart) {
+  ChainScene scene;
+  const Block fork = scene.extend();
+  const std::vector<Block> active = make_branch(fork, 2, {.message = "active"});
+  scene.add_all(active);
+  Block bad = make_child(fork);
+  bad.transactions[0].outputs[0].value += 1;
+  seal(bad);
+  scene.add(bad);
+  damage_stored_block(scene.directory() / "blk00000.dat", active[0]);
+
+  const std::vector<Block> heavier = make_branch(bad, 2);
+  std::string error;
+  scene.add(heavier[0]);
+  EXPECT_FALSE(scene.chain().add_block(heavier[1], error));
+  EXPECT_NE(error.find(" AND failed to restore previous chain: "), std::string::npos) << error;
+  EXPECT_TRUE(scene.chain().get_status().broken);
+  EXPECT_TRUE(std::filesystem::exists(scene.directory() / kRebuildMarker));
+  EXPECT_FALSE(scene.chain().add_block(make_child(fork, {.message = "any"}), error));
+  EXPECT_FALSE(scene.chain().save_snapshot());
+
+  scene.reopen();
+  EXPECT_EQ(scene.chain().get_best_hash(), fork.get_hash()) << "what is damaged is gone, what is bad is refused";
+  EXPECT_FALSE(std::filesystem::exists(scene.directory() / kRebuildMarker));
+  scene.add_all(active);
+  EXPECT_EQ(scene.chain().get_best_hash(), active.back().get_hash());
+}
+
+TEST(Blockchain, AStopEndsWorkWithoutBlame) {
+  ChainScene scene;
+  const Block next = make_child(scene.tip());
+  scene.chain().request_stop();
+  std::string error;
+  BlockReport report;
+  EXPECT_FALSE(scene.chain().add_block(next, error, report));
+  EXPECT_EQ(report.fate, BlockFate::INCIDENT);
+  scene.reopen();
+  scene.add(next);
+}
+
+TEST(Blockchain, AWriteScopeSavesOnceAtItsEnd) {
+  ChainScene scene;
+  const auto stored_tip = [&] {
+    StateDatabase::Content content;
+    StateDatabase(scene.directory().path()).read(content);
+    return content.tip.best_height;
+  };
+  {
+    const Blockchain::WriteScope outer(scene.chain());
+    {
+      const Blockchain::WriteScope inner(scene.chain());
+      scene.extend();
+    }
+    scene.extend();
+    EXPECT_EQ(stored_tip(), 0u);
+    EXPECT_TRUE(scene.chain().flush_state());
+    EXPECT_EQ(stored_tip(), 2u);
+    scene.extend();
+    EXPECT_EQ(stored_tip(), 2u);
+  }
+  EXPECT_EQ(stored_tip(), 3u);
+}
+
+TEST(Blockchain, OneProcessADirectoryAndADirectoryForItsOwnerOnly) {
+  ChainScene scene;
+  Blockchain second(scene.directory().path(), small_options());
+  std::string error;
+  EXPECT_FALSE(second.initialize(error));
+  EXPECT_EQ(error, "Data directory " + scene.directory().path() + " is in use by another process");
+
+  Blockchain deeper(scene.directory() / "new", small_options());
+  ASSERT_TRUE(deeper.initialize(error)) << error;
+  struct stat status;
+  ASSERT_EQ(stat((scene.directory() / "new").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0700u);
+}
+
+TEST(Blockchain, AMissingBlockFileRefusesTheStart) {
+  ChainScene scene;
+  scene.extend();
+  const std::string path = scene.directory() / "blk00000.dat";
+  scene.close();
+  std::filesystem::rename(path, path + ".away");
+  Blockchain chain(scene.directory().path(), small_options());
+  std::string error;
+  EXPECT_FALSE(chain.initialize(error));
+  EXPECT_EQ(error, "Block file " + path + " is missing");
+}
+
+// A pool below 10,000 base units is due by a distribution without outputs; one whose every share is dust is not
+// due at all and runs on; a chain passes both.
+TEST(Blockchain, PassesEveryKindOfDistributionHeight) {
+  constexpr uint32_t kInterval = 4;
+  ChainScene scene(small_options(kInterval));
+  // The reward of the tip, which `owner` found, is spent with a fee.
+  const auto extend_with_fee = [&](int64_t fee, uint8_t owner, uint8_t miner) {
+    const auto coin = output_of(scene.tip().transactions[0]);
+    const Transaction spend = pay(sample_key(owner), {coin}, {coin.second.value - fee});
+    scene.extend({.txs = {spend}, .fees = fee, .miner = miner});
+  };
+  scene.extend({.miner = 2});
+  extend_with_fee(100, 2, 1);
+  scene.extend({.miner = 2});
+  EXPECT_TRUE(scene.chain().requires_distribution(4));
+  EXPECT_FALSE(scene.chain().build_distribution_tx(4)) << "it has no outputs";
+  scene.extend({.txs = {*scene.chain().required_distribution_tx(4)}, .miner = 1});
+  EXPECT_EQ(scene.chain().get_treasury_balance(), 50);
+
+  scene.extend({.miner = 2});
+  extend_with_fee(29'900, 2, 2);
+  scene.extend({.miner = 2});
+  EXPECT_EQ(scene.chain().get_treasury_balance(), 15'000);
+  ASSERT_TRUE(scene.chain().requires_distribution(8)) << "one of two miners has a share of 11,250";
+  const Transaction due = *scene.chain().build_distribution_tx(8);
+  EXPECT_EQ(due.total_output_value(), 15'000);
+  scene.extend({.txs = {due}, .miner = 1});
+  EXPECT_EQ(scene.chain().get_treasury_balance(), 0);
+
+  extend_with_fee(30'000, 1, 2);
+  scene.extend({.miner = 1});
+  scene.extend({.miner = 3});
+  EXPECT_FALSE(scene.chain().requires_distribution(12)) << "shares of 7,500 and 3,750";
+  EXPECT_EQ(scene.refusal(make_child(scene.tip(), {.txs = {due}})).substr(0, 16), "Block contains u");
+  scene.extend({.miner = 1});
+  EXPECT_EQ(scene.chain().get_treasury_balance(), 15'000) << "runs on";
+  scene.reopen();
+  EXPECT_EQ(scene.chain().get_snapshot_bytes(), scene.replayed_snapshot());
 }
 
 }  // namespace

@@ -127,7 +127,7 @@ TEST_F(Admission, BlamesForRulesOfBlocksOnly) {
 
 TEST_F(Admission, BudgetsTheScriptsOfAllInputsTogether) {
   Transaction funding = pay(sample_key(1), {coins_[0]}, {2 * kCoin, 2 * kCoin, 2 * kCoin});
-  for (const size_t index : {0, 1, 2}) {
+  for (const size_t index : {size_t{0}, size_t{1}, size_t{2}}) {
     TxOut output(2 * kCoin, {});
     output.script_pubkey = {0x51};
     for (size_t i = 0; i < 1'000 + index / 2; ++i) {
@@ -137,7 +137,7 @@ TEST_F(Admission, BudgetsTheScriptsOfAllInputsTogether) {
   }
   funding.sign_input(0, sample_key(1).private_key, Script(coins_[0].second.locking_script()));
   ASSERT_EQ(offer(funding), ACCEPTED);
-  for (const uint32_t second : {2, 2, 1}) {  // the first is offered twice
+  for (const uint32_t second : {2u, 2u, 1u}) {  // the first is offered twice
     Transaction tx = spend(output_of(funding, 0));
     tx.inputs.resize(2, tx.inputs[0]);
     tx.inputs[1].prevout.index = second;
