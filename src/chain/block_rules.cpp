@@ -119,6 +119,19 @@ bool check_structure(const std::vector<Transaction>& txs, std::string& error) {
   return true;
 }
 
+std::string refusal_of(size_t index, const std::string& reason) {
+  return "Invalid transaction in block [" + std::to_string(index) + "]: " + reason;
+}
+
+bool spend_once(const Transaction& tx, std::set<OutPoint>& spent_outpoints, std::string& error) {
+  for (const TxIn& input : tx.inputs) {
+    if (!spent_outpoints.insert(input.prevout).second) {
+      return fail(error, "Double-spend within block");
+    }
+  }
+  return true;
+}
+
 // Also sums the fees.
 bool check_transactions(const Block& block, const UTXOSet& utxos, const InputVerifier& verify, int64_t& fees,
                         std::string& error) {
@@ -136,12 +149,10 @@ bool check_transactions(const Block& block, const UTXOSet& utxos, const InputVer
         validate_transaction(tx, spent, verify, reason);
       }
       if (!reason.empty()) {
-        return fail(error, "Invalid transaction in block [" + std::to_string(i) + "]: " + reason);
+        return fail(error, refusal_of(i, reason));
       }
-      for (const TxIn& input : tx.inputs) {
-        if (!spent_outpoints.insert(input.prevout).second) {
-          return fail(error, "Double-spend within block");
-        }
+      if (!spend_once(tx, spent_outpoints, error)) {
+        return false;
       }
       add_fee(fees, transaction_fee(tx, spent));
     }
@@ -240,6 +251,24 @@ int64_t block_fees(const Block& block, const UTXOSet& utxos) {
     view.add(tx);
   }
   return fees;
+}
+
+bool check_spends(const Block& block, std::string& error) {
+  std::set<OutPoint> spent_outpoints;
+  for (size_t i = 0; i < block.transactions.size(); ++i) {
+    const Transaction& tx = block.transactions[i];
+    std::string reason;
+    if (!is_ordinary(tx)) {
+      continue;
+    }
+    if (!check_outpoints(tx, reason)) {
+      return fail(error, refusal_of(i, reason));
+    }
+    if (!spend_once(tx, spent_outpoints, error)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 InputCheck verify_block_inputs(const Block& block, const UTXOSet& utxos, VerifiedInputs& verified,

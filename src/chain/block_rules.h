@@ -29,6 +29,12 @@ bool validate_context_free(const Block& block, ClockRule clock, std::string& err
 // nothing. At most the largest int64_t.
 int64_t block_fees(const Block& block, const UTXOSet& utxos);
 
+// No outpoint is spent twice by the ordinary transactions of the block. A part of
+// validate_block_transactions() that comes before any script runs: otherwise one
+// costly output could be spent, and verified, a thousand times in a block that is
+// refused in the end.
+bool check_spends(const Block& block, std::string& error);
+
 enum class InputCheck { DONE, STOPPED };
 
 // Verifies the inputs of the block on all cores and remembers the good ones in

@@ -82,13 +82,17 @@ std::vector<uint256> BlockTree::with_descendants(const uint256& hash) const {
 std::vector<uint256> BlockTree::erase_branch(const uint256& hash) {
   std::vector<uint256> erased = with_descendants(hash);
   for (const uint256& member : erased) {
-    assert(!is_active(member));
-    index_.erase(member);
-    bad_.erase(member);
-    child_bits_.erase(member);
-    fork_heights_.erase(member);
+    erase_leaf(member);
   }
   return erased;
+}
+
+void BlockTree::erase_leaf(const uint256& hash) noexcept {
+  assert(!is_active(hash));
+  index_.erase(hash);
+  bad_.erase(hash);
+  child_bits_.erase(hash);
+  fork_heights_.erase(hash);
 }
 
 std::vector<uint256> BlockTree::assign(const BlockIndexMap& index) {

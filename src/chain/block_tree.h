@@ -41,8 +41,11 @@ class BlockTree {
   // The parent must be in the tree. The child of a bad block is bad.
   void insert(const BlockIndex& entry);
 
+  // Erases a block without children that is not active. Never throws.
+  void erase_leaf(const uint256& hash) noexcept;
+
   // Erases the block and all that descends from it, and returns them. None of
-  // them may be active. O(tree).
+  // them may be active. O(n log n) in the tree.
   std::vector<uint256> erase_branch(const uint256& hash);
 
   // Replaces all entries by those of `index` that descend from a genesis block,
@@ -88,7 +91,7 @@ class BlockTree {
 
   // ---- Bad blocks
 
-  // Marks the block and what descends from it. O(tree).
+  // Marks the block and what descends from it. O(n log n) in the tree.
   void mark_bad(const uint256& hash, const std::shared_ptr<BlockVerdict>& verdict);
 
   // The verdict on the block or the ancestor that it inherits it from; null for

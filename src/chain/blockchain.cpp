@@ -54,23 +54,33 @@ void Blockchain::drain_events() {
     return;
   }
   const MutexLock lock(drain_mutex_);
-  while (std::optional<PoolEvent> event = events_.pop()) {
-    if (event->kind == PoolEvent::Kind::TIP_CHANGED) {
-      sink_->tip_changed();
-      continue;
+  try {
+    for (; PoolEvent* event = events_.front(); events_.pop_front()) {
+      tell(*event);
     }
-    if (event->block == nullptr) {
-      std::optional<Block> block = load_block_from_disk(event->hash);
-      if (!block) {
-        continue;
-      }
-      event->block = std::make_shared<const Block>(std::move(*block));
+  } catch (const std::exception& failure) {
+    // Out of memory: the event stays and is told with the next one.
+    console::error_line(std::string("[Blockchain] WARNING: The pool could not be told of a block: ") + failure.what());
+  }
+}
+
+void Blockchain::tell(PoolEvent& event) {
+  if (event.kind == PoolEvent::Kind::TIP_CHANGED) {
+    sink_->tip_changed();
+    return;
+  }
+  if (event.block == nullptr) {
+    std::optional<Block> block = load_block_from_disk(event.hash);
+    if (!block) {
+      sink_->block_lost();
+      return;
     }
-    if (event->kind == PoolEvent::Kind::BLOCK_CONNECTED) {
-      sink_->block_connected(*event->block);
-    } else {
-      sink_->block_disconnected(*event->block);
-    }
+    event.block = std::make_shared<const Block>(std::move(*block));
+  }
+  if (event.kind == PoolEvent::Kind::BLOCK_CONNECTED) {
+    sink_->block_connected(*event.block);
+  } else {
+    sink_->block_disconnected(*event.block);
   }
 }
 
@@ -116,7 +126,13 @@ int64_t Blockchain::get_total_supply() const {
 
 ChainStatus Blockchain::get_status() const {
   const MutexLock lock(mutex_);
-  return {state_.tip_hash(), state_.tip_height(), broken_, rebuilding_, refused_for_depth_};
+  ChainStatus status{state_.tip_hash(), state_.tip_height(), broken_, rebuilding_, std::nullopt};
+  const BlockIndex* refused = refused_for_depth_ ? tree_.find(*refused_for_depth_) : nullptr;
+  const BlockIndex* tip = tree_.find(state_.tip_hash());
+  if (refused != nullptr && tip != nullptr && tip->chain_work < refused->chain_work) {
+    status.branch_refused_for_depth = refused->hash;
+  }
+  return status;
 }
 
 bool Blockchain::has_block(const uint256& hash) const {

@@ -11,9 +11,10 @@
 // the state was lost. Blocks are on disk before the database names them, and the
 // database names a tip before a snapshot of it exists.
 //
-// Errors: refusals are a false result with a reason; nothing throws out of a
-// member but std::bad_alloc. Faults of this machine (disk, memory, a stop) are
-// reported in the same way and never held against a block.
+// Errors: refusals are a false result with a reason; add_block() and
+// attempt_reorg() never throw, other members at most std::bad_alloc. Faults of
+// this machine (disk, memory, a stop) are reported in the same way and never held
+// against a block.
 //
 // Threads: safe from any thread after initialize(). One mutex over everything
 // but the UTXO set and the cache of verified inputs, which have their own. A
@@ -82,7 +83,7 @@ struct ChainStatus {
   uint32_t best_height = 0;
   bool broken = false;                              // the state is lost; rebuild-needed was written
   bool rebuilding = false;                          // a rebuild, asked for by option or by that file, is not done
-  std::optional<uint256> branch_refused_for_depth;  // a heavier one, the last seen
+  std::optional<uint256> branch_refused_for_depth;  // tip of the last one seen, while it has more work
 };
 
 class Blockchain {
@@ -220,12 +221,16 @@ class Blockchain {
     std::string reason;
     BlockFate fate = BlockFate::INCIDENT;  // INVALID or INCIDENT
     uint256 block = {};                    // the stored block that failed, where one did
+    bool unreadable = false;               // that block is not on disk as the index says
   };
 
   // ---- Acceptance (blockchain_acceptance.cpp)
   bool accept(const Block& block, std::string& error, BlockReport& report) REQUIRES(mutex_);
   bool accept_one(const Block& block, std::string& error, BlockFate& fate) REQUIRES(mutex_);
   BlockFate accept_orphan(const Block& block, std::string& error) REQUIRES(mutex_);
+  void save_after_block(uint32_t height) REQUIRES(mutex_);
+  bool has_bits(const Block& block, const BlockIndex& parent, consensus::RetargetReport report, std::string& error)
+      REQUIRES(mutex_);
   BlockFate extend_tip(const Block& block, const BlockIndex& entry, std::string& error) REQUIRES(mutex_);
   BlockFate store_side_chain(const Block& block, const BlockIndex& entry, std::string& error) REQUIRES(mutex_);
   BlockFate switch_branch(const BlockIndex& entry, std::string& error) REQUIRES(mutex_);
@@ -243,8 +248,11 @@ class Blockchain {
   std::optional<Failure> replay_chain(const std::vector<uint256>& hashes, size_t first) REQUIRES(mutex_);
   std::optional<Failure> replay_block(const uint256& hash) REQUIRES(mutex_);
   std::optional<Failure> restore_chain(uint32_t fork_height, const std::vector<uint256>& hashes) REQUIRES(mutex_);
-  void tell_pool_of_reorganisation(const std::vector<uint256>& connected, const std::vector<uint256>& left)
-      REQUIRES(mutex_);
+  std::optional<Failure> check_readable(const std::vector<uint256>& hashes) REQUIRES(mutex_);
+  std::optional<Failure> switch_to(const std::vector<uint256>& path, uint32_t fork_height) REQUIRES(mutex_);
+  std::optional<Failure> switch_back(const std::vector<uint256>& left, uint32_t fork_height) REQUIRES(mutex_);
+  void save_after_switch() REQUIRES(mutex_);
+  void note_failure(const Failure& failure, const std::string& refusal) REQUIRES(mutex_);
   void try_heaviest_branch() REQUIRES(mutex_);
   void refuse_for_depth(const uint256& tip_hash, const std::string& reason) REQUIRES(mutex_);
   void declare_broken(const std::string& reason) REQUIRES(mutex_);
@@ -276,6 +284,7 @@ class Blockchain {
   void drop_branch(const uint256& hash) REQUIRES(mutex_);
 
   void drain_events() EXCLUDES(mutex_, drain_mutex_);
+  void tell(PoolEvent& event) REQUIRES(drain_mutex_) EXCLUDES(mutex_);
 
   const std::string directory_;
   const ChainOptions options_;

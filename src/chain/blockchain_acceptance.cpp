@@ -3,11 +3,13 @@
 #include <chrono>
 #include <cstdio>
 #include <deque>
+#include <list>
 
 #include "chain/block_rules.h"
 #include "chain/blockchain.h"
 #include "consensus/difficulty.h"
 #include "core/console.h"
+#include "script/interpreter.h"
 
 namespace norvel {
 
@@ -60,7 +62,11 @@ bool Blockchain::accept(const Block& block, std::string& error, BlockReport& rep
   const bool accepted = accept_one(block, error, report.fate);
   // A block stored on a side chain is a parent too when its branch failed to become the active one.
   if (report.fate != BlockFate::KNOWN && tree_.find(block.get_hash()) != nullptr) {
-    connect_waiting(block.get_hash(), report);
+    try {
+      connect_waiting(block.get_hash(), report);
+    } catch (const std::exception&) {
+      // Out of memory: those that waited are fetched again.
+    }
   }
   return accepted;
 }
@@ -82,7 +88,8 @@ bool Blockchain::accept_one(const Block& block, std::string& error, BlockFate& f
     return false;
   }
   if (block.height == 0) {
-    fate = BlockFate::INVALID;
+    // A wrong height field under a genuine header is not its maker's doing.
+    fate = block.header.prev_hash.is_zero() ? BlockFate::INVALID : BlockFate::INCIDENT;
     error = "Competing genesis block rejected";
     return false;
   }
@@ -106,8 +113,8 @@ BlockFate Blockchain::accept_orphan(const Block& block, std::string& error) {
   const uint64_t now_s = steady_seconds();
   orphans_.remove_expired(now_s);
   // A refused parent never comes, so its children need not wait for it.
-  if (orphans_.size() < OrphanPool::kBlocksMax && !verdicts_.find(block.header.prev_hash) &&
-      difficulty::verify_bits(block.header.bits) && validate_context_free(block, ClockRule::APPLY, reason)) {
+  if (!verdicts_.find(block.header.prev_hash) && difficulty::verify_bits(block.header.bits) &&
+      validate_context_free(block, ClockRule::APPLY, reason)) {
     orphans_.park(block, now_s);
   }
   error = "orphan: parent block not known yet (height " + std::to_string(block.height) + ")";
@@ -127,34 +134,50 @@ std::optional<Blockchain::Failure> Blockchain::check_child(const Block& block, c
     const bool only_early = validate_context_free(block, ClockRule::SKIP, ignored);
     return Failure{reason, only_early ? BlockFate::INCIDENT : BlockFate::INVALID};
   }
-  auto verdict = verdicts_.find(block.get_hash());
-  if (!verdict) {
-    verdict = tree_.verdict_on(parent.hash);
+  // Bits outside the allowed range cost their maker nothing, so they do not fill the log either.
+  const auto report =
+      difficulty::verify_bits(block.header.bits) ? consensus::RetargetReport::PRINT : consensus::RetargetReport::SILENT;
+  if (!has_bits(block, parent, report, reason)) {
+    return Failure{reason, BlockFate::INVALID};
   }
-  if (verdict) {
+  if (const auto verdict = verdicts_.find(block.get_hash())) {
     return Failure{verdict->reason, BlockFate::INVALID};
   }
-  const uint32_t expected = tree_.expected_child_bits(parent.hash);
-  if (block.header.bits != expected) {
-    return Failure{"Incorrect difficulty bits (expected 0x" + to_hex(expected) + ", got 0x" + to_hex(block.header.bits),
-                   BlockFate::INVALID};
+  if (const auto verdict = tree_.verdict_on(parent.hash)) {
+    verdicts_.inherit(block.get_hash(), verdict);
+    return Failure{verdict->reason, BlockFate::INVALID};
   }
   return std::nullopt;
+}
+
+bool Blockchain::has_bits(const Block& block, const BlockIndex& parent, consensus::RetargetReport report,
+                          std::string& error) {
+  const uint32_t expected = tree_.expected_child_bits(parent.hash, report);
+  if (block.header.bits == expected) {
+    return true;
+  }
+  error = "Incorrect difficulty bits (expected 0x" + to_hex(expected) + ", got 0x" + to_hex(block.header.bits);
+  return false;
 }
 
 // Everything about the block that depends on the state, which stands at its parent.
 std::optional<Blockchain::Failure> Blockchain::check_connectable(const Block& block) {
   const UTXOSet& utxos = state_.utxos();
+  const uint64_t memory_faults = ScriptInterpreter::memory_fault_count();
+  std::string reason;
+  if (!check_spends(block, reason)) {
+    return Failure{reason, BlockFate::INVALID};
+  }
   if (verify_block_inputs(block, utxos, verified_, stop_) == InputCheck::STOPPED) {
     return Failure{"Node is stopping", BlockFate::INCIDENT};
   }
   const InputVerifier verify = [this](const Transaction& tx, size_t input_index, const TxOut& spent) {
     return verified_.verify(tx, input_index, spent);
   };
-  std::string reason;
   if (!block.has_valid_inputs(reason, utxos, verify) ||
       !norvel::validate_block_transactions(block, utxos, state_.treasury(), verified_, reason)) {
-    return Failure{reason, BlockFate::INVALID};
+    const bool is_verdict = ScriptInterpreter::memory_fault_count() == memory_faults;
+    return Failure{reason, is_verdict ? BlockFate::INVALID : BlockFate::INCIDENT};
   }
   return std::nullopt;
 }
@@ -171,23 +194,38 @@ BlockFate Blockchain::extend_tip(const Block& block, const BlockIndex& entry, st
     error = "Failed to save block to disk";
     return BlockFate::INCIDENT;
   }
+  std::list<PoolEvent> events;
+  if (sink_ != nullptr) {
+    events.push_back({PoolEvent::Kind::BLOCK_CONNECTED, entry.hash, std::make_shared<const Block>(block)});
+    events.emplace_back();
+  }
   insert_entry(entry);
   try {
     connect_block_state(block, entry.hash);
   } catch (...) {
-    drop_branch(entry.hash);
+    tree_.erase_leaf(entry.hash);
+    unsaved_.erase(entry.hash);
     throw;
   }
-  if (sink_ != nullptr) {
-    events_.push({{PoolEvent::Kind::BLOCK_CONNECTED, entry.hash, std::make_shared<const Block>(block)}, PoolEvent()});
+  // The block is part of the chain from here on, whatever else fails.
+  events_.push(std::move(events));
+  save_after_block(entry.height);
+  return BlockFate::CONNECTED;
+}
+
+void Blockchain::save_after_block(uint32_t height) {
+  bool saved = false;
+  try {
+    saved = save_state_locked();
+    if (height % kSnapshotInterval == 0) {
+      write_snapshot();
+    }
+  } catch (const std::exception&) {
+    saved = false;
   }
-  if (!save_state_locked()) {
+  if (!saved) {
     console::error_line("[Blockchain] WARNING: Failed to save state after adding block!");
   }
-  if (entry.height % kSnapshotInterval == 0) {
-    write_snapshot();
-  }
-  return BlockFate::CONNECTED;
 }
 
 // Applies a block whose entry is in the tree. On an exception nothing has changed.
@@ -203,9 +241,15 @@ void Blockchain::connect_block_state(const Block& block, const uint256& hash) {
   ++change_number_;
 }
 
+// All or nothing: an entry that is not to be saved would keep its block out.
 void Blockchain::insert_entry(const BlockIndex& entry) {
-  tree_.insert(entry);
   unsaved_.insert(entry.hash);
+  try {
+    tree_.insert(entry);
+  } catch (...) {
+    unsaved_.erase(entry.hash);
+    throw;
+  }
   dropped_.erase(entry.hash);
 }
 
@@ -258,29 +302,31 @@ BlockFate Blockchain::switch_branch(const BlockIndex& entry, std::string& error)
 void Blockchain::connect_waiting(const uint256& parent_hash, BlockReport& report) {
   std::deque<uint256> parents = {parent_hash};
   for (; !parents.empty(); parents.pop_front()) {
-    for (const Block& child : orphans_.take_children(parents.front())) {
+    while (const std::optional<Block> child = orphans_.take_child(parents.front())) {
       std::string ignored;
       BlockFate fate = BlockFate::INCIDENT;
       try {
-        accept_one(child, ignored, fate);
+        accept_one(*child, ignored, fate);
       } catch (const std::exception&) {
         // Out of memory: the block is fetched again.
       }
       if (fate == BlockFate::CONNECTED) {
-        report.from_orphans.push_back(child.get_hash());
+        report.from_orphans.push_back(child->get_hash());
       }
-      if (fate != BlockFate::KNOWN && tree_.find(child.get_hash()) != nullptr) {
-        parents.push_back(child.get_hash());
+      if (fate != BlockFate::KNOWN && tree_.find(child->get_hash()) != nullptr) {
+        parents.push_back(child->get_hash());
       }
     }
   }
 }
 
 void Blockchain::process_orphans(const uint256& parent_hash) {
-  {
+  try {
     const MutexLock lock(mutex_);
     BlockReport ignored;
     connect_waiting(parent_hash, ignored);
+  } catch (const std::exception&) {
+    // Out of memory: those that waited are fetched again.
   }
   drain_events();
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <chrono>
+#include <list>
 
 #include "chain/block_rules.h"
 #include "chain/blockchain.h"
@@ -15,6 +16,20 @@ namespace {
 constexpr uint64_t kDepthLineIntervalSeconds = 60;
 
 constexpr std::chrono::seconds kProgressInterval{10};
+
+constexpr int kRestoreAttempts = 3;
+
+std::list<PoolEvent> make_events(const std::vector<uint256>& connected, const std::vector<uint256>& left) {
+  std::list<PoolEvent> events;
+  for (const uint256& hash : connected) {
+    events.push_back({PoolEvent::Kind::BLOCK_CONNECTED, hash, nullptr});
+  }
+  for (const uint256& hash : left) {
+    events.push_back({PoolEvent::Kind::BLOCK_DISCONNECTED, hash, nullptr});
+  }
+  events.emplace_back();
+  return events;
+}
 
 }  // namespace
 
@@ -57,31 +72,94 @@ std::optional<Blockchain::Failure> Blockchain::reorganise(const uint256& tip_has
                      std::to_string(depth) + " block(s), connecting " + std::to_string(path->size()) + " block(s)\n");
 
   const std::vector<uint256> left(tree_.active().begin() + fork_height + 1, tree_.active().end());
-  std::optional<Failure> failure = go_back_to(fork_height);
-  if (!failure) {
-    failure = replay_chain(*path, 0);
+  if (auto failure = check_readable(left)) {
+    return failure;
   }
+  std::list<PoolEvent> events = sink_ == nullptr ? std::list<PoolEvent>() : make_events(*path, left);
+  journal_.keep_all(true);
+  const std::optional<Failure> failure = switch_to(*path, fork_height);
+  const std::optional<Failure> second = failure ? switch_back(left, fork_height) : std::nullopt;
+  journal_.keep_all(false);
   if (!failure) {
-    refused_for_depth_.reset();
-    tell_pool_of_reorganisation(*path, left);
-    write_snapshot();
+    events_.push(std::move(events));
+    save_after_switch();
     return std::nullopt;
   }
-  console::error_line("[Blockchain] Reorg candidate invalid: " + failure->reason);
-  const std::string refusal = "candidate branch failed validation: " + failure->reason;
-  if (failure->fate == BlockFate::INVALID) {
-    // Later children are refused with the whole text that the branch got.
-    tree_.mark_bad(failure->block, verdicts_.remember(failure->block, kReorgFailed + refusal));
-  }
-  const std::optional<Failure> second = restore_chain(fork_height, left);
   if (!second) {
+    const std::string refusal = "candidate branch failed validation: " + failure->reason;
+    note_failure(*failure, refusal);
     return Failure{refusal, failure->fate};
   }
+  broken_ = true;
   const std::string reason = "candidate branch invalid (" + failure->reason +
                              ") AND failed to restore previous chain: " + second->reason +
                              " — restart the node to rebuild state from disk";
   declare_broken(reason);
   return Failure{reason};
+}
+
+// The chain can only be brought back if the blocks that leave it can be read.
+std::optional<Blockchain::Failure> Blockchain::check_readable(const std::vector<uint256>& hashes) {
+  for (const uint256& hash : hashes) {
+    if (stop_) {
+      return Failure{"Node is stopping"};
+    }
+    if (!load_block(hash)) {
+      return Failure{"block " + hash.to_hex() + " of the active chain cannot be read"};
+    }
+  }
+  return std::nullopt;
+}
+
+// On failure the state stands at some block of either branch.
+std::optional<Blockchain::Failure> Blockchain::switch_to(const std::vector<uint256>& path, uint32_t fork_height) {
+  try {
+    auto failure = go_back_to(fork_height);
+    if (!failure) {
+      failure = replay_chain(path, 0);
+    }
+    if (failure) {
+      console::error_line("[Blockchain] Reorg candidate invalid: " + failure->reason);
+    }
+    return failure;
+  } catch (const std::exception& exception) {
+    return Failure{exception.what()};
+  }
+}
+
+// Tried again where memory ran out: whatever was done stays done.
+std::optional<Blockchain::Failure> Blockchain::switch_back(const std::vector<uint256>& left, uint32_t fork_height) {
+  std::optional<Failure> failure;
+  for (int attempt = 0; attempt < kRestoreAttempts; ++attempt) {
+    try {
+      failure = restore_chain(fork_height, left);
+      if (!failure) {
+        return std::nullopt;
+      }
+    } catch (const std::exception& exception) {
+      failure = Failure{exception.what()};
+    }
+  }
+  return failure;
+}
+
+// Remembers a bad block, and forgets one that is not on disk, so that it is
+// fetched again.
+void Blockchain::note_failure(const Failure& failure, const std::string& refusal) {
+  if (failure.fate == BlockFate::INVALID) {
+    // Later children are refused with the whole text that the branch got.
+    tree_.mark_bad(failure.block, verdicts_.remember(failure.block, kReorgFailed + refusal));
+  } else if (failure.unreadable) {
+    drop_branch(failure.block);
+  }
+}
+
+void Blockchain::save_after_switch() {
+  try {
+    write_snapshot();
+  } catch (const std::exception&) {
+    console::error_line("[Blockchain] WARNING: Failed to save state after a reorganisation!");
+  }
 }
 
 // Takes the tip back to `height`, a height of the active chain.
@@ -116,10 +194,15 @@ std::optional<Blockchain::Failure> Blockchain::replay_down_to(uint32_t height) {
   const Bytes backup = state_.to_snapshot();
   const std::vector<uint256> active = tree_.active();
   const std::vector<uint256> path(active.begin(), active.begin() + height + 1);
-  const auto failure = replay_from_best_start(path);
-  if (!failure) {
-    adopt_undo_records();
-    return std::nullopt;
+  std::optional<Failure> failure;
+  try {
+    failure = replay_from_best_start(path);
+    if (!failure) {
+      adopt_undo_records();
+      return std::nullopt;
+    }
+  } catch (const std::exception& exception) {
+    failure = Failure{exception.what()};
   }
   SnapshotData data;
   std::string reason;
@@ -139,14 +222,7 @@ std::optional<Blockchain::Failure> Blockchain::replay_down_to(uint32_t height) {
 std::optional<Blockchain::Failure> Blockchain::replay_chain(const std::vector<uint256>& hashes, size_t first) {
   auto next_line = std::chrono::steady_clock::now() + kProgressInterval;
   for (size_t i = first; i < hashes.size(); ++i) {
-    std::optional<Failure> failure;
-    try {
-      failure = replay_block(hashes[i]);
-    } catch (const std::exception& exception) {
-      failure = Failure{exception.what()};
-    }
-    if (failure) {
-      failure->block = hashes[i];
+    if (auto failure = replay_block(hashes[i])) {
       return failure;
     }
     if (const auto now = std::chrono::steady_clock::now(); now >= next_line) {
@@ -164,20 +240,24 @@ std::optional<Blockchain::Failure> Blockchain::replay_block(const uint256& hash)
     return Failure{"Node is stopping"};
   }
   const BlockIndex& entry = *tree_.find(hash);
-  const std::string name = "block " + hash.to_hex() + " at height " + std::to_string(entry.height);
   const std::optional<Block> block = load_block(hash);
-  if (!block || block->height != entry.height) {
-    return Failure{name + " cannot be read"};
-  }
   std::string reason;
+  const bool is_as_indexed =
+      block && block->height == entry.height && block->header.prev_hash == entry.prev_hash &&
+      block->header.timestamp == entry.timestamp && block->header.bits == entry.bits &&
+      (entry.height == 0 || has_bits(*block, *tree_.find(entry.prev_hash), consensus::RetargetReport::SILENT, reason));
+  if (!is_as_indexed) {
+    return Failure{"block " + hash.to_hex() + " at height " + std::to_string(entry.height) + " cannot be read",
+                   BlockFate::INCIDENT, hash, true};
+  }
+  std::optional<Failure> failure;
   if (!validate_context_free(*block, ClockRule::SKIP, reason)) {
-    return Failure{reason, BlockFate::INVALID};
+    failure = Failure{reason, BlockFate::INVALID};
+  } else {
+    failure = check_connectable(*block);
   }
-  if (entry.height != 0 &&
-      block->header.bits != tree_.expected_child_bits(entry.prev_hash, consensus::RetargetReport::SILENT)) {
-    return Failure{"Incorrect difficulty bits", BlockFate::INVALID};
-  }
-  if (auto failure = check_connectable(*block)) {
+  if (failure) {
+    failure->block = hash;
     return failure;
   }
   connect_block_state(*block, hash);
@@ -195,39 +275,20 @@ std::optional<Blockchain::Failure> Blockchain::restore_chain(uint32_t fork_heigh
   if (auto failure = go_back_to(height)) {
     return failure;
   }
-  try {
-    for (size_t i = height - fork_height; i < hashes.size(); ++i) {
-      const std::optional<Block> block = load_block(hashes[i]);
-      if (!block) {
-        return Failure{"block " + hashes[i].to_hex() + " cannot be read"};
-      }
-      connect_block_state(*block, hashes[i]);
+  for (size_t i = height - fork_height; i < hashes.size(); ++i) {
+    const std::optional<Block> block = load_block(hashes[i]);
+    if (!block) {
+      return Failure{"block " + hashes[i].to_hex() + " cannot be read"};
     }
-  } catch (const std::exception& exception) {
-    return Failure{exception.what()};
+    connect_block_state(*block, hashes[i]);
   }
   return std::nullopt;
-}
-
-void Blockchain::tell_pool_of_reorganisation(const std::vector<uint256>& connected, const std::vector<uint256>& left) {
-  if (sink_ == nullptr) {
-    return;
-  }
-  std::vector<PoolEvent> events;
-  events.reserve(connected.size() + left.size() + 1);
-  for (const uint256& hash : connected) {
-    events.push_back({PoolEvent::Kind::BLOCK_CONNECTED, hash, nullptr});
-  }
-  for (const uint256& hash : left) {
-    events.push_back({PoolEvent::Kind::BLOCK_DISCONNECTED, hash, nullptr});
-  }
-  events.emplace_back();
-  events_.push(std::move(events));
 }
 
 // Offers the branches with more work than the active chain, best first, until
 // one holds or none is left.
 void Blockchain::try_heaviest_branch() {
+  std::set<uint256> tried;
   while (!broken_) {
     const uint256 best_work = tree_.find(state_.tip_hash())->chain_work;
     const BlockIndex* candidate = tree_.heaviest(std::nullopt, [&](const BlockIndex& entry) REQUIRES(mutex_) {

@@ -35,13 +35,16 @@ bool fail(std::string& error, std::string reason) {
 }  // namespace
 
 bool Blockchain::initialize(std::string& error) {
-  const MutexLock lock(mutex_);
+  bool started = false;
   try {
+    const MutexLock lock(mutex_);
     treasury::ensure_initialized();
-    return open_directory(error) && load_index(error) && activate(error);
+    started = open_directory(error) && load_index(error) && activate(error);
   } catch (const std::exception& failure) {
-    return fail(error, failure.what());
+    error = failure.what();
   }
+  drain_events();
+  return started;
 }
 
 bool Blockchain::open_directory(std::string& error) {
@@ -210,13 +213,14 @@ bool Blockchain::activate(std::string& error) {
     if (!failure) {
       break;
     }
-    if (stop_ || state_.empty() || failure->block.is_zero()) {
+    const bool is_invalid = failure->fate == BlockFate::INVALID;
+    if (stop_ || state_.empty() || (!is_invalid && !failure->unreadable)) {
       return fail(error, failure->reason);
     }
     whole = false;
     console::error_line("[Blockchain] Chain goes on from height " + std::to_string(state_.tip_height()) + ": " +
                         failure->reason);
-    if (failure->fate == BlockFate::INVALID) {
+    if (is_invalid) {
       tree_.mark_bad(failure->block, verdicts_.remember(failure->block, failure->reason));
     } else {
       drop_branch(failure->block);

@@ -6,32 +6,52 @@
 
 namespace norvel {
 
+namespace {
+
+// A coinbase says its block's height, under the block's hash, unlike the height
+// field. No rule demands it, but every block made in earnest keeps to it.
+bool is_height_plausible(const Block& block) {
+  if (block.transactions.empty() || block.transactions.front().inputs.empty()) {
+    return false;
+  }
+  const Bytes& data = block.transactions.front().inputs.front().signature;
+  size_t offset = 0;
+  return data.size() >= 4 && read_le<uint32_t>(data, offset) == block.height;
+}
+
+}  // namespace
+
 bool OrphanPool::park(const Block& block, uint64_t now_s) {
-  if (entries_.size() >= kBlocksMax) {
+  Entry entry{block.get_hash(), block.header.prev_hash, block.serialize(), now_s, is_height_plausible(block)};
+  const auto is_twin = [&entry](const Entry& other) { return other.hash == entry.hash; };
+  if (std::ranges::find(entries_, entry.bytes, &Entry::bytes) != entries_.end() || entry.bytes.size() > kBytesMax) {
     return false;
   }
-  const uint256 hash = block.get_hash();
-  const auto is_twin = [&hash](const Entry& entry) { return entry.hash == hash; };
-  if (static_cast<size_t>(std::ranges::count_if(entries_, is_twin)) >= kTwinsMax) {
-    return false;
+  const auto has_twins_to_spare = [&] {
+    return static_cast<size_t>(std::ranges::count_if(entries_, is_twin)) < kTwinsMax;
+  };
+  const auto has_room = [&] { return entries_.size() < kBlocksMax && entry.bytes.size() <= kBytesMax - total_bytes(); };
+  // Twins that look wrong make room for a block that does not.
+  while (!has_twins_to_spare() || !has_room()) {
+    const auto doubtful = std::ranges::find_if(
+        entries_, [&](const Entry& other) { return !other.is_plausible && (has_twins_to_spare() || is_twin(other)); });
+    if (!entry.is_plausible || doubtful == entries_.end()) {
+      return false;
+    }
+    entries_.erase(doubtful);
   }
-  Bytes bytes = block.serialize();
-  if (bytes.size() > kBytesMax - total_bytes() || std::ranges::find(entries_, bytes, &Entry::bytes) != entries_.end()) {
-    return false;
-  }
-  entries_.push_back({hash, block.header.prev_hash, std::move(bytes), now_s});
+  entries_.push_back(std::move(entry));
   return true;
 }
 
-std::vector<Block> OrphanPool::take_children(const uint256& parent_hash) {
-  std::vector<Block> children;
-  for (const Entry& entry : entries_) {
-    if (entry.parent_hash == parent_hash) {
-      children.push_back(Block::deserialize(entry.bytes));
-    }
+std::optional<Block> OrphanPool::take_child(const uint256& parent_hash) {
+  const auto child = std::ranges::find(entries_, parent_hash, &Entry::parent_hash);
+  if (child == entries_.end()) {
+    return std::nullopt;
   }
-  std::erase_if(entries_, [&parent_hash](const Entry& entry) { return entry.parent_hash == parent_hash; });
-  return children;
+  const Bytes bytes = std::move(child->bytes);
+  entries_.erase(child);
+  return Block::deserialize(bytes);
 }
 
 void OrphanPool::remove_expired(uint64_t now_s) {

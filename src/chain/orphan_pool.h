@@ -2,8 +2,9 @@
 //
 // Limits: kBlocksMax blocks and kBytesMax bytes; one entry for the same bytes
 // and kTwinsMax for the same header hash, so that a twin with another height
-// field neither keeps the true block out nor fills the pool; entries leave after
-// kAgeMaxSeconds. Blocks are held serialized: decoded ones can take many times
+// field neither keeps the true block out nor fills the pool; twins whose height
+// disagrees with their coinbase make room for blocks that agree; entries leave
+// after kAgeMaxSeconds. Blocks are held serialized: decoded ones can take many times
 // as much memory, which would make the limit in bytes an idle word.
 //
 // Threads: single-threaded; the chain's lock guards it.
@@ -12,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "core/block.h"
@@ -31,8 +33,9 @@ class OrphanPool {
   // fits its byte format. `now_s` is any steady clock in seconds.
   bool park(const Block& block, uint64_t now_s);
 
-  // Removes and returns the children of `parent_hash` in order of arrival.
-  std::vector<Block> take_children(const uint256& parent_hash);
+  // Removes and returns the child of `parent_hash` that came first. One at a time,
+  // since decoded blocks take much more room than the pool's limit counts.
+  std::optional<Block> take_child(const uint256& parent_hash);
 
   void remove_expired(uint64_t now_s);
 
@@ -45,6 +48,7 @@ class OrphanPool {
     uint256 parent_hash;
     Bytes bytes;
     uint64_t parked_s = 0;
+    bool is_plausible = false;  // the height field agrees with the coinbase
   };
 
   std::vector<Entry> entries_;  // in order of arrival; few enough to walk

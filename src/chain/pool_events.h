@@ -1,14 +1,13 @@
 // Changes of the active chain that wait to be told to the pool, in the order in
 // which they happened.
 //
-// Threads: safe from any thread.
+// Threads: safe from any thread; front() and pop_front() belong to the one that
+// tells.
 
 #pragma once
 
-#include <deque>
+#include <list>
 #include <memory>
-#include <optional>
-#include <vector>
 
 #include "core/block.h"
 #include "core/sync.h"
@@ -20,31 +19,33 @@ struct PoolEvent {
   enum class Kind { BLOCK_CONNECTED, BLOCK_DISCONNECTED, TIP_CHANGED };
 
   Kind kind = Kind::TIP_CHANGED;
-  uint256 hash;                        // of the block
-  std::shared_ptr<const Block> block;  // null: to be read from disk when told, so that a long
-                                       // reorganisation does not hold all its blocks in memory
+  uint256 hash = {};                             // of the block
+  std::shared_ptr<const Block> block = nullptr;  // null: to be read from disk when told, so that a long
+                                                 // reorganisation does not hold all its blocks in memory
 };
 
 class PoolEvents {
  public:
-  void push(std::vector<PoolEvent> events) EXCLUDES(mutex_) {
+  // Never fails, so that a change of the chain is never left untold.
+  void push(std::list<PoolEvent> events) noexcept EXCLUDES(mutex_) {
     const MutexLock lock(mutex_);
-    events_.insert(events_.end(), events.begin(), events.end());
+    events_.splice(events_.end(), events);
   }
 
-  std::optional<PoolEvent> pop() EXCLUDES(mutex_) {
+  // Null when nothing waits; valid until pop_front().
+  PoolEvent* front() EXCLUDES(mutex_) {
     const MutexLock lock(mutex_);
-    if (events_.empty()) {
-      return std::nullopt;
-    }
-    PoolEvent first = std::move(events_.front());
+    return events_.empty() ? nullptr : &events_.front();
+  }
+
+  void pop_front() EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     events_.pop_front();
-    return first;
   }
 
  private:
   Mutex mutex_;  // leaf
-  std::deque<PoolEvent> events_ GUARDED_BY(mutex_);
+  std::list<PoolEvent> events_ GUARDED_BY(mutex_);
 };
 
 }  // namespace norvel

@@ -109,22 +109,6 @@ bool sum_outputs(const Transaction& tx, int64_t& sum, std::string& reason) {
   return true;
 }
 
-bool check_outpoints(const Transaction& tx, std::string& reason) {
-  std::vector<OutPoint> outpoints;
-  outpoints.reserve(tx.inputs.size());
-  for (const TxIn& input : tx.inputs) {
-    if (input.prevout.is_null()) {
-      return fail(reason, kNullInput, outpoints.size());
-    }
-    outpoints.push_back(input.prevout);
-  }
-  std::sort(outpoints.begin(), outpoints.end());
-  if (std::adjacent_find(outpoints.begin(), outpoints.end()) != outpoints.end()) {
-    return fail(reason, kRepeatedInput);
-  }
-  return true;
-}
-
 // Also lists the outputs that the inputs spend, in input order.
 bool sum_inputs(const Transaction& tx, const OutputsByOutpoint& spent, int64_t& sum, std::vector<const TxOut*>& found,
                 std::string& reason) {
@@ -147,6 +131,22 @@ bool sum_inputs(const Transaction& tx, const OutputsByOutpoint& spent, int64_t& 
 }
 
 }  // namespace
+
+bool check_outpoints(const Transaction& tx, std::string& reason) {
+  std::vector<OutPoint> outpoints;
+  outpoints.reserve(tx.inputs.size());
+  for (const TxIn& input : tx.inputs) {
+    if (input.prevout.is_null()) {
+      return fail(reason, kNullInput, outpoints.size());
+    }
+    outpoints.push_back(input.prevout);
+  }
+  std::sort(outpoints.begin(), outpoints.end());
+  if (std::adjacent_find(outpoints.begin(), outpoints.end()) != outpoints.end()) {
+    return fail(reason, kRepeatedInput);
+  }
+  return true;
+}
 
 bool validate_transaction(const Transaction& tx, const OutputsByOutpoint& spent, const InputVerifier& verify,
                           std::string& reason) {

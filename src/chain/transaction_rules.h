@@ -36,6 +36,10 @@ using OutputsByOutpoint = std::map<OutPoint, TxOut>;
 bool validate_transaction(const Transaction& tx, const OutputsByOutpoint& spent, const InputVerifier& verify,
                           std::string& reason);
 
+// No outpoint is null and none stands twice: a part of validate_transaction()
+// that needs no outputs and no scripts.
+bool check_outpoints(const Transaction& tx, std::string& reason);
+
 // Whether the lock time lets the transaction into a block of `height` stamped
 // `time` (seconds): lock time 0, or a height below `height`, or a time below
 // `time`, or every input final.

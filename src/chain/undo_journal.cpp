@@ -76,7 +76,16 @@ void UndoJournal::push(uint32_t height, const uint256& hash, Bytes record) {
     entries_.clear();
   }
   entries_.push_back(std::move(entry));
-  if (entries_.size() > kDepth) {
+  trim();
+}
+
+void UndoJournal::keep_all(bool on) {
+  keeps_all_ = on;
+  trim();
+}
+
+void UndoJournal::trim() {
+  while (!keeps_all_ && entries_.size() > kDepth) {
     entries_.pop_front();
   }
 }
@@ -105,7 +114,7 @@ void UndoJournal::clear() {
 
 // Nothing in the file can be put under the entries in memory.
 bool UndoJournal::is_complete() const {
-  return entries_.size() == kDepth || (!entries_.empty() && entries_.front().height == 0);
+  return entries_.size() >= kDepth || (!entries_.empty() && entries_.front().height == 0);
 }
 
 bool UndoJournal::is_stored(const Record& record) const {
@@ -161,7 +170,7 @@ void UndoJournal::adopt(uint32_t top_height, std::span<const uint256> hashes) {
   if (height == uint64_t{top_height} + 1) {
     for (const uint256& hash : hashes) {
       const auto found = aside_.find(hash);
-      if (entries_.size() == kDepth || height == 0 || found == aside_.end() || found->second.height != height - 1) {
+      if (entries_.size() >= kDepth || height == 0 || found == aside_.end() || found->second.height != height - 1) {
         break;
       }
       entries_.push_front(std::move(found->second));

@@ -50,6 +50,10 @@ class UndoJournal {
   // Below this size the file is not shortened.
   static constexpr uint64_t kShortenedBytesMin = 1024 * 1024;
 
+  // While on, no entry leaves at the far end: a reorganisation that fails after
+  // more than kDepth blocks still needs all of them. Turning it off trims.
+  void keep_all(bool on);
+
   // Adds the record of the block just connected on the tip. An entry of this
   // height or above (of a block whose connection was broken off) is forgotten,
   // and all are when a height is missing between them and this one. On an
@@ -93,6 +97,7 @@ class UndoJournal {
 
   using Records = std::vector<const Record*>;
 
+  void trim();
   bool is_complete() const;
   bool is_stored(const Record& record) const;
   void read_records(int fd, uint64_t size);
@@ -107,6 +112,7 @@ class UndoJournal {
   uint64_t file_bytes_ = 0;            // of the intact file
   bool is_read_ = false;
   bool must_rewrite_ = false;
+  bool keeps_all_ = false;
 };
 
 }  // namespace norvel

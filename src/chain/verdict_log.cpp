@@ -14,8 +14,18 @@ std::shared_ptr<BlockVerdict> VerdictLog::remember(const uint256& hash, const st
 }
 
 std::shared_ptr<BlockVerdict> VerdictLog::find(const uint256& hash) const {
-  const auto found = verdicts_.find(hash);
-  return found == verdicts_.end() ? nullptr : found->second;
+  if (const auto found = verdicts_.find(hash); found != verdicts_.end()) {
+    return found->second;
+  }
+  const auto found = inherited_.find(hash);
+  return found == inherited_.end() || found->second->forgotten ? nullptr : found->second;
+}
+
+void VerdictLog::inherit(const uint256& hash, const std::shared_ptr<BlockVerdict>& verdict) {
+  if (inherited_.size() >= kVerdictsMax) {
+    inherited_.clear();
+  }
+  inherited_[hash] = verdict;
 }
 
 void VerdictLog::forget(const uint256& hash) {

@@ -32,7 +32,11 @@ class VerdictLog {
   // Replaces an earlier verdict on the same hash.
   std::shared_ptr<BlockVerdict> remember(const uint256& hash, const std::string& reason);
 
-  // Null when the block is not known as bad.
+  // Remembers a block that was refused because it descends from a bad one, so
+  // that its own children are known too. It leaves with others of its kind.
+  void inherit(const uint256& hash, const std::shared_ptr<BlockVerdict>& verdict);
+
+  // Null when the block is not known as bad, by itself or by its descent.
   std::shared_ptr<BlockVerdict> find(const uint256& hash) const;
 
   size_t size() const { return verdicts_.size(); }
@@ -42,6 +46,7 @@ class VerdictLog {
 
   std::map<uint256, std::shared_ptr<BlockVerdict>> verdicts_;
   std::deque<std::shared_ptr<BlockVerdict>> by_age_;
+  std::map<uint256, std::shared_ptr<BlockVerdict>> inherited_;  // at most kVerdictsMax
 };
 
 }  // namespace norvel

@@ -4,6 +4,7 @@
 #include <exception>
 #include <functional>
 #include <numeric>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -68,7 +69,7 @@ std::map<Bytes, int64_t> shares_by_hash(int64_t amount, const MinerBlockCounts& 
   for (const auto& [address, share] : calculate_distribution(amount, miner_counts)) {
     try {
       shares[crypto::address_to_hash160(address)] = share;
-    } catch (const std::exception&) {
+    } catch (const std::runtime_error&) {
       continue;
     }
   }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 #include <stdexcept>
 
 #include "crypto/curve.h"
@@ -131,9 +132,9 @@ bool verify_signature(ByteView message, ByteView signature, const Bytes& public_
   }
   const Curve* curve = secp256k1_curve();
   // Setting the group copies it, so each thread does it once.
-  static thread_local const EcKey key = new_key(curve);
-  if (key == nullptr) {
-    return false;
+  static thread_local EcKey key;
+  if (key == nullptr && (key = new_key(curve)) == nullptr) {
+    throw std::bad_alloc();  // says nothing about the signature
   }
   try {
     const EcPoint point = validate_ec_pubkey(*curve, public_key);

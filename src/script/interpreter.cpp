@@ -1,7 +1,9 @@
 #include "script/interpreter.h"
 
 #include <algorithm>
+#include <atomic>
 #include <map>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -16,6 +18,10 @@ namespace norvel {
 namespace {
 
 constexpr uint8_t kSignBit = 0x80;
+
+// Written by whichever thread runs out of memory; readers compare two values of
+// their own, and one fault too many only makes them careful.
+std::atomic<uint64_t> memory_faults{0};
 
 // One entry for each open conditional, with the false ones counted: a script
 // may be nested as deep as it is long.
@@ -330,9 +336,16 @@ bool ScriptInterpreter::verify_signature(ByteView signature, ByteView public_key
   }
   try {
     return crypto::verify_signature(hash.bytes(), signature, Bytes(public_key.begin(), public_key.end()));
+  } catch (const std::bad_alloc&) {
+    ++memory_faults;
+    return false;
   } catch (...) {
     return false;
   }
+}
+
+uint64_t ScriptInterpreter::memory_fault_count() {
+  return memory_faults;
 }
 
 bool ScriptInterpreter::execute_script(const Script& script, ScriptStack& stack, const Transaction& tx,

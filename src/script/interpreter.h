@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "core/bytes.h"
 #include "core/uint256.h"
@@ -28,6 +29,10 @@ class ScriptInterpreter {
   // Whether `signature` (DER, without the signature hash type) is valid for
   // the 32 bytes of `hash` and the 33-byte `public_key`.
   static bool verify_signature(ByteView signature, ByteView public_key, const uint256& hash);
+
+  // How many signature checks were answered false for lack of memory since the
+  // process began: a verdict reached while it grew says nothing. Thread-safe.
+  static uint64_t memory_fault_count();
 
   // Runs `script` for input `input_index` of `tx`, starting from `stack` and
   // leaving there what the script left, also when it fails. A signature check
