@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <iterator>
 #include <limits>
 
 #include "core/console.h"
@@ -63,15 +62,16 @@ std::optional<Block> block_at(FileWindow& window, uint64_t offset) {
 // Offsets of headers of readable blocks of `missing` between the records, each
 // block once; those found leave `missing`.
 std::optional<std::vector<uint64_t>> find_missing(const OpenedFile& file, const std::vector<ByteRange>& gaps,
-                                                  std::set<uint256>& missing) {
+                                                  std::map<uint256, uint32_t>& missing) {
   std::vector<uint64_t> found;
   FileWindow window(file.fd(), file.bytes);
   const auto visit = [&](uint64_t offset, const uint256& hash) {
-    const auto block = missing.contains(hash) ? block_at(window, offset) : std::nullopt;
-    if (!block) {
+    const auto wanted = missing.find(hash);
+    const auto block = wanted != missing.end() ? block_at(window, offset) : std::nullopt;
+    if (!block || block->height != wanted->second) {
       return offset + 1;
     }
-    missing.erase(hash);
+    missing.erase(wanted);
     found.push_back(offset);
     return missing.empty() ? std::numeric_limits<uint64_t>::max() : offset + block->size();
   };
@@ -149,7 +149,7 @@ std::optional<FileCheck> check_block_file(const OpenedFile& file, const std::str
     if (!block) {
       continue;
     }
-    check.readable.insert(block->get_hash());
+    check.readable[block->get_hash()].insert(block->height);
     if (walk.offset() > covered) {
       check.gaps.push_back({covered, walk.offset()});
     }
@@ -182,7 +182,7 @@ bool cut_block_file(const OpenedFile& file, const std::string& path, uint64_t of
   return true;
 }
 
-std::optional<RepairedFile> repair_block_file(const std::string& path, const std::set<uint256>& indexed) {
+std::optional<RepairedFile> repair_block_file(const std::string& path, const std::map<uint256, uint32_t>& indexed) {
   const auto file = open_block_file(path, O_RDWR);
   if (!file) {
     return std::nullopt;
@@ -191,9 +191,11 @@ std::optional<RepairedFile> repair_block_file(const std::string& path, const std
   if (!check) {
     return std::nullopt;
   }
-  std::set<uint256> missing;
-  std::set_difference(indexed.begin(), indexed.end(), check->readable.begin(), check->readable.end(),
-                      std::inserter(missing, missing.end()));
+  std::map<uint256, uint32_t> missing = indexed;
+  std::erase_if(missing, [&](const auto& block) {
+    const auto records = check->readable.find(block.first);
+    return records != check->readable.end() && records->second.contains(block.second);
+  });
   std::vector<uint64_t> found;
   if (!missing.empty()) {
     auto searched = find_missing(*file, check->gaps, missing);
@@ -217,7 +219,11 @@ std::optional<RepairedFile> repair_block_file(const std::string& path, const std
     report_file_error("Cannot sync block file", path);
     return std::nullopt;
   }
-  return RepairedFile{*bytes, {missing.begin(), missing.end()}};
+  RepairedFile repaired{*bytes, {}};
+  for (const auto& [hash, height] : missing) {
+    repaired.lost.push_back(hash);
+  }
+  return repaired;
 }
 
 }  // namespace norvel

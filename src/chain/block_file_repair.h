@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -28,8 +29,8 @@ struct FileCheck {
   // Where the next record can be appended: the end of the file, or when the walk
   // stopped before it, the end of the last readable record.
   uint64_t intact_bytes = 0;
-  std::set<uint256> readable;   // hashes of the blocks
-  std::vector<ByteRange> gaps;  // what no readable block covers, ascending
+  std::map<uint256, std::set<uint32_t>> readable;  // heights of the records of each block
+  std::vector<ByteRange> gaps;                     // what no readable block covers, ascending
 };
 
 // O(file). Nothing, and a line, when reading fails.
@@ -41,12 +42,13 @@ bool cut_block_file(const OpenedFile& file, const std::string& path, uint64_t of
 
 struct RepairedFile {
   uint64_t bytes = 0;
-  std::vector<uint256> lost;  // of the indexed blocks, those that are nowhere in the file
+  std::vector<uint256> lost;  // of the indexed blocks, those that are nowhere in the file with their height
 };
 
-// Looks for every block of `indexed`, in the records and between them, writes
-// those anew that stand between, and cuts off what follows the last readable
-// record where the lengths lead no further. What stays is synced, its name too.
-std::optional<RepairedFile> repair_block_file(const std::string& path, const std::set<uint256>& indexed);
+// Looks for every block of `indexed` (hash and height), in the records and between
+// them, writes those anew that stand between, and cuts off what follows the last
+// readable record where the lengths lead no further. A record whose height only
+// is wrong stays where it is. What stays is synced, its name too.
+std::optional<RepairedFile> repair_block_file(const std::string& path, const std::map<uint256, uint32_t>& indexed);
 
 }  // namespace norvel

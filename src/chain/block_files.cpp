@@ -53,16 +53,22 @@ bool finish_walk(const RecordWalk& walk, const std::string& path) {
   return true;
 }
 
-// The first readable record with this hash.
-std::optional<Block> read_block(const OpenedFile& file, const FilePositions& positions, const uint256& hash) {
+// What a look-up asks for; without a height, any.
+struct Wanted {
+  uint256 hash;
+  std::optional<uint32_t> height;
+};
+
+// The block of the first readable record of it.
+std::optional<Block> read_block(const OpenedFile& file, const FilePositions& positions, const Wanted& wanted) {
   FileWindow window(file.fd(), file.bytes);
   for (const RecordPosition& record : positions.records) {
-    if (record.hash != hash) {
+    if (record.hash != wanted.hash) {
       continue;
     }
     const auto bytes = window.read(record.offset + kRecordPrefixBytes, record.block_bytes);
     auto block = bytes ? read_record(*bytes) : std::nullopt;
-    if (block && block->get_hash() == hash) {
+    if (block && block->get_hash() == wanted.hash && block->height == wanted.height.value_or(block->height)) {
       return block;
     }
   }
@@ -76,14 +82,22 @@ struct BlockFiles::State {
 
   std::string path_of(const std::string& file_name) const { return directory + "/" + file_name; }
 
+  // False, and a line, for a file that is shorter than this run left it, or gone.
+  bool check_not_shorter(const std::string& file_name) const;
+
   // Makes the file one that a record can be appended to: as append() says.
   bool prepare(const std::string& file_name, const IsIndexed& is_indexed);
   bool cut_if_not_indexed(const OpenedFile& file, const std::string& file_name, const IsIndexed& is_indexed);
 
+  std::optional<Block> load(const std::string& file_name, const Wanted& wanted);
+
   const std::string directory;
   BlockAppendLog log;
   PositionCache positions;
-  std::map<std::string, uint64_t> walked_bytes;  // by file name: a walk in this run ended there, at the file's end
+
+  // By file name: where a walk in this run, or an append behind it, ended, which
+  // was the file's end. Any other size means that the file is not as it was left.
+  std::map<std::string, uint64_t> walked_bytes;
 };
 
 std::string block_file_name(uint32_t height) {
@@ -107,6 +121,9 @@ bool BlockFiles::append(const Block& block, const IsIndexed& is_indexed) {
     console::error_line("[Blockchain] ERROR: Block too large for a block file: " + std::to_string(block_bytes));
     return false;
   }
+  if (!state_->check_not_shorter(name)) {
+    return false;
+  }
   auto file_bytes = state_->log.open(path, record.size());
   if (!file_bytes) {
     return false;
@@ -126,15 +143,32 @@ bool BlockFiles::append(const Block& block, const IsIndexed& is_indexed) {
     state_->walked_bytes[name] = *file_bytes + kRecordPrefixBytes + block_bytes;
     state_->positions.note_appended(path, *file_bytes,
                                     {block.header.get_hash(), *file_bytes, static_cast<uint32_t>(block_bytes)});
-  } else if (result == BlockAppendLog::Result::TORN) {
-    state_->walked_bytes.erase(name);
   }
   return result == BlockAppendLog::Result::DONE;
 }
 
+bool BlockFiles::State::check_not_shorter(const std::string& file_name) const {
+  const auto walked = walked_bytes.find(file_name);
+  if (walked == walked_bytes.end()) {
+    return true;
+  }
+  const std::string path = path_of(file_name);
+  std::error_code failure;
+  const uint64_t bytes = std::filesystem::file_size(path, failure);  // not of a descriptor that may outlive the name
+  if (failure) {
+    console::error_line("[Blockchain] ERROR: Block file " + path + " is gone (" + failure.message() +
+                        "); its disk may have been unmounted");
+    return false;
+  }
+  if (bytes < walked->second) {
+    console::error_line("[Blockchain] ERROR: Block file " + path + " has become shorter; a restart mends it");
+    return false;
+  }
+  return true;
+}
+
 bool BlockFiles::State::prepare(const std::string& file_name, const IsIndexed& is_indexed) {
   const std::string path = path_of(file_name);
-  walked_bytes.erase(file_name);
   const auto file = open_block_file(path, O_RDWR);
   if (!file) {
     return false;
@@ -189,14 +223,22 @@ bool BlockFiles::sync() {
   return state_->log.sync();
 }
 
-std::optional<Block> BlockFiles::load(const std::string& file_name, const uint256& hash) {
-  const std::string path = state_->path_of(file_name);
+std::optional<Block> BlockFiles::load(const std::string& file_name, const uint256& hash, uint32_t height) {
+  return state_->load(file_name, {hash, height});
+}
+
+std::optional<Block> BlockFiles::load_any(const std::string& file_name, const uint256& hash) {
+  return state_->load(file_name, {hash, std::nullopt});
+}
+
+std::optional<Block> BlockFiles::State::load(const std::string& file_name, const Wanted& wanted) {
+  const std::string path = path_of(file_name);
   const auto file = open_block_file(path, O_RDONLY);
   if (!file) {
     return std::nullopt;
   }
-  if (const FilePositions* known = state_->positions.find(path, file->bytes)) {
-    if (auto block = read_block(*file, *known, hash)) {
+  if (const FilePositions* known = positions.find(path, file->bytes)) {
+    if (auto block = read_block(*file, *known, wanted)) {
       return block;
     }
   }
@@ -205,12 +247,14 @@ std::optional<Block> BlockFiles::load(const std::string& file_name, const uint25
   if (!read) {
     return std::nullopt;
   }
-  const FilePositions* positions = state_->positions.store(path, std::move(*read));
-  auto block = read_block(*file, *positions, hash);
-  if (!block && positions->end == WalkEnd::TOO_LONG) {
-    report_length(positions->last_length);
+  const FilePositions* now = positions.store(path, std::move(*read));
+  auto block = read_block(*file, *now, wanted);
+  if (!block && now->end == WalkEnd::TOO_LONG) {
+    report_length(now->last_length);
   } else if (!block) {
-    console::error_line("[Blockchain] ERROR: No readable record of block " + hash.to_hex() + " in " + path);
+    const std::string height = wanted.height ? " at height " + std::to_string(*wanted.height) : "";
+    console::error_line("[Blockchain] ERROR: No readable record of block " + wanted.hash.to_hex() + height + " in " +
+                        path);
   }
   return block;
 }
@@ -280,7 +324,8 @@ bool BlockFiles::exists(const std::string& file_name) const {
   return std::filesystem::is_regular_file(state_->path_of(file_name), failure);
 }
 
-std::optional<std::vector<uint256>> BlockFiles::repair(const std::string& file_name, const std::set<uint256>& indexed) {
+std::optional<std::vector<uint256>> BlockFiles::repair(const std::string& file_name,
+                                                       const std::map<uint256, uint32_t>& indexed) {
   const std::string path = state_->path_of(file_name);
   if (!is_block_file_name(file_name)) {
     console::error_line("[Blockchain] ERROR: Not the name of a block file: " + console::printable(file_name));

@@ -2,8 +2,8 @@
 // chain/block_record.h), no more than a thousand heights a file.
 //
 // Results of a look-up are those of reading the file from its start: the first
-// record whose block has the hash. Positions of records are remembered for the
-// files used last, so that a look-up reads one record only.
+// readable record of the block asked for. Positions of records are remembered for
+// the files used last, so that a look-up reads one record only.
 //
 // Durability: append() leaves the bytes to the system; sync() puts them, and the
 // names of new files, on disk. After a failed sync, which may drop what it did not
@@ -18,9 +18,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -48,17 +48,24 @@ class BlockFiles {
   // file that does not open "[Blockchain] ERROR: Failed to open block file for
   // writing: " and the path) and returns false, with the file as it was. A file
   // that repair() has not seen is walked first; where indexed blocks stand in or
-  // behind damage the append is refused, a tail without one is cut off.
+  // behind damage the append is refused, a tail without one is cut off. A file
+  // that is shorter than this run left it, or gone, refuses the append too: it is
+  // not made anew, as its disk may have been unmounted.
   bool append(const Block& block, const IsIndexed& is_indexed);
 
   // Everything appended so far is on disk when this returns true. What failed to
   // sync is tried again by the next call.
   bool sync();
 
-  // The block of the first record with this hash in `file_name`. A record that
-  // does not decode or whose body does not match its Merkle root counts as
-  // unreadable and the next one is tried. Prints what stopped it.
-  std::optional<Block> load(const std::string& file_name, const uint256& hash);
+  // The block of the first record with this hash and height in `file_name`. A
+  // record that does not decode, whose body does not match its Merkle root or
+  // whose height is another one (no hash binds it) counts as unreadable and the
+  // next one is tried. Prints what stopped it.
+  std::optional<Block> load(const std::string& file_name, const uint256& hash, uint32_t height);
+
+  // The block of the first readable record with this hash, whatever its height.
+  // Prints as load() does.
+  std::optional<Block> load_any(const std::string& file_name, const uint256& hash);
 
   // The record at `record_index` of the file at `path`, by lengths alone.
   static std::optional<Block> load_from_file(const std::string& path, size_t record_index);
@@ -71,18 +78,17 @@ class BlockFiles {
   std::vector<std::string> list() const;
   bool exists(const std::string& file_name) const;
 
-  // Walks one file at start-up. Blocks of `indexed` (the hashes that the index
-  // names for it) that the walk does not reach are searched for behind the
-  // damage, and the file is then written anew: what stood before the damage, then
-  // what was found. Where the lengths lead no further, what follows the last
-  // readable record is copied to FILE.cut, reported with file and offset, and cut
-  // off. The file is on disk then. Returns the hashes of `indexed` that remain
-  // lost, those with no readable record; nothing when the file cannot be read or
-  // mended. O(file).
-  std::optional<std::vector<uint256>> repair(const std::string& file_name, const std::set<uint256>& indexed);
+  // Walks one file at start-up. Blocks of `indexed` (hashes and heights that the
+  // index names for it) that the walk does not reach, or reaches with another
+  // height only, are searched for in the damage; where some are found, the file is
+  // written anew: what stood before the damage, then what was found. Where the lengths lead no further, what follows
+  // the last readable record is copied to FILE.cut, reported with file and offset, and cut off. The file is on disk
+  // then. Returns the hashes of `indexed` that remain lost, those that load() would not find; nothing when the file
+  // cannot be read or mended. O(file).
+  std::optional<std::vector<uint256>> repair(const std::string& file_name, const std::map<uint256, uint32_t>& indexed);
 
-  // Calls `visit` for each readable record of the file in order; `visit` returns
-  // false to end. False when the file cannot be opened or read. Only what repair()
+  // Calls `visit` for each readable record of the file in order, whatever its
+  // height; `visit` returns false to end. False when the file cannot be opened or read. Only what repair()
   // or sync() saw is sure to be on disk.
   bool for_each_block(const std::string& file_name, const std::function<bool(const Block&)>& visit);
 

@@ -100,6 +100,11 @@ std::vector<uint256> BlockTree::assign(const BlockIndexMap& index) {
   std::vector<uint256> unlinked;
   for (const BlockIndex* entry : sorted_by_height(index)) {
     const BlockIndex* parent = entry->height == 0 ? nullptr : find(entry->prev_hash);
+    // A name that no block file has would be one that is always missing.
+    if (entry->file_name != block_file_name(entry->height)) {
+      unlinked.push_back(entry->hash);
+      continue;
+    }
     const bool linked = entry->height == 0 ? entry->prev_hash.is_zero() && index_.empty()
                                            : parent != nullptr && entry->height - 1 == parent->height;
     if (!linked) {

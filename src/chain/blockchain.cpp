@@ -28,8 +28,20 @@ Blockchain::WriteScope::~WriteScope() {
   }
 }
 
+namespace {
+
+std::string without_trailing_slashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') {
+    path.pop_back();
+  }
+  return path;
+}
+
+}  // namespace
+
 Blockchain::Blockchain(std::string data_directory, ChainOptions options)
-    : directory_(std::move(data_directory)),
+    : directory_(without_trailing_slashes(std::move(data_directory))),
+      rebuild_marker_(directory_ + "/" + kRebuildMarker),
       options_(options),
       verified_(options.verified_input_count),
       files_(directory_),
@@ -58,9 +70,8 @@ void Blockchain::drain_events() {
     for (; PoolEvent* event = events_.front(); events_.pop_front()) {
       tell(*event);
     }
-  } catch (const std::exception& failure) {
+  } catch (const std::exception&) {
     // Out of memory: the event stays and is told with the next one.
-    console::error_line(std::string("[Blockchain] WARNING: The pool could not be told of a block: ") + failure.what());
   }
 }
 

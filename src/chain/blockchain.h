@@ -106,7 +106,7 @@ class Blockchain {
   Blockchain(const Blockchain&) = delete;
   Blockchain& operator=(const Blockchain&) = delete;
 
-  // Opens the directory, creating it (mode 0700) and the genesis block when it
+  // To be called once. Opens the directory, creating it (mode 0700) and the genesis block when it
   // is new, and comes back to the state that was. False when another process
   // uses the directory, a block file is missing, the disk fails, or a stop was
   // requested; `error` then says which.
@@ -255,7 +255,7 @@ class Blockchain {
   void note_failure(const Failure& failure, const std::string& refusal) REQUIRES(mutex_);
   void try_heaviest_branch() REQUIRES(mutex_);
   void refuse_for_depth(const uint256& tip_hash, const std::string& reason) REQUIRES(mutex_);
-  void declare_broken(const std::string& reason) REQUIRES(mutex_);
+  void declare_broken() REQUIRES(mutex_);
 
   // ---- Storage (blockchain_storage.cpp)
   bool write_state() REQUIRES(mutex_);
@@ -270,12 +270,14 @@ class Blockchain {
   bool check_block_files(std::string& error) REQUIRES(mutex_);
   bool repair_recent_files(std::string& error) REQUIRES(mutex_);
   void add_unindexed_blocks(const std::vector<std::string>& file_names) REQUIRES(mutex_);
-  bool index_stored_block(const uint256& hash, const std::string& file_name) REQUIRES(mutex_);
+  bool repair_file(const std::string& file_name, std::string& error) REQUIRES(mutex_);
+  bool index_stored_block(const uint256& hash, const std::string& file_name, uint32_t height) REQUIRES(mutex_);
   bool create_genesis(std::string& error) REQUIRES(mutex_);
   bool activate(std::string& error) REQUIRES(mutex_);
   std::optional<Failure> activate_branch(const uint256& tip_hash) REQUIRES(mutex_);
   std::optional<Failure> replay_from_best_start(const std::vector<uint256>& path) REQUIRES(mutex_);
   std::optional<uint256> read_snapshot_tip() const REQUIRES(mutex_);
+  bool read_snapshot(SnapshotData& data, std::string& reason) const REQUIRES(mutex_);
   bool restore_snapshot(const std::vector<uint256>& path, std::string& reason) REQUIRES(mutex_);
   void try_saved_alternatives() REQUIRES(mutex_);
   bool finish_start(std::string& error) REQUIRES(mutex_);
@@ -287,6 +289,7 @@ class Blockchain {
   void tell(PoolEvent& event) REQUIRES(drain_mutex_) EXCLUDES(mutex_);
 
   const std::string directory_;
+  const std::string rebuild_marker_;  // path
   const ChainOptions options_;
   PoolSink* sink_ = nullptr;  // set before other threads use the chain
 

@@ -32,6 +32,16 @@ std::string to_hex(uint32_t bits) {
   return text;
 }
 
+// What a step threw, as far as memory lasts for a text.
+void set_error(std::string& error, const std::exception& failure) noexcept {
+  try {
+    error = "Block could not be processed: ";
+    error += failure.what();
+  } catch (const std::exception&) {
+    error.clear();
+  }
+}
+
 uint64_t steady_seconds() {
   const auto since_start = std::chrono::steady_clock::now().time_since_epoch();
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
@@ -51,8 +61,8 @@ bool Blockchain::add_block(const Block& block, std::string& error, BlockReport& 
     const MutexLock lock(mutex_);
     accepted = accept(block, error, report);
   } catch (const std::exception& failure) {
-    error = std::string("Block could not be processed: ") + failure.what();
     report.fate = BlockFate::INCIDENT;
+    set_error(error, failure);
   }
   drain_events();
   return accepted;

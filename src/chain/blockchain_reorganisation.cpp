@@ -90,11 +90,11 @@ std::optional<Blockchain::Failure> Blockchain::reorganise(const uint256& tip_has
     note_failure(*failure, refusal);
     return Failure{refusal, failure->fate};
   }
-  broken_ = true;
+  declare_broken();
   const std::string reason = "candidate branch invalid (" + failure->reason +
                              ") AND failed to restore previous chain: " + second->reason +
                              " — restart the node to rebuild state from disk";
-  declare_broken(reason);
+  console::error_line("[Blockchain] CRITICAL: " + reason);
   return Failure{reason};
 }
 
@@ -320,12 +320,11 @@ void Blockchain::refuse_for_depth(const uint256& tip_hash, const std::string& re
 }
 
 // The state is lost: nothing is made from it any more, and the next start
-// rebuilds it from the block files.
-void Blockchain::declare_broken(const std::string& reason) {
+// rebuilds it from the block files. Needs no memory.
+void Blockchain::declare_broken() {
   broken_ = true;
-  console::error_line("[Blockchain] CRITICAL: " + reason);
-  if (!open_file(directory_ + "/" + kRebuildMarker, O_WRONLY | O_CREAT).is_open() || !sync_directory(directory_)) {
-    console::error_line("[Blockchain] ERROR: Cannot write " + directory_ + "/" + kRebuildMarker);
+  if (!open_file(rebuild_marker_, O_WRONLY | O_CREAT).is_open() || !sync_directory(directory_)) {
+    console::error_line("[Blockchain] ERROR: Cannot write the file rebuild-needed");
   }
 }
 

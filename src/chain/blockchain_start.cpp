@@ -61,7 +61,7 @@ bool Blockchain::open_directory(std::string& error) {
   if (flock(directory_lock_.get(), LOCK_EX | LOCK_NB) != 0) {
     return fail(error, "Data directory " + directory_ + " is in use by another process");
   }
-  rebuilding_ = options_.rebuild || std::filesystem::exists(directory_ + "/" + kRebuildMarker, failure);
+  rebuilding_ = options_.rebuild || std::filesystem::exists(rebuild_marker_, failure);
   return true;
 }
 
@@ -92,6 +92,11 @@ bool Blockchain::load_index(std::string& error) {
 // A missing file may be on a disk that is not mounted, so nothing is dropped for it.
 bool Blockchain::check_block_files(std::string& error) {
   std::set<std::string> names;
+  // Without an index too: files are made in the order of heights.
+  const std::vector<std::string> present = files_.list();
+  for (size_t i = 0; i < present.size(); ++i) {
+    names.insert(block_file_name(static_cast<uint32_t>(i) * kHeightsPerFile));
+  }
   for (const auto& [hash, entry] : tree_.all()) {
     names.insert(entry.file_name);
   }
@@ -110,8 +115,11 @@ bool Blockchain::create_genesis(std::string& error) {
     return fail(error, "Data directory " + directory_ + " belongs to another chain");
   }
   const std::string file_name = block_file_name(0);
-  const bool stored =
-      files_.exists(file_name) && files_.record_bytes(file_name, hash) != 0 && files_.load(file_name, hash).has_value();
+  const bool stored = files_.exists(file_name) && files_.record_bytes(file_name, hash) != 0 &&
+                      files_.load(file_name, hash, 0).has_value();
+  if (!stored && files_.exists(file_name) && !repair_file(file_name, error)) {
+    return false;
+  }
   if (!stored && !append_block(genesis)) {
     return fail(error, "Failed to save block to disk");
   }
@@ -123,29 +131,43 @@ bool Blockchain::create_genesis(std::string& error) {
 
 bool Blockchain::repair_recent_files(std::string& error) {
   uint32_t top = 0;
-  std::map<std::string, std::set<uint256>> indexed;
   for (const auto& [hash, entry] : tree_.all()) {
     top = std::max(top, entry.height);
-    indexed[entry.file_name].insert(hash);
   }
-  // Names ascend with the heights. Without an index every file is recent.
-  const std::string first = block_file_name(top > kWalkedHeights ? top - kWalkedHeights : 0);
+  // Without an index every file is recent. The list ascends by number, without gaps.
   std::vector<std::string> recent = files_.list();
-  std::erase_if(recent, [&](const std::string& name) { return name < first; });
+  const size_t old_count = (top > kWalkedHeights ? top - kWalkedHeights : 0) / kHeightsPerFile;
+  recent.erase(recent.begin(), recent.begin() + static_cast<std::ptrdiff_t>(std::min(old_count, recent.size())));
   for (const std::string& name : recent) {
-    if (stop_) {
-      return fail(error, "Node is stopping");
+    if (!repair_file(name, error)) {
+      return false;
     }
-    const auto lost = files_.repair(name, indexed[name]);
-    if (!lost) {
-      return fail(error, "Block file " + directory_ + "/" + name + " cannot be read");
+  }
+  add_unindexed_blocks(recent);
+  return true;
+}
+
+bool Blockchain::repair_file(const std::string& file_name, std::string& error) {
+  if (stop_) {
+    return fail(error, "Node is stopping");
+  }
+  std::map<uint256, uint32_t> indexed;
+  for (const auto& [hash, entry] : tree_.all()) {
+    if (entry.file_name == file_name) {
+      indexed.emplace(hash, entry.height);
     }
-    for (const uint256& hash : *lost) {
+  }
+  const auto lost = files_.repair(file_name, indexed);
+  if (!lost) {
+    return fail(error, "Block file " + directory_ + "/" + file_name + " cannot be read");
+  }
+  for (const uint256& hash : *lost) {
+    // The genesis block is known without its file.
+    if (tree_.find(hash) != nullptr && tree_.find(hash)->height != 0) {
       console::error_line("[Blockchain] Block " + hash.to_hex() + " is lost and will be fetched again");
       drop_branch(hash);
     }
   }
-  add_unindexed_blocks(recent);
   return true;
 }
 
@@ -165,7 +187,10 @@ void Blockchain::add_unindexed_blocks(const std::vector<std::string>& file_names
       }
     });
     for (const uint256& hash : unknown) {
-      if (const auto block = files_.load(name, hash)) {
+      if (stop_) {
+        return;
+      }
+      if (const auto block = files_.load_any(name, hash)) {
         found.push_back({block->height, hash, name});
       }
     }
@@ -173,15 +198,15 @@ void Blockchain::add_unindexed_blocks(const std::vector<std::string>& file_names
   std::stable_sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.height < b.height; });
   size_t added = 0;
   for (const Found& record : found) {
-    added += !stop_ && index_stored_block(record.hash, record.file_name) ? 1 : 0;
+    added += !stop_ && index_stored_block(record.hash, record.file_name, record.height) ? 1 : 0;
   }
   if (added > 0) {
     console::write_out("[Blockchain] " + std::to_string(added) + " block(s) of the block files added to the index\n");
   }
 }
 
-bool Blockchain::index_stored_block(const uint256& hash, const std::string& file_name) {
-  const std::optional<Block> block = files_.load(file_name, hash);
+bool Blockchain::index_stored_block(const uint256& hash, const std::string& file_name, uint32_t height) {
+  const std::optional<Block> block = files_.load(file_name, hash, height);
   const BlockIndex* parent = block ? tree_.find(block->header.prev_hash) : nullptr;
   std::string reason;
   if (parent == nullptr || block->height != uint64_t{parent->height} + 1 ||
@@ -189,8 +214,10 @@ bool Blockchain::index_stored_block(const uint256& hash, const std::string& file
       block->header.bits != tree_.expected_child_bits(parent->hash, consensus::RetargetReport::SILENT)) {
     return false;
   }
-  BlockIndex entry = BlockTree::make_entry(*block, parent);
-  entry.file_name = file_name;
+  const BlockIndex entry = BlockTree::make_entry(*block, parent);
+  if (entry.file_name != file_name) {
+    return false;  // in a file where nobody would look for it
+  }
   insert_entry(entry);
   return true;
 }
@@ -259,7 +286,7 @@ bool Blockchain::finish_start(std::string& error) {
   }
   if (rebuilding_) {
     std::error_code failure;
-    if (!write_snapshot() || (!std::filesystem::remove(directory_ + "/" + kRebuildMarker, failure) && failure)) {
+    if (!write_snapshot() || (!std::filesystem::remove(rebuild_marker_, failure) && failure)) {
       return fail(error, "The rebuilt state cannot be written to " + directory_);
     }
     rebuilding_ = false;
@@ -311,24 +338,26 @@ std::optional<Blockchain::Failure> Blockchain::replay_from_best_start(const std:
 }
 
 std::optional<uint256> Blockchain::read_snapshot_tip() const {
-  const auto file = read_whole_file(directory_ + "/" + kSnapshotFile, std::numeric_limits<uint64_t>::max());
   SnapshotData data;
   std::string reason;
-  return file && decode_snapshot(*file, data, reason) ? std::optional(data.header.tip_hash) : std::nullopt;
+  return !rebuilding_ && read_snapshot(data, reason) ? std::optional(data.header.tip_hash) : std::nullopt;
+}
+
+bool Blockchain::read_snapshot(SnapshotData& data, std::string& reason) const {
+  try {
+    const auto file = read_whole_file(directory_ + "/" + kSnapshotFile, std::numeric_limits<uint64_t>::max());
+    return file ? decode_snapshot(*file, data, reason) : fail(reason, "no snapshot file");
+  } catch (const std::exception&) {
+    return fail(reason, "no snapshot file");  // too large to be read whole
+  }
 }
 
 // Makes the snapshot the state when its tip lies on `path`; otherwise the state
 // is left alone and `reason` says why.
 bool Blockchain::restore_snapshot(const std::vector<uint256>& path, std::string& reason) {
   SnapshotData data;
-  {
-    const auto file = read_whole_file(directory_ + "/" + kSnapshotFile, std::numeric_limits<uint64_t>::max());
-    if (!file) {
-      return fail(reason, "no snapshot file");
-    }
-    if (!decode_snapshot(*file, data, reason)) {
-      return false;
-    }
+  if (!read_snapshot(data, reason)) {
+    return false;
   }
   const uint32_t height = data.header.tip_height;
   if (height >= path.size() || path[height] != data.header.tip_hash) {

@@ -36,7 +36,7 @@ std::optional<Block> Blockchain::load_block(const uint256& hash) const {
     console::error_line("[Blockchain] Block hash not found in index: " + hash.to_hex());
     return std::nullopt;
   }
-  return files_.load(entry->file_name, hash);
+  return files_.load(entry->file_name, hash, entry->height);
 }
 
 std::optional<Block> Blockchain::load_block_from_file(const std::string& path, size_t record_index) const {
@@ -95,13 +95,13 @@ bool Blockchain::load_state() {
   }
   const std::vector<uint256> active = tree_.active();
   for (const uint256& hash : active) {
-    if (content.index.emplace(hash, *tree_.find(hash)).second) {
-      unsaved_.insert(hash);
-    }
+    unsaved_.insert(hash);
+    content.index.insert_or_assign(hash, *tree_.find(hash));
   }
   for (const uint256& hash : tree_.assign(content.index)) {
     dropped_.insert(hash);
   }
+  std::erase_if(dropped_, [this](const uint256& hash) REQUIRES(mutex_) { return tree_.find(hash) != nullptr; });
   std::erase_if(unsaved_, [this](const uint256& hash) REQUIRES(mutex_) { return tree_.find(hash) == nullptr; });
   tree_.set_active(active);
   return true;

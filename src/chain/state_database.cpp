@@ -92,10 +92,13 @@ bool StateDatabase::open_for_writing(std::unique_ptr<leveldb::DB>& db) {
   std::error_code failure;
   const bool has_database = std::filesystem::exists(path_ + kCurrentFile, failure);
   // A new database would read the logs that a lost one left.
-  if (!has_database && !failure && std::filesystem::exists(path_, failure) &&
-      !std::filesystem::is_empty(path_, failure) && !set_aside()) {
+  const bool is_there = std::filesystem::exists(path_, failure);
+  const bool is_clean =
+      is_there && std::filesystem::is_directory(path_, failure) && std::filesystem::is_empty(path_, failure);
+  if (!has_database && is_there && !is_clean && !failure && !set_aside()) {
     return false;
   }
+  is_name_durable_ = is_name_durable_ && has_database;
   const leveldb::Status status = open_database(path_, true, db);
   return status.ok() || fail(kOpenFailed, status.ToString());
 }

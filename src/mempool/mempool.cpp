@@ -1,6 +1,8 @@
 #include "mempool/mempool.h"
 
+#include <algorithm>
 #include <exception>
+#include <limits>
 
 #include "core/clock.h"
 #include "mempool/mempool_selection.h"
@@ -30,6 +32,12 @@ MempoolEntry make_entry(const Transaction& tx, int64_t fee, uint64_t size) {
   return entry;
 }
 
+// Whether the lock time can keep the transaction out of a block.
+bool is_time_locked(const Transaction& tx) {
+  return tx.locktime != 0 && std::any_of(tx.inputs.begin(), tx.inputs.end(),
+                                         [](const TxIn& input) { return input.sequence != kSequenceFinal; });
+}
+
 }  // namespace
 
 Mempool::Mempool(size_t max_size) : max_size_(max_size) {}
@@ -42,7 +50,7 @@ bool Mempool::add_transaction(const Transaction& tx, int64_t fee, std::string& e
 bool Mempool::admit(const Transaction& tx, int64_t fee, std::string& error) {
   const uint256 txid = tx.get_txid();
   if (entries_.contains(txid)) {
-    error = "Transaction already in mempool";
+    error = kAlreadyInPool;
     return false;
   }
   if (tx.type == TransactionType::COINBASE) {
@@ -74,48 +82,52 @@ void Mempool::evict_cheapest() {
     return;
   }
   const uint256 victim = by_fee_rate_.begin()->second;
-  if (!children_of(victim).empty()) {
+  if (has_children(victim)) {
     evicted_.push_back(victim);
   }
   remove(victim);
 }
 
 void Mempool::insert(const uint256& txid, MempoolEntry entry) {
-  for (const TxIn& input : entry.tx.inputs) {
-    spenders_.emplace(input.prevout, txid);
+  const auto added = entries_.emplace(txid, std::move(entry)).first;
+  const MempoolEntry& kept = added->second;
+  total_size_ += kept.size;
+  try {
+    for (const TxIn& input : kept.tx.inputs) {
+      spenders_.emplace(input.prevout, txid);
+    }
+    by_fee_rate_.emplace(kept.fee_rate, txid);
+    if (is_time_locked(kept.tx)) {
+      time_locked_.emplace(kept.tx.locktime, txid);
+    }
+  } catch (...) {
+    unindex(txid, kept);
+    entries_.erase(added);
+    throw;
   }
-  by_fee_rate_.emplace(entry.fee_rate, txid);
-  if (entry.tx.locktime != 0) {
-    time_locked_.insert(txid);
-  }
-  total_size_ += entry.size;
-  entries_.emplace(txid, std::move(entry));
 }
 
-void Mempool::erase(Entries::iterator found) {
-  const auto& [txid, entry] = *found;
+// Takes an entry out of everything but the entries themselves.
+void Mempool::unindex(const uint256& txid, const MempoolEntry& entry) {
   for (const TxIn& input : entry.tx.inputs) {
     spenders_.erase(input.prevout);
   }
   by_fee_rate_.erase({entry.fee_rate, txid});
-  time_locked_.erase(txid);
+  time_locked_.erase({entry.tx.locktime, txid});
   total_size_ -= entry.size;
-  entries_.erase(found);
 }
 
 void Mempool::remove(const uint256& txid) {
   const auto found = entries_.find(txid);
   if (found != entries_.end()) {
-    erase(found);
+    unindex(txid, found->second);
+    entries_.erase(found);
   }
 }
 
-std::set<uint256> Mempool::children_of(const uint256& txid) const {
-  std::set<uint256> children;
-  for (auto spent = spenders_.lower_bound({txid, 0}); spent != spenders_.end() && spent->first.txid == txid; ++spent) {
-    children.insert(spent->second);
-  }
-  return children;
+bool Mempool::has_children(const uint256& txid) const {
+  const auto spent = spenders_.lower_bound({txid, 0});
+  return spent != spenders_.end() && spent->first.txid == txid;
 }
 
 void Mempool::remove_transaction(const uint256& txid) {
@@ -133,15 +145,15 @@ void Mempool::remove_block_transactions(const Block& block) {
 size_t Mempool::remove_with_descendants(const uint256& txid) {
   const MutexLock lock(mutex_);
   const size_t count_before = entries_.size();
-  std::vector<uint256> doomed{txid};
+  Entries doomed;  // takes the nodes over, which needs no memory
+  doomed.insert(entries_.extract(txid));
   while (!doomed.empty()) {
-    const auto found = entries_.find(doomed.back());
-    doomed.pop_back();
-    if (found != entries_.end()) {
-      const std::set<uint256> children = children_of(found->first);
-      doomed.insert(doomed.end(), children.begin(), children.end());
-      erase(found);
+    const auto next = doomed.extract(doomed.begin());
+    const uint256& id = next.key();
+    for (auto spent = spenders_.lower_bound({id, 0}); spent != spenders_.end() && spent->first.txid == id; ++spent) {
+      doomed.insert(entries_.extract(spent->second));  // nothing, where it is doomed already
     }
+    unindex(id, next.mapped());
   }
   return count_before - entries_.size();
 }
@@ -218,13 +230,40 @@ uint64_t Mempool::size_bytes() const {
   return total_size_;
 }
 
-std::optional<TxOut> Mempool::get_output(const OutPoint& outpoint) const {
+bool Mempool::has_transaction(const uint256& txid) const {
   const MutexLock lock(mutex_);
+  return entries_.contains(txid);
+}
+
+const TxOut* Mempool::find_output(const OutPoint& outpoint) const {
   const auto found = entries_.find(outpoint.txid);
   if (found == entries_.end() || outpoint.index >= found->second.tx.outputs.size()) {
-    return std::nullopt;
+    return nullptr;
   }
-  return found->second.tx.outputs[outpoint.index];
+  return &found->second.tx.outputs[outpoint.index];
+}
+
+bool Mempool::has_output(const OutPoint& outpoint) const {
+  const MutexLock lock(mutex_);
+  return find_output(outpoint) != nullptr;
+}
+
+std::optional<TxOut> Mempool::get_output(const OutPoint& outpoint) const {
+  const MutexLock lock(mutex_);
+  const TxOut* output = find_output(outpoint);
+  return output == nullptr ? std::nullopt : std::optional(*output);
+}
+
+std::vector<OutPoint> Mempool::get_prevouts(const uint256& txid) const {
+  const MutexLock lock(mutex_);
+  std::vector<OutPoint> prevouts;
+  if (const auto found = entries_.find(txid); found != entries_.end()) {
+    prevouts.reserve(found->second.tx.inputs.size());
+    for (const TxIn& input : found->second.tx.inputs) {
+      prevouts.push_back(input.prevout);
+    }
+  }
+  return prevouts;
 }
 
 std::optional<uint256> Mempool::get_spender(const OutPoint& outpoint) const {
@@ -235,18 +274,49 @@ std::optional<uint256> Mempool::get_spender(const OutPoint& outpoint) const {
 
 std::vector<uint256> Mempool::get_children(const uint256& txid) const {
   const MutexLock lock(mutex_);
-  const std::set<uint256> children = children_of(txid);
+  std::set<uint256> children;
+  for (auto spent = spenders_.lower_bound({txid, 0}); spent != spenders_.end() && spent->first.txid == txid; ++spent) {
+    children.insert(spent->second);
+  }
   return {children.begin(), children.end()};
 }
 
-std::vector<uint256> Mempool::get_time_locked() const {
+std::vector<uint256> Mempool::get_txids() const {
   const MutexLock lock(mutex_);
-  return {time_locked_.begin(), time_locked_.end()};
+  std::vector<uint256> txids;
+  txids.reserve(entries_.size());
+  for (const auto& [txid, entry] : entries_) {
+    txids.push_back(txid);
+  }
+  return txids;
 }
 
-std::vector<uint256> Mempool::take_evicted() {
+// Lock times below the threshold are heights, from it on times; either holds a
+// transaction back until it is below what a block has.
+std::vector<uint256> Mempool::get_not_final(uint32_t height, uint64_t time) const {
+  const MutexLock lock(mutex_);
+  std::vector<uint256> locked;
+  for (auto at = time_locked_.lower_bound({height, uint256()});
+       at != time_locked_.end() && at->first < kLockTimeThreshold; ++at) {
+    locked.push_back(at->second);
+  }
+  if (time <= std::numeric_limits<uint32_t>::max()) {
+    const auto first = std::max(static_cast<uint32_t>(time), kLockTimeThreshold);
+    for (auto at = time_locked_.lower_bound({first, uint256()}); at != time_locked_.end(); ++at) {
+      locked.push_back(at->second);
+    }
+  }
+  return locked;
+}
+
+std::list<uint256> Mempool::take_evicted() noexcept {
   const MutexLock lock(mutex_);
   return std::exchange(evicted_, {});
+}
+
+void Mempool::put_back_evicted(std::list<uint256> evicted) noexcept {
+  const MutexLock lock(mutex_);
+  evicted_.splice(evicted_.end(), evicted);
 }
 
 }  // namespace norvel

@@ -6,9 +6,13 @@
 //   2. The total size is the sum of the entries' sizes and at most the limit.
 // There is no replacement: of two that conflict the first stays.
 //
-// Cost: admission, eviction, removal and the sweeps are O(log n) for each
-// transaction and outpoint concerned; the selection reads the whole pool and
-// copies what it returns.
+// Cost: admission, eviction, removal and the look-ups are O(log n) for each
+// transaction and outpoint concerned; the selection, the statistics and the
+// search for an address read the whole pool.
+//
+// Errors: refusals are texts. At most std::bad_alloc is thrown; a transaction
+// that was to be added is then not in the pool, though one may have been evicted
+// for it. Removals need no memory.
 //
 // Threads: safe from any thread; one mutex, held for the whole of each operation
 // and calling nothing outside.
@@ -17,6 +21,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <optional>
 #include <set>
@@ -31,6 +36,9 @@
 #include "mempool/mempool_entry.h"
 
 namespace norvel {
+
+// Why a transaction that the pool holds is not added again.
+inline constexpr const char kAlreadyInPool[] = "Transaction already in mempool";
 
 struct MempoolStats {
   uint64_t count = 0;
@@ -47,8 +55,8 @@ class Mempool {
   // Takes a copy of `tx`. When it does not fit, the entry with the lowest fee
   // rate (of equal ones the smallest txid) is evicted first, whatever `tx` pays,
   // and stays evicted even if `tx` is refused after all. Refusals, in this order:
-  // "Transaction already in mempool", "Coinbase transactions not allowed in
-  // mempool", "Input already spent in mempool", "Mempool full".
+  // kAlreadyInPool, "Coinbase transactions not allowed in mempool", "Input already
+  // spent in mempool", "Mempool full".
   bool add_transaction(const Transaction& tx, int64_t fee, std::string& error) EXCLUDES(mutex_);
 
   void remove_transaction(const uint256& txid) EXCLUDES(mutex_);
@@ -73,8 +81,14 @@ class Mempool {
   uint64_t size_bytes() const EXCLUDES(mutex_);
   void clear() EXCLUDES(mutex_);
 
-  // The output that `outpoint` names, if a pool transaction makes it.
+  bool has_transaction(const uint256& txid) const EXCLUDES(mutex_);
+
+  // Whether a pool transaction makes the output that `outpoint` names; a copy of it.
+  bool has_output(const OutPoint& outpoint) const EXCLUDES(mutex_);
   std::optional<TxOut> get_output(const OutPoint& outpoint) const EXCLUDES(mutex_);
+
+  // What the transaction spends, in input order; empty for one not in the pool.
+  std::vector<OutPoint> get_prevouts(const uint256& txid) const EXCLUDES(mutex_);
 
   // The pool transaction that spends `outpoint`.
   std::optional<uint256> get_spender(const OutPoint& outpoint) const EXCLUDES(mutex_);
@@ -82,15 +96,21 @@ class Mempool {
   // Ids of the pool transactions that spend outputs of `txid`, ascending.
   std::vector<uint256> get_children(const uint256& txid) const EXCLUDES(mutex_);
 
-  // Ids of the pool transactions with a lock time other than 0, ascending.
-  std::vector<uint256> get_time_locked() const EXCLUDES(mutex_);
+  // All ids, ascending.
+  std::vector<uint256> get_txids() const EXCLUDES(mutex_);
+
+  // Ids of the pool transactions whose lock time keeps them out of a block of
+  // `height` stamped `time` (seconds), by lock time. Costs what it returns.
+  std::vector<uint256> get_not_final(uint32_t height, uint64_t time) const EXCLUDES(mutex_);
 
   // Removes the transaction and all that spend its outputs, directly or not.
   // Returns how many went.
   size_t remove_with_descendants(const uint256& txid) EXCLUDES(mutex_);
 
-  // Ids evicted for room since the last call that left children behind.
-  std::vector<uint256> take_evicted() EXCLUDES(mutex_);
+  // Ids evicted for room since the last call that left children behind, and back
+  // to where the next call finds them.
+  std::list<uint256> take_evicted() noexcept EXCLUDES(mutex_);
+  void put_back_evicted(std::list<uint256> evicted) noexcept EXCLUDES(mutex_);
 
  private:
   using Entries = std::map<uint256, MempoolEntry>;
@@ -98,19 +118,20 @@ class Mempool {
   bool admit(const Transaction& tx, int64_t fee, std::string& error) REQUIRES(mutex_);
   void evict_cheapest() REQUIRES(mutex_);
   void insert(const uint256& txid, MempoolEntry entry) REQUIRES(mutex_);
-  void erase(Entries::iterator found) REQUIRES(mutex_);
+  void unindex(const uint256& txid, const MempoolEntry& entry) REQUIRES(mutex_);
   void remove(const uint256& txid) REQUIRES(mutex_);
-  std::set<uint256> children_of(const uint256& txid) const REQUIRES(mutex_);
+  const TxOut* find_output(const OutPoint& outpoint) const REQUIRES(mutex_);
+  bool has_children(const uint256& txid) const REQUIRES(mutex_);
 
   const uint64_t max_size_;  // bytes; constant after construction
 
   mutable Mutex mutex_;  // leaf
   Entries entries_ GUARDED_BY(mutex_);
   OutpointSpenders spenders_ GUARDED_BY(mutex_);
-  std::set<std::pair<double, uint256>> by_fee_rate_ GUARDED_BY(mutex_);  // the next to evict first
-  std::set<uint256> time_locked_ GUARDED_BY(mutex_);
-  std::vector<uint256> evicted_ GUARDED_BY(mutex_);  // those that left children behind
-  uint64_t total_size_ GUARDED_BY(mutex_) = 0;       // bytes
+  std::set<std::pair<double, uint256>> by_fee_rate_ GUARDED_BY(mutex_);    // the next to evict first
+  std::set<std::pair<uint32_t, uint256>> time_locked_ GUARDED_BY(mutex_);  // by lock time, where that counts
+  std::list<uint256> evicted_ GUARDED_BY(mutex_);                          // those that left children behind
+  uint64_t total_size_ GUARDED_BY(mutex_) = 0;                             // bytes
 };
 
 }  // namespace norvel

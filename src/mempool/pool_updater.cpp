@@ -1,8 +1,7 @@
 #include "mempool/pool_updater.h"
 
-#include <optional>
-#include <string>
 #include <utility>
+#include <vector>
 
 #include "chain/blockchain.h"
 #include "mempool/mempool.h"
@@ -33,42 +32,39 @@ void PoolUpdater::block_connected(const Block& block) {
 // Children that enter the pool later were checked against a chain without the
 // block, so those that are here now are all.
 void PoolUpdater::block_disconnected(const Block& block) {
-  disconnected_ = true;
+  std::list<Bytes> returned;
+  uint64_t returned_bytes = returned_bytes_;
+  std::set<uint256> bereft;
   for (const Transaction& tx : block.transactions) {
-    if (!pool_.get_children(tx.get_txid()).empty()) {
-      bereft_.push_back(tx.get_txid());
-    }
-    const uint64_t bytes = tx.size();
-    if (is_ordinary(tx) && bytes <= kReturnedBytesMax - returned_bytes_) {
-      returned_bytes_ += bytes;
-      returned_.push_back(tx);
+    const std::vector<uint256> children = pool_.get_children(tx.get_txid());
+    bereft.insert(children.begin(), children.end());
+    Bytes bytes = is_ordinary(tx) ? tx.serialize() : Bytes();
+    const uint64_t cost = bytes.size() + kReturnedOverheadBytes;
+    if (!bytes.empty() && cost <= kReturnedBytesMax - returned_bytes) {
+      bytes.shrink_to_fit();
+      returned_bytes += cost;
+      returned.push_back(std::move(bytes));
     }
   }
+  // From here on nothing fails.
+  returned_.splice(returned_.end(), returned);
+  returned_bytes_ = returned_bytes;
+  bereft_.merge(bereft);
 }
 
 void PoolUpdater::tip_changed() {
-  for (const Transaction& tx : std::exchange(returned_, {})) {
-    std::string reason;
-    int64_t fee = 0;
-    admission_.accept(tx, reason, fee);
+  for (; !returned_.empty(); returned_.pop_front()) {
+    admission_.accept_returned(Transaction::deserialize(returned_.front()));
   }
   returned_bytes_ = 0;
-  for (const uint256& txid : std::exchange(bereft_, {})) {
-    admission_.remove_stranded_children(txid);
+  if (lost_) {
+    const std::vector<uint256> all = pool_.get_txids();
+    bereft_ = {all.begin(), all.end()};
   }
-  if (std::exchange(disconnected_, false)) {
-    remove_not_final();
-  }
-}
-
-// Heights can only become too low again when blocks leave the chain.
-void PoolUpdater::remove_not_final() {
-  for (const uint256& txid : pool_.get_time_locked()) {
-    const std::optional<Transaction> tx = pool_.get_transaction(txid);
-    if (tx && !admission_.is_final_for_next_block(*tx)) {
-      pool_.remove_with_descendants(txid);
-    }
-  }
+  admission_.remove_stranded(bereft_);
+  bereft_.clear();
+  lost_ = false;
+  admission_.remove_not_final();
 }
 
 }  // namespace norvel

@@ -2,27 +2,35 @@
 // those of blocks that left the chain return where they are still valid, and
 // whatever the new state can no longer accept goes, with its descendants.
 //
-// Cost follows the size of the blocks and what hangs on them, not the pool; only
-// after a block left the chain are the time-locked transactions looked through.
+// Cost: for a block, its transactions and what spends their inputs or outputs,
+// O(log n) in the pool for each; for what leaves by its lock time, O(log n) each.
+// Only after block_lost() is the whole pool looked through, once.
+//
+// Errors: std::bad_alloc at most. A call that threw has noted nothing, or keeps
+// what is left to do, so that it is simply made again.
 //
 // Threads: called by the chain, one call at a time.
 
 #pragma once
 
 #include <cstdint>
-#include <vector>
+#include <list>
+#include <set>
 
 #include "chain/pool_sink.h"
-#include "core/transaction.h"
+#include "core/bytes.h"
 #include "core/uint256.h"
 #include "mempool/admission.h"
 
 namespace norvel {
 
-// Bytes of transactions of disconnected blocks that are kept for the pool. The
-// longest reorganisation leaves 720 MB behind; of those the lowest are kept, so
-// that parents come before their children, and the rest is forgotten.
+// Memory for transactions of disconnected blocks on their way to the pool, held
+// serialized: each counts its bytes and kReturnedOverheadBytes for what holds
+// them. The longest reorganisation leaves 720 MB behind; one that does not fit
+// when its turn comes, from the lowest block up, is forgotten, and its children
+// are then refused.
 inline constexpr uint64_t kReturnedBytesMax = 300'000'000;
+inline constexpr uint64_t kReturnedOverheadBytes = 96;
 
 class Blockchain;
 class Mempool;
@@ -38,21 +46,21 @@ class PoolUpdater : public PoolSink {
   void block_disconnected(const Block& block) override;
 
   // Offers the ordinary transactions of disconnected blocks to the pool again,
-  // then removes what stood on outputs that did not come back, and what is not
-  // final any more.
+  // then removes what stood on outputs that did not come back (after
+  // block_lost(), whatever does not stand), and what is not final any more.
   void tip_changed() override;
 
- private:
-  void remove_not_final();
+  void block_lost() override { lost_ = true; }
 
+ private:
   Mempool& pool_;
   TransactionAdmission admission_;
 
-  // Since the last tip_changed(), by height, then position.
-  std::vector<Transaction> returned_;
+  // Since the last tip_changed().
+  std::list<Bytes> returned_;  // serialized, by height, then position
   uint64_t returned_bytes_ = 0;
-  std::vector<uint256> bereft_;  // ids from disconnected blocks that have children in the pool
-  bool disconnected_ = false;
+  std::set<uint256> bereft_;  // pool transactions that spend outputs of disconnected blocks
+  bool lost_ = false;
 };
 
 }  // namespace norvel

@@ -13,6 +13,7 @@ namespace {
 
 constexpr uint8_t kSignBit = 0x80;
 constexpr size_t kDigestCount = 2;
+constexpr size_t kSha256Bytes = 32;
 
 bool any_bit(ByteView bytes) {
   return std::any_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte != 0; });
@@ -176,7 +177,8 @@ ScriptElement ScriptElement::digest(Digest function) const {
 
 size_t ScriptElement::digest_cost(Digest function) const {
   const bool is_kept = size() < 2 || buffer_->digests[static_cast<size_t>(function)] != nullptr;
-  return is_kept ? 0 : size();
+  const size_t inner_bytes = function == Digest::HASH160 ? kSha256Bytes : 0;
+  return is_kept ? 0 : size() + inner_bytes;
 }
 
 ScriptElement ScriptElement::sha256() const {

@@ -63,7 +63,8 @@ class ScriptElement {
   // RIPEMD-160 of their SHA-256, 20 bytes.
   ScriptElement hash160() const;
 
-  // Bytes that the next call of these two hashes: 0 when the digest is kept.
+  // Bytes that the next call of these two hashes, for HASH160 with the 32 of the
+  // inner digest: 0 when the digest is kept.
   size_t sha256_cost() const { return digest_cost(Digest::SHA256); }
   size_t hash160_cost() const { return digest_cost(Digest::HASH160); }
 

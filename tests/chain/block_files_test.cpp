@@ -1,5 +1,6 @@
 #include "chain/block_files.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <random>
 
 #include "chain/genesis.h"
@@ -54,6 +56,7 @@ namespace norvel {
 namespace {
 
 constexpr char kName[] = "blk00000.dat";
+constexpr size_t kHeightAt = 4 + BlockHeader::kSize;  // in a record
 
 bool never(const std::string&, const uint256&) {
   return false;
@@ -87,10 +90,12 @@ class BlockFilesTest : public testing::Test {
  protected:
   static void SetUpTestSuite() { blocks_ = make_branch(make_genesis_block(), 5); }
 
+  // In place, as some file systems sync a file that is cut to nothing first.
   void write(const Bytes& bytes, const std::string& name = kName) const {
-    std::filesystem::remove(directory_ / name);  // some file systems sync a file that is cut to nothing
-    std::ofstream(directory_ / name, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    const std::string path = directory_ / name;
+    const FileDescriptor file = open_file(path, O_WRONLY | O_CREAT);
+    ASSERT_TRUE(file.is_open() && write_all(file.get(), bytes));
+    std::filesystem::resize_file(path, bytes.size());
   }
 
   Bytes read(const std::string& name = kName) const {
@@ -109,16 +114,17 @@ class BlockFilesTest : public testing::Test {
 
   static uint256 hash(size_t i) { return blocks_[i].get_hash(); }
 
-  static std::set<uint256> all_hashes() {
-    std::set<uint256> hashes;
-    for (const Block& block : blocks_) {
-      hashes.insert(block.get_hash());
+  static std::map<uint256, uint32_t> index_of(std::initializer_list<size_t> wanted) {
+    std::map<uint256, uint32_t> indexed;
+    for (const size_t i : wanted) {
+      indexed.emplace(hash(i), blocks_[i].height);
     }
-    return hashes;
+    return indexed;
   }
+  static std::map<uint256, uint32_t> whole_index() { return index_of({0, 1, 2, 3, 4}); }
 
   bool loads(size_t i) {
-    const auto block = files_.load(kName, hash(i));
+    const auto block = files_.load(kName, hash(i), blocks_[i].height);
     return block && block->serialize() == blocks_[i].serialize();
   }
 
@@ -147,16 +153,18 @@ TEST_F(BlockFilesTest, FilesAreNamedByThousandsOfHeights) {
 TEST_F(BlockFilesTest, AppendsRecordsOfLengthAndBlock) {
   Block twin = blocks_[0];
   twin.height = 7;  // not bound by the hash
-  for (const Block& block : {blocks_[0], twin, blocks_[1]}) {
+  for (const Block& block : {twin, blocks_[0], blocks_[1]}) {
     ASSERT_TRUE(files_.append(block, never));
   }
   ASSERT_TRUE(files_.sync());
-  EXPECT_EQ(read(), concatenate({record_of(blocks_[0]), record_of(twin), record_of(blocks_[1])}));
-  EXPECT_TRUE(loads(0) && loads(1));  // of two records the first
+  EXPECT_EQ(read(), concatenate({record_of(twin), record_of(blocks_[0]), record_of(blocks_[1])}));
+  EXPECT_TRUE(loads(0) && loads(1));
+  EXPECT_EQ(files_.load_any(kName, hash(0))->height, 7u);  // of two records the first
+  EXPECT_FALSE(files_.load(kName, hash(0), 8));
   EXPECT_EQ(files_.record_bytes(kName, hash(1)), blocks_[1].serialize().size());
   EXPECT_EQ(files_.record_bytes(kName, hash(2)), 0u);
   const std::string path = directory_ / kName;
-  EXPECT_EQ(BlockFiles::load_from_file(path, 1)->height, 7u);
+  EXPECT_EQ(BlockFiles::load_from_file(path, 1)->height, 1u);
   EXPECT_FALSE(BlockFiles::load_from_file(path, 3));
   EXPECT_FALSE(BlockFiles::load_from_file(path + "x", 0));
 }
@@ -223,20 +231,27 @@ TEST_F(BlockFilesTest, ALookUpIsThatOfASequentialScan) {
     }
     return std::nullopt;
   };
+  size_t appended_to = 0;
   for (int round = 0; round < 300; ++round) {
-    if (random() % 4 == 0) {
+    if (random() % 4 == 0 && round > 0) {
       const Block& block = blocks_[random() % 5];
       ASSERT_TRUE(files_.append(block, never));
+      appended_to = read().size();
     } else {
       Bytes bytes;
-      for (int i = 0; i < 4; ++i) {  // mostly of the same size, so that only the content tells
-        append(bytes, random() % 4 == 0 ? junk(static_cast<uint32_t>(blocks_[0].size()), 5)
-                                        : record_of(blocks_[random() % 5]));
+      const bool is_mended = round % 8 == 0;  // may be shorter then
+      const size_t least = is_mended ? 0 : appended_to;
+      for (int i = 0; i < 4 || bytes.size() < least; ++i) {  // mostly of the same size: only the content tells
+        Bytes record = record_of(blocks_[random() % 5]);
+        record[kHeightAt] ^= uint8_t{random() % 4 == 0};
+        append(bytes, random() % 4 == 0 ? junk(static_cast<uint32_t>(blocks_[0].size()), 5) : record);
       }
       write(bytes);
+      ASSERT_TRUE(!is_mended || files_.repair(kName, {}));
+      appended_to = is_mended ? bytes.size() : appended_to;
     }
     const size_t i = random() % 5;
-    const auto block = files_.load(kName, hash(i));
+    const auto block = files_.load(kName, hash(i), blocks_[i].height);
     ASSERT_EQ(block ? std::optional(block->serialize()) : std::nullopt, scan(read(), hash(i)));
   }
 }
@@ -259,22 +274,21 @@ TEST_F(BlockFilesTest, OneWrongByteLosesAtMostItsOwnBlock) {
       write(bad);
       std::filesystem::remove(directory_ / "blk00000.dat.cut");
 
-      const auto lost = files_.repair(kName, all_hashes());
+      const auto lost = files_.repair(kName, whole_index());
       ASSERT_TRUE(lost);
-      const bool is_length = at - starts[owner] < 4;
-      ASSERT_TRUE(lost->empty() || (!is_length && *lost == std::vector{hash(owner)}));
+      const size_t in_record = at - starts[owner];
+      const bool is_height = in_record >= kHeightAt && in_record < kHeightAt + 4;
+      ASSERT_TRUE(lost->empty() ? !is_height : in_record >= 4 && *lost == std::vector{hash(owner)});
       for (size_t i = 0; i < blocks_.size(); ++i) {
-        if (lost->empty() || i != owner) {
-          const auto block = files_.load(kName, hash(i));
-          ASSERT_TRUE(block && block->get_hash() == hash(i));
-        }
+        ASSERT_EQ(loads(i), lost->empty() || i != owner);
       }
+      ASSERT_TRUE(!is_height || files_.load_any(kName, hash(owner)));
       const Bytes mended = read();
       const Bytes cut = read("blk00000.dat.cut");
       ASSERT_TRUE(std::equal(cut.rbegin(), cut.rend(), bad.rbegin()));
       ASSERT_TRUE(std::equal(bad.begin(), bad.end() - static_cast<ptrdiff_t>(cut.size()), mended.begin()));
       recovered += mended.size() > bad.size() - cut.size() ? 1 : 0;
-      ASSERT_EQ(files_.repair(kName, all_hashes()), lost);
+      ASSERT_EQ(files_.repair(kName, whole_index()), lost);
       ASSERT_EQ(read(), mended);
     }
   }
@@ -289,7 +303,7 @@ TEST_F(BlockFilesTest, RepairCutsATornTailAndKeepsIt) {
     std::filesystem::remove(directory_ / "blk00000.dat.cut");
     const Bytes tail(last.begin(), last.begin() + static_cast<ptrdiff_t>(len));
     write(concatenate({front, tail}));
-    const auto lost = files_.repair(kName, {hash(0), hash(1)});
+    const auto lost = files_.repair(kName, index_of({0, 1}));
     ASSERT_TRUE(lost);
     const bool is_whole = len == last.size();
     EXPECT_EQ(*lost, is_whole ? std::vector<uint256>{} : std::vector{hash(1)});
@@ -306,7 +320,8 @@ TEST_F(BlockFilesTest, RepairLeavesWhatIsWellFramed) {
   const Bytes zeros(64);  // records without a block
   const Bytes bytes = concatenate({record_of(blocks_[0]), junk(300, 9), record_of(blocks_[1]), zeros});
   write(bytes);
-  EXPECT_EQ(files_.repair(kName, {hash(1)}), std::vector<uint256>{});
+  EXPECT_EQ(files_.repair(kName, index_of({1})), std::vector<uint256>{});
+  EXPECT_EQ(files_.repair(kName, {{hash(1), 7}}), std::vector{hash(1)});
   EXPECT_EQ(read(), bytes);
   EXPECT_EQ(stderr_.text(), "");
   EXPECT_FALSE(files_.repair("blk00001.dat", {}));
@@ -342,14 +357,14 @@ TEST_F(BlockFilesTest, TheFirstAppendOfARunWalksTheFile) {
     ASSERT_EQ(files.append(blocks_[3], row.is_indexed), row.is_taken);
     if (!row.is_taken) {
       EXPECT_EQ(read(), row.content);
-      EXPECT_EQ(files.repair(kName, {hash(0), hash(2)}), std::vector<uint256>{});
+      EXPECT_EQ(files.repair(kName, index_of({0, 2})), std::vector<uint256>{});
       EXPECT_TRUE(files.append(blocks_[3], row.is_indexed));
     } else if (row.content != concatenate({front, record_of(blocks_[1])})) {
       EXPECT_EQ(read(), concatenate({front, record_of(blocks_[3])}));
       const Bytes tail(row.content.begin() + static_cast<ptrdiff_t>(front.size()), row.content.end());
       EXPECT_EQ(read("blk00000.dat.cut"), concatenate({{1, 2}, tail}));
     }
-    EXPECT_TRUE(files.load(kName, hash(3)));
+    EXPECT_TRUE(files.load(kName, hash(3), 4));
   }
 }
 
@@ -390,17 +405,37 @@ TEST_F(BlockFilesTest, AFailedAppendLeavesTheFile) {
   EXPECT_TRUE(loads(0) && loads(1));
 }
 
+TEST_F(BlockFilesTest, AFileThatBecameShorterIsNotMadeAnew) {
+  const std::string path = directory_ / kName;
+  for (const bool is_synced : {false, true}) {
+    SCOPED_TRACE(is_synced);
+    ASSERT_TRUE(files_.append(blocks_[0], never) && (!is_synced || files_.sync()));
+    const Bytes before = read();
+    std::filesystem::rename(path, directory_ / "aside");
+    EXPECT_FALSE(files_.append(blocks_[1], never));
+    EXPECT_FALSE(files_.exists(kName));
+    write({});
+    EXPECT_FALSE(files_.append(blocks_[1], never));
+    EXPECT_EQ(read(), Bytes{});
+    std::filesystem::rename(directory_ / "aside", path);
+    EXPECT_TRUE(files_.append(blocks_[1], never));
+    EXPECT_EQ(read(), concatenate({before, record_of(blocks_[1])}));
+  }
+  EXPECT_NE(stderr_.text().find("[Blockchain] ERROR: Block file " + path + " is gone"), std::string::npos);
+  EXPECT_NE(stderr_.text().find(path + " has become shorter; a restart mends it"), std::string::npos);
+}
+
 TEST_F(BlockFilesTest, ARepairThatFailsLeavesTheFile) {
   Bytes damaged = whole();
   damaged[3] = 1;
   write(damaged);
   {
     const FullDisk full(100);
-    EXPECT_FALSE(files_.repair(kName, all_hashes()));
+    EXPECT_FALSE(files_.repair(kName, whole_index()));
   }
   EXPECT_EQ(read(), damaged);
   EXPECT_FALSE(std::filesystem::exists(directory_ / "blk00000.dat.tmp"));
-  EXPECT_EQ(files_.repair(kName, all_hashes()), std::vector<uint256>{});
+  EXPECT_EQ(files_.repair(kName, whole_index()), std::vector<uint256>{});
 }
 
 TEST_F(BlockFilesTest, WhatAFailedSyncDroppedIsWrittenAgain) {
@@ -432,7 +467,7 @@ TEST_F(BlockFilesTest, UnsyncedFilesAreBounded) {
   }
   EXPECT_TRUE(files_.sync());
   EXPECT_EQ(open_count(), before);
-  EXPECT_TRUE(files_.load("blk00003.dat", hash(0)));
+  EXPECT_TRUE(files_.load("blk00003.dat", hash(0), 3'000));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "chain/chain_scene.h"
+#include "core/clock.h"
 #include "mempool/mempool.h"
 #include "mempool/pool_updater.h"
 #include "script/script.h"
@@ -39,6 +40,13 @@ class Admission : public testing::Test {
   AdmissionOutcome offer(const Transaction& tx) {
     reason_.clear();
     return admission_.accept(tx, reason_, fee_);
+  }
+
+  // Without any check.
+  void put(const std::vector<Transaction>& txs) {
+    for (const Transaction& tx : txs) {
+      ASSERT_TRUE(pool_.add_transaction(tx, 1, reason_));
+    }
   }
 
   bool holds(const Transaction& tx) const { return pool_.get_transaction(tx.get_txid()).has_value(); }
@@ -83,6 +91,16 @@ TEST_F(Admission, BlamesForRulesOfBlocksOnly) {
   Transaction forged = spend(coins_[0]);
   forged.inputs[0].signature.back() ^= 1;
   forged.invalidate_cache();
+  Transaction forged_and_early = changed(1, scene_.chain().get_best_height() + 1);
+  forged_and_early.inputs[0].signature.back() ^= 1;
+  forged_and_early.invalidate_cache();
+  const auto repeating = [&](const OutPoint& last) {
+    Transaction tx = spend(coins_[0]);
+    tx.inputs.resize(3, tx.inputs[0]);
+    tx.inputs[2].prevout = last;
+    tx.invalidate_cache();
+    return tx;
+  };
   const Transaction beyond = spend({{parent.get_txid(), 1}, parent.outputs[0]});
   const uint32_t height = scene_.chain().get_best_height();
   const struct {
@@ -93,11 +111,14 @@ TEST_F(Admission, BlamesForRulesOfBlocksOnly) {
     int64_t fee = 1'000;
   } rows[] = {
       {"payment", spend(coins_[0], 7), ACCEPTED, "", 7},
-      {"in the pool", parent, KNOWN, ""},
-      {"in the chain", confirmed, KNOWN, ""},
+      {"in the pool", parent, KNOWN, "Transaction already in mempool"},
+      {"in the chain", confirmed, KNOWN, "Transaction already in chain"},
       {"output that the parent lacks", beyond, MISSING_PARENT, "missing parent " + parent.get_txid().to_hex()},
       {"spent in the chain", spend(coins_[27], 9), MISSING_PARENT, "missing parent " + coins_[27].first.txid.to_hex()},
       {"forged signature", forged, INVALID, "Invalid signature for input 0"},
+      {"forged and not final", forged_and_early, INVALID, "Invalid signature for input 0"},
+      {"repeated inputs", repeating(coins_[1].first), INVALID, "Output spent twice by one transaction"},
+      {"and an unknown one", repeating({{}, 7}), MISSING_PARENT, "missing parent " + uint256().to_hex()},
       {"treasury distribution", changed(3, 0), INVALID, "Transaction type not allowed: 3"},
       {"coinbase", changed(255, 0), INVALID, "Transaction type not allowed: 255"},
       {"unknown type", changed(9, 0), INVALID, "Transaction type not allowed: 9"},
@@ -198,18 +219,88 @@ TEST_F(Admission, FollowsTheChain) {
 }
 
 TEST_F(Admission, DropsWhatIsNotFinalAnyMore) {
-  Transaction tx = spend(coins_[0]);
-  tx.locktime = scene_.chain().get_best_height() + 1;
-  tx.inputs[0].sequence = 0;
-  tx.invalidate_cache();
-  const Transaction child = child_of(tx);
-  ASSERT_TRUE(pool_.add_transaction(tx, 1, reason_) && pool_.add_transaction(child, 1, reason_));
-  ASSERT_EQ(offer(spend(coins_[1])), ACCEPTED);
+  const uint32_t next = scene_.chain().get_best_height() + 1;
+  const auto now = static_cast<uint32_t>(unix_time_seconds());
+  const struct {
+    const char* label;
+    uint32_t locktime;
+    uint32_t sequence;
+    bool stays;
+  } rows[] = {
+      {"height below the next", next - 1, 0, true},   {"next height", next, 0, false},
+      {"next height, switched off", next, ~0u, true}, {"time past", now - 1, 0, true},
+      {"time to come", now + 1'000, 0, false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    pool_.clear();
+    Transaction tx = spend(coins_[0]);
+    tx.locktime = row.locktime;
+    tx.inputs[0].sequence = row.sequence;
+    tx.invalidate_cache();
+    put({tx, child_of(tx)});
+    updater_.tip_changed();
+    EXPECT_EQ(pool_.size(), row.stays ? 2u : 0u);
+  }
+}
+
+TEST_F(Admission, TakesTransactionsBackUnlessAnotherCameFirst) {
+  std::vector<Transaction> parents;
+  std::vector<Coin> made;
+  for (size_t i = 0; i < 20; ++i) {
+    parents.push_back(spend(coins_[i], i == 0 ? 0 : 500));
+    made.push_back(output_of(parents.back()));
+  }
+  const Transaction child = pay(sample_key(2), made, {kCoin});
+  Block left;
+  left.transactions = {pay(sample_key(1), coins_, {kCoin})};
+  updater_.block_disconnected(left);
   updater_.tip_changed();
-  EXPECT_EQ(pool_.size(), 3u) << "heights only grew";
-  updater_.block_disconnected(make_child(scene_.tip()));
-  updater_.tip_changed();
-  EXPECT_EQ(pool_.size(), 1u);
+  EXPECT_EQ(pool_.size(), 1u) << "a fee above what is relayed";
+  left.transactions = parents;
+  for (const bool conflict : {false, true}) {
+    pool_.clear();
+    const Transaction rival = spend(coins_[7], 9);
+    put(conflict ? std::vector{child, rival} : std::vector{child});
+    updater_.block_disconnected(left);
+    updater_.tip_changed();
+    EXPECT_EQ(pool_.size(), parents.size() + (conflict ? 0u : 1u));
+    EXPECT_EQ(holds(child), !conflict);
+    EXPECT_EQ(holds(parents[7]), !conflict);
+    EXPECT_EQ(holds(rival), conflict);
+  }
+}
+
+TEST_F(Admission, LooksAtEverythingAfterALostBlock) {
+  const Transaction parent = spend(coins_[0]);
+  const Transaction child = child_of(parent);
+  const Transaction grandchild = child_of(child);
+  const Transaction rival = spend(coins_[1], 9);
+  const Transaction child_rival = spend(output_of(parent), 9, 2);
+  const Transaction nowhere = child_of(spend(coins_[3], 9));
+  const Transaction apart = spend(coins_[2]);
+  scene_.chain().set_pool_sink(nullptr);
+  scene_.extend({.txs = {parent, child, spend(coins_[1])}});
+  const struct {
+    const char* label;
+    std::vector<Transaction> before, after;
+  } rows[] = {
+      {"confirmed ones, not what stands on them", {parent, child, grandchild, apart}, {grandchild, apart}},
+      {"rivals with descendants", {rival, child_of(rival), apart}, {apart}},
+      {"a rival of a pool child", {parent, child_rival, child_of(child_rival), apart}, {apart}},
+      {"child of nothing", {nowhere, apart}, {apart}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    pool_.clear();
+    put(row.before);
+    updater_.tip_changed();
+    EXPECT_EQ(pool_.size(), row.before.size()) << "not without a reason";
+    updater_.block_lost();
+    updater_.tip_changed();
+    EXPECT_EQ(pool_.size(), row.after.size());
+    EXPECT_TRUE(std::ranges::all_of(row.after, [this](const Transaction& tx) { return holds(tx); }));
+  }
 }
 
 // Every block spends a coin that threads race to spend too, with a child each.

@@ -7,6 +7,7 @@
 #include <limits>
 #include <random>
 
+#include "chain/transaction_rules.h"
 #include "mempool/mempool_selection.h"
 #include "script/script.h"
 #include "support/ledger_samples.h"
@@ -102,6 +103,7 @@ struct Model {
 };
 
 TEST(Mempool, AgreesWithAPlainListOnARandomWalk) {
+  constexpr uint32_t lock_times[] = {5, kLockTimeThreshold - 2, kLockTimeThreshold, 0xfffffffc};
   std::mt19937_64 random(12);
   Model model{1'500};
   Mempool pool(model.max_size);
@@ -126,7 +128,10 @@ TEST(Mempool, AgreesWithAPlainListOnARandomWalk) {
         prevouts.push_back(random() % 2 == 0 ? coin(random() % 30) : OutPoint{id, static_cast<uint32_t>(random() % 2)});
       }
       Transaction tx = random() % 8 == 0 ? old : spend(prevouts, random() % 40 == 0 ? 1'500 : 7);
-      tx.locktime = random() % 8 == 0 ? 1 : tx.locktime;
+      if (random() % 4 == 0) {  // often a sequence that makes it count
+        tx.locktime = lock_times[random() % std::size(lock_times)] + static_cast<uint32_t>(random() % 3);
+        tx.inputs.back().sequence -= random() % 4 == 0 ? 0 : 1;
+      }
       tx.type = random() % 50 == 0 ? TransactionType::COINBASE : tx.type;
       tx.invalidate_cache();
       const auto fee = static_cast<int64_t>(random() % 6) - 1;
@@ -142,13 +147,21 @@ TEST(Mempool, AgreesWithAPlainListOnARandomWalk) {
     ASSERT_EQ(pool.is_spent(asked), !spenders.empty());
     ASSERT_EQ(pool.get_spender(asked), spenders.empty() ? std::nullopt : std::optional(spenders[0]));
     ASSERT_EQ(pool.get_output(asked).has_value(), model.entries.contains(id) && asked.index < 2);
-    const auto locked = model.having([](const MempoolEntry& entry) { return entry.tx.locktime != 0; });
-    ASSERT_EQ(pool.get_time_locked(), locked);
+    ASSERT_EQ(pool.has_output(asked), pool.get_output(asked).has_value());
+    const uint32_t height = lock_times[random() % 2] + 1;
+    const uint64_t time = lock_times[2 + random() % 2] + uint64_t{1} + (random() % 8 == 0 ? 0x100000000 : 0);
+    std::vector<uint256> locked = pool.get_not_final(height, time);
+    std::sort(locked.begin(), locked.end());
+    ASSERT_EQ(locked, model.having([&](const MempoolEntry& entry) { return !is_final(entry.tx, height, time); }));
+    ASSERT_EQ(pool.get_txids(), model.having([](const MempoolEntry&) { return true; }));
+    ASSERT_EQ(pool.has_transaction(id), model.entries.contains(id));
+    ASSERT_EQ(pool.get_prevouts(id).size(), model.entries.contains(id) ? model.entries[id].tx.inputs.size() : 0);
     ASSERT_EQ(pool.size(), model.entries.size());
     ASSERT_EQ(pool.size_bytes(), model.bytes());
     ASSERT_EQ(pool.get_transactions_for_block(1'500).size(), model.entries.size());
     if (step % 10 == 0) {
-      ASSERT_EQ(pool.take_evicted(), std::exchange(model.evicted, {}));
+      const auto evicted = pool.take_evicted();
+      ASSERT_TRUE(std::ranges::equal(evicted, std::exchange(model.evicted, {})));
     }
   }
   pool.clear();
