@@ -186,13 +186,14 @@ void Blockchain::add_unindexed_blocks(const std::vector<std::string>& file_names
         unknown.insert(hash);
       }
     });
-    for (const uint256& hash : unknown) {
-      if (stop_) {
-        return;
-      }
-      if (const auto block = files_.load_any(name, hash)) {
-        found.push_back({block->height, hash, name});
-      }
+    if (!unknown.empty()) {
+      // Every height that a record of the block gives; only one of them can be right.
+      files_.for_each_block(name, [&](const Block& block) {
+        if (unknown.contains(block.get_hash())) {
+          found.push_back({block.height, block.get_hash(), name});
+        }
+        return !stop_;
+      });
     }
   }
   std::stable_sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.height < b.height; });
@@ -206,6 +207,9 @@ void Blockchain::add_unindexed_blocks(const std::vector<std::string>& file_names
 }
 
 bool Blockchain::index_stored_block(const uint256& hash, const std::string& file_name, uint32_t height) {
+  if (tree_.find(hash) != nullptr) {
+    return false;
+  }
   const std::optional<Block> block = files_.load(file_name, hash, height);
   const BlockIndex* parent = block ? tree_.find(block->header.prev_hash) : nullptr;
   std::string reason;

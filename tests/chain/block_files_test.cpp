@@ -328,6 +328,16 @@ TEST_F(BlockFilesTest, RepairLeavesWhatIsWellFramed) {
   EXPECT_FALSE(files_.repair("../" + std::string(kName), {}));
 }
 
+TEST_F(BlockFilesTest, ABlockBehindDamageIsTakenWithItsHeightOnly) {
+  const Bytes front = record_of(blocks_[0]);
+  Bytes twin = record_of(blocks_[1]);
+  twin[kHeightAt] ^= 1;
+  twin[3] = 1;  // leads out of the file
+  write(concatenate({front, twin, record_of(blocks_[1])}));
+  EXPECT_EQ(files_.repair(kName, index_of({0, 1})), std::vector<uint256>{});
+  EXPECT_EQ(read(), concatenate({front, record_of(blocks_[1])}));
+}
+
 TEST_F(BlockFilesTest, TheFirstAppendOfARunWalksTheFile) {
   const Bytes front = record_of(blocks_[0]);
   const Bytes torn(front.begin(), front.end() - 1);  // a second copy, cut

@@ -155,8 +155,8 @@ TEST(ScriptInterpreter, RunsTakeTheirCostFromTheBudget) {
     uint64_t bytes;
   } rows[] = {
       {"nothing costs", hex("51 76 87 00 a8 51 a9 00 63 51 51 ac a8 68"), 0, 0},
-      {"a digest of a digest", hex("03 070809 a8 a9"), 0, 35},
-      {"digests that are kept", hex("03 070809 76 76 a8 75 a9 75 76 a8 75 a9"), 0, 6},
+      {"a digest of a digest", hex("03 070809 a8 a9"), 0, 67},
+      {"digests that are kept", hex("03 070809 76 76 a8 75 a9 75 76 a8 75 a9"), 0, 38},
       {"checks of no signature and no key", hex("00 51 ac 02 0708 51 ac"), 2, 0},
       {"one type twice", same_type, 2, preimage_bytes(same_type)},
       {"two types", two_types, 2, 2 * preimage_bytes(two_types)},
