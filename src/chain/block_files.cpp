@@ -53,10 +53,10 @@ bool finish_walk(const RecordWalk& walk, const std::string& path) {
   return true;
 }
 
-// What a look-up asks for; without a height, any.
+// What a look-up asks for.
 struct Wanted {
   uint256 hash;
-  std::optional<uint32_t> height;
+  uint32_t height;
 };
 
 // The block of the first readable record of it.
@@ -68,7 +68,7 @@ std::optional<Block> read_block(const OpenedFile& file, const FilePositions& pos
     }
     const auto bytes = window.read(record.offset + kRecordPrefixBytes, record.block_bytes);
     auto block = bytes ? read_record(*bytes) : std::nullopt;
-    if (block && block->get_hash() == wanted.hash && block->height == wanted.height.value_or(block->height)) {
+    if (block && block->get_hash() == wanted.hash && block->height == wanted.height) {
       return block;
     }
   }
@@ -227,10 +227,6 @@ std::optional<Block> BlockFiles::load(const std::string& file_name, const uint25
   return state_->load(file_name, {hash, height});
 }
 
-std::optional<Block> BlockFiles::load_any(const std::string& file_name, const uint256& hash) {
-  return state_->load(file_name, {hash, std::nullopt});
-}
-
 std::optional<Block> BlockFiles::State::load(const std::string& file_name, const Wanted& wanted) {
   const std::string path = path_of(file_name);
   const auto file = open_block_file(path, O_RDONLY);
@@ -252,9 +248,8 @@ std::optional<Block> BlockFiles::State::load(const std::string& file_name, const
   if (!block && now->end == WalkEnd::TOO_LONG) {
     report_length(now->last_length);
   } else if (!block) {
-    const std::string height = wanted.height ? " at height " + std::to_string(*wanted.height) : "";
-    console::error_line("[Blockchain] ERROR: No readable record of block " + wanted.hash.to_hex() + height + " in " +
-                        path);
+    console::error_line("[Blockchain] ERROR: No readable record of block " + wanted.hash.to_hex() + " at height " +
+                        std::to_string(wanted.height) + " in " + path);
   }
   return block;
 }

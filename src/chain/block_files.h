@@ -63,10 +63,6 @@ class BlockFiles {
   // next one is tried. Prints what stopped it.
   std::optional<Block> load(const std::string& file_name, const uint256& hash, uint32_t height);
 
-  // The block of the first readable record with this hash, whatever its height.
-  // Prints as load() does.
-  std::optional<Block> load_any(const std::string& file_name, const uint256& hash);
-
   // The record at `record_index` of the file at `path`, by lengths alone.
   static std::optional<Block> load_from_file(const std::string& path, size_t record_index);
 

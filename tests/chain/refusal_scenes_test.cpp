@@ -55,8 +55,57 @@ Transaction distribution(int64_t pool = 25'000) {
   return treasury::create_distribution_tx(pool, {{sample_key(1).address, 4}}, kInterval);
 }
 
+// The distribution that is due, with one thing changed.
+Scene spoilt_distribution(const char* label, const std::function<void(Transaction&)>& spoil,
+                          const std::string& reason) {
+  return {label,
+          [spoil](const Past&, const Block& parent) {
+            Transaction tx = distribution();
+            spoil(tx);
+            tx.invalidate_cache();
+            return with_transaction(parent, tx);
+          },
+          4, "Invalid TREASURY_DISTRIBUTION tx: " + reason};
+}
+
 std::vector<Scene> scenes() {
   return {
+      spoilt_distribution(
+          "two inputs", [](Transaction& tx) { tx.inputs.push_back(tx.inputs[0]); },
+          "Distribution tx must have exactly one input"),
+      spoilt_distribution(
+          "a prevout id", [](Transaction& tx) { tx.inputs[0].prevout.txid = uint256(uint64_t{1}); },
+          "Distribution tx input has invalid prevout"),
+      spoilt_distribution(
+          "the index of a coinbase", [](Transaction& tx) { tx.inputs[0].prevout.index = 0xffffffff; },
+          "Distribution tx input has invalid prevout"),
+      spoilt_distribution(
+          "a short script", [](Transaction& tx) { tx.inputs[0].signature.resize(3); },
+          "Distribution tx signature too short"),
+      spoilt_distribution(
+          "another height", [](Transaction& tx) { tx.inputs[0].signature[0] = 4; },
+          "Distribution tx encodes wrong height (4 vs expected 5"),
+      spoilt_distribution(
+          "a stranger paid", [](Transaction& tx) { tx.outputs[0] = TxOut(25'000, sample_key(7).pubkey_hash); },
+          "Distribution tx contains unexpected output address"),
+      spoilt_distribution(
+          "a payee twice", [](Transaction& tx) { tx.outputs.push_back(tx.outputs[0]); },
+          "Distribution tx total outputs exceed treasury balance (50000 > 25000"),
+      spoilt_distribution(
+          "nobody paid", [](Transaction& tx) { tx.outputs.clear(); },
+          "Distribution tx has no outputs but treasury has distributable balance"),
+      {"a distribution at index 2",
+       [](const Past& past, const Block& parent) {
+         return make_child(parent, {.txs = {past.spend(1, 0), distribution()}});
+       },
+       4, "TREASURY_DISTRIBUTION tx may only appear at index 1"},
+      {"fees shared with a stranger",
+       [](const Past& past, const Block& parent) {
+         Block block = make_child(parent, {.txs = {past.spend(1, kFee)}, .fees = kFee});
+         block.transactions[0].outputs[1] = TxOut(kFee / 2, sample_key(7).pubkey_hash);
+         return sealed(block);
+       },
+       3, "Coinbase output[1] does not go to the treasury address"},
       {"a coin that does not exist",
        [](const Past& past, const Block& parent) {
          const auto coin = past.coin(1);
