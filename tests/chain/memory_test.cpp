@@ -26,6 +26,11 @@ void* operator new(size_t size) {
   return memory;
 }
 
+// Of those who can do with less; from malloc too, as the operators below free it.
+void* operator new(size_t size, const std::nothrow_t& /*unused*/) noexcept {
+  return std::malloc(size);
+}
+
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
