@@ -12,10 +12,11 @@
 
 static constexpr uint64_t kNever = std::numeric_limits<uint64_t>::max();
 
-// Allocations numbered first to last fail. The tests have one thread.
-static uint64_t allocation_number = 0;
-static uint64_t first_failing = kNever;
-static uint64_t last_failing = kNever;
+// Allocations numbered first to last fail, on the thread that said so: the
+// database has another one.
+static thread_local uint64_t allocation_number = 0;
+static thread_local uint64_t first_failing = kNever;
+static thread_local uint64_t last_failing = kNever;
 
 void* operator new(size_t size) {
   const uint64_t number = ++allocation_number;
