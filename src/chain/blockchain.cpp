@@ -108,6 +108,10 @@ std::optional<Transaction> Blockchain::build_distribution_tx(uint32_t height) co
 
 std::optional<Transaction> Blockchain::required_distribution_tx(uint32_t height) const {
   const MutexLock lock(mutex_);
+  return make_distribution(height);
+}
+
+std::optional<Transaction> Blockchain::make_distribution(uint32_t height) const {
   const TreasuryState& treasury = state_.treasury();
   if (!treasury::is_distribution_height(height, treasury.distribution_interval) || !treasury.distribution_pending) {
     return std::nullopt;
@@ -144,6 +148,32 @@ ChainStatus Blockchain::get_status() const {
     status.branch_refused_for_depth = refused->hash;
   }
   return status;
+}
+
+TemplateBase Blockchain::read_template_base(const std::vector<Transaction>& candidates,
+                                            std::map<OutPoint, TxOut>& outputs) const {
+  const MutexLock lock(mutex_);
+  TemplateBase base;
+  base.best_hash = state_.tip_hash();
+  base.next_height = state_.tip_height() + 1;
+  base.next_bits = tree_.expected_child_bits(base.best_hash);
+  if (const BlockIndex* tip = tree_.find(base.best_hash)) {
+    base.prev_time = static_cast<uint32_t>(tip->timestamp);
+  }
+  base.total_supply = state_.total_supply();
+  base.change_number = change_number_;
+  base.distribution = make_distribution(base.next_height);
+  base.distribution_required = base.distribution.has_value();
+  base.broken = broken_;
+  outputs.clear();
+  for (const Transaction& candidate : candidates) {
+    for (const TxIn& input : candidate.inputs) {
+      if (auto output = state_.utxos().get_utxo(input.prevout)) {
+        outputs.insert_or_assign(input.prevout, std::move(*output));
+      }
+    }
+  }
+  return base;
 }
 
 bool Blockchain::has_block(const uint256& hash) const {

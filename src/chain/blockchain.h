@@ -86,6 +86,19 @@ struct ChainStatus {
   std::optional<uint256> branch_refused_for_depth;  // tip of the last one seen, while it has more work
 };
 
+// What a template for the next block is built on, all of one moment.
+struct TemplateBase {
+  uint256 best_hash;
+  uint32_t next_height = 0;
+  uint32_t next_bits = 0;
+  uint32_t prev_time = 0;                   // of the best block, seconds since the Unix epoch
+  int64_t total_supply = 0;                 // base units
+  uint64_t change_number = 0;               // see Blockchain::get_change_number()
+  std::optional<Transaction> distribution;  // stands at index 1; may have no outputs
+  bool distribution_required = false;       // exactly when there is one
+  bool broken = false;                      // the state is lost: no template may be made
+};
+
 class Blockchain {
  public:
   // Postpones save_state() while any of them lives, on any thread; the last one
@@ -189,6 +202,13 @@ class Blockchain {
   int64_t get_total_supply() const EXCLUDES(mutex_);
   ChainStatus get_status() const EXCLUDES(mutex_);
 
+  // All that a template needs, of one state of the chain: the result, and in
+  // `outputs` (replaced) every output of the UTXO set that an input of a candidate
+  // names. What a candidate spends of another candidate is not among them.
+  // O(inputs * log set).
+  TemplateBase read_template_base(const std::vector<Transaction>& candidates, std::map<OutPoint, TxOut>& outputs) const
+      EXCLUDES(mutex_);
+
   bool has_block(const uint256& hash) const EXCLUDES(mutex_);
   std::optional<BlockIndex> get_block_index(const uint256& hash) const EXCLUDES(mutex_);
   std::optional<uint256> get_block_hash(uint32_t height) const EXCLUDES(mutex_);
@@ -284,6 +304,8 @@ class Blockchain {
   void adopt_undo_records() REQUIRES(mutex_);
   void count_old_forks() REQUIRES(mutex_);
   void drop_branch(const uint256& hash) REQUIRES(mutex_);
+
+  std::optional<Transaction> make_distribution(uint32_t height) const REQUIRES(mutex_);
 
   void drain_events() EXCLUDES(mutex_, drain_mutex_);
   void tell(PoolEvent& event) REQUIRES(drain_mutex_) EXCLUDES(mutex_);
