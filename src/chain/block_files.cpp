@@ -59,8 +59,10 @@ struct Wanted {
   uint32_t height;
 };
 
-// The block of the first readable record of it.
-std::optional<Block> read_block(const OpenedFile& file, const FilePositions& positions, const Wanted& wanted) {
+// The block of the first readable record of it. `has_failed` becomes true when
+// reading fails.
+std::optional<Block> read_block(const OpenedFile& file, const FilePositions& positions, const Wanted& wanted,
+                                bool& has_failed) {
   FileWindow window(file.fd(), file.bytes);
   for (const RecordPosition& record : positions.records) {
     if (record.hash != wanted.hash) {
@@ -72,6 +74,7 @@ std::optional<Block> read_block(const OpenedFile& file, const FilePositions& pos
       return block;
     }
   }
+  has_failed = window.has_failed();
   return std::nullopt;
 }
 
@@ -89,7 +92,7 @@ struct BlockFiles::State {
   bool prepare(const std::string& file_name, const IsIndexed& is_indexed);
   bool cut_if_not_indexed(const OpenedFile& file, const std::string& file_name, const IsIndexed& is_indexed);
 
-  std::optional<Block> load(const std::string& file_name, const Wanted& wanted);
+  std::optional<Block> load(const std::string& file_name, const Wanted& wanted, bool& has_failed);
 
   const std::string directory;
   BlockAppendLog log;
@@ -223,29 +226,41 @@ bool BlockFiles::sync() {
   return state_->log.sync();
 }
 
-std::optional<Block> BlockFiles::load(const std::string& file_name, const uint256& hash, uint32_t height) {
-  return state_->load(file_name, {hash, height});
+std::optional<Block> BlockFiles::load(const std::string& file_name, const uint256& hash, uint32_t height,
+                                      bool* has_failed) {
+  bool failed = false;
+  auto block = state_->load(file_name, {hash, height}, failed);
+  if (has_failed != nullptr) {
+    *has_failed = failed;
+  }
+  return block;
 }
 
-std::optional<Block> BlockFiles::State::load(const std::string& file_name, const Wanted& wanted) {
+std::optional<Block> BlockFiles::State::load(const std::string& file_name, const Wanted& wanted, bool& has_failed) {
+  has_failed = true;  // until all was read
   const std::string path = path_of(file_name);
   const auto file = open_block_file(path, O_RDONLY);
   if (!file) {
     return std::nullopt;
   }
   if (const FilePositions* known = positions.find(path, file->bytes)) {
-    if (auto block = read_block(*file, *known, wanted)) {
+    if (auto block = read_block(*file, *known, wanted, has_failed)) {
+      has_failed = false;
       return block;
     }
   }
   // Not known yet, or the file has changed behind our back.
   auto read = read_positions(*file, path);
   if (!read) {
+    has_failed = true;
     return std::nullopt;
   }
   const FilePositions* now = positions.store(path, std::move(*read));
-  auto block = read_block(*file, *now, wanted);
-  if (!block && now->end == WalkEnd::TOO_LONG) {
+  has_failed = false;
+  auto block = read_block(*file, *now, wanted, has_failed);
+  if (has_failed) {
+    report_file_error("Cannot read block file", path);
+  } else if (!block && now->end == WalkEnd::TOO_LONG) {
     report_length(now->last_length);
   } else if (!block) {
     console::error_line("[Blockchain] ERROR: No readable record of block " + wanted.hash.to_hex() + " at height " +

@@ -60,8 +60,11 @@ class BlockFiles {
   // The block of the first record with this hash and height in `file_name`. A
   // record that does not decode, whose body does not match its Merkle root or
   // whose height is another one (no hash binds it) counts as unreadable and the
-  // next one is tried. Prints what stopped it.
-  std::optional<Block> load(const std::string& file_name, const uint256& hash, uint32_t height);
+  // next one is tried. Prints what stopped it. `*has_failed`, where given, becomes
+  // true when the file could not be opened or read, which says nothing about the
+  // record, and else false.
+  std::optional<Block> load(const std::string& file_name, const uint256& hash, uint32_t height,
+                            bool* has_failed = nullptr);
 
   // The record at `record_index` of the file at `path`, by lengths alone.
   static std::optional<Block> load_from_file(const std::string& path, size_t record_index);

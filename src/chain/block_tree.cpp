@@ -79,14 +79,6 @@ std::vector<uint256> BlockTree::with_descendants(const uint256& hash) const {
   return branch;
 }
 
-std::vector<uint256> BlockTree::erase_branch(const uint256& hash) {
-  std::vector<uint256> erased = with_descendants(hash);
-  for (const uint256& member : erased) {
-    erase_leaf(member);
-  }
-  return erased;
-}
-
 void BlockTree::erase_leaf(const uint256& hash) noexcept {
   assert(!is_active(hash));
   index_.erase(hash);
@@ -238,6 +230,18 @@ const BlockIndex* BlockTree::heaviest(const std::optional<uint256>& preferred,
 void BlockTree::mark_bad(const uint256& hash, const std::shared_ptr<BlockVerdict>& verdict) {
   for (const uint256& member : with_descendants(hash)) {
     bad_[member] = verdict;
+  }
+}
+
+void BlockTree::mark_bad(const VerdictLog& verdicts) {
+  for (const BlockIndex* entry : sorted_by_height(index_)) {
+    auto verdict = verdicts.find(entry->hash);
+    if (!verdict) {
+      verdict = verdict_on(entry->prev_hash);
+    }
+    if (verdict) {
+      bad_[entry->hash] = std::move(verdict);
+    }
   }
 }
 

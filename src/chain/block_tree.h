@@ -44,9 +44,9 @@ class BlockTree {
   // Erases a block without children that is not active. Never throws.
   void erase_leaf(const uint256& hash) noexcept;
 
-  // Erases the block and all that descends from it, and returns them. None of
-  // them may be active. O(n log n) in the tree.
-  std::vector<uint256> erase_branch(const uint256& hash);
+  // The block and all that descends from it, parents first; empty when it is not
+  // known. O(n log n) in the tree.
+  std::vector<uint256> with_descendants(const uint256& hash) const;
 
   // Replaces all entries by those of `index` that descend from a genesis block,
   // with heights that follow their parents', and computes their chain work anew
@@ -94,13 +94,15 @@ class BlockTree {
   // Marks the block and what descends from it. O(n log n) in the tree.
   void mark_bad(const uint256& hash, const std::shared_ptr<BlockVerdict>& verdict);
 
+  // Marks every block that the log knows as bad, and what descends from it.
+  // O(n log n) in the tree.
+  void mark_bad(const VerdictLog& verdicts);
+
   // The verdict on the block or the ancestor that it inherits it from; null for
   // a block not known as bad.
   std::shared_ptr<BlockVerdict> verdict_on(const uint256& hash) const;
 
  private:
-  std::vector<uint256> with_descendants(const uint256& hash) const;
-
   BlockIndexMap index_;
   std::vector<uint256> active_;
   std::map<uint256, std::shared_ptr<BlockVerdict>> bad_;

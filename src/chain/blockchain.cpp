@@ -1,5 +1,7 @@
 #include "chain/blockchain.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "chain/pool_sink.h"
@@ -60,7 +62,8 @@ bool Blockchain::validate_transaction(const Transaction& tx, const std::map<OutP
 }
 
 // One thread at a time tells the sink, in order. Whoever returns from here knows
-// that its own events were told, by itself or by the thread before it.
+// that its own events were told, by itself or by the thread before it, unless
+// memory ran out.
 void Blockchain::drain_events() {
   if (sink_ == nullptr) {
     return;
@@ -158,7 +161,7 @@ TemplateBase Blockchain::read_template_base(const std::vector<Transaction>& cand
   base.next_height = state_.tip_height() + 1;
   base.next_bits = tree_.expected_child_bits(base.best_hash);
   if (const BlockIndex* tip = tree_.find(base.best_hash)) {
-    base.prev_time = static_cast<uint32_t>(tip->timestamp);
+    base.prev_time = tip->timestamp;
   }
   base.total_supply = state_.total_supply();
   base.change_number = change_number_;
@@ -227,6 +230,25 @@ std::vector<uint256> Blockchain::get_address_transactions(const Bytes& pubkey_ha
   const auto& addresses = state_.indexes().address_transactions();
   const auto found = addresses.find(pubkey_hash);
   return found == addresses.end() ? std::vector<uint256>() : found->second;
+}
+
+size_t Blockchain::count_address_transactions(const Bytes& pubkey_hash) const {
+  const MutexLock lock(mutex_);
+  const auto& addresses = state_.indexes().address_transactions();
+  const auto found = addresses.find(pubkey_hash);
+  return found == addresses.end() ? 0 : found->second.size();
+}
+
+std::vector<uint256> Blockchain::get_newest_address_transactions(const Bytes& pubkey_hash, size_t count_max) const {
+  const MutexLock lock(mutex_);
+  const auto& addresses = state_.indexes().address_transactions();
+  const auto found = addresses.find(pubkey_hash);
+  if (found == addresses.end()) {
+    return {};
+  }
+  const std::vector<uint256>& all = found->second;
+  const size_t count = std::min(count_max, all.size());
+  return {all.rbegin(), std::next(all.rbegin(), static_cast<std::ptrdiff_t>(count))};
 }
 
 std::optional<Bytes> Blockchain::get_revealed_key(const std::string& address) const {

@@ -59,6 +59,11 @@ struct ChainOptions {
   uint32_t distribution_interval = TreasuryState().distribution_interval;
   size_t verified_input_count = VerifiedInputs::kEntryCount;
   bool rebuild = false;  // index and state from the block files alone
+
+  // Side-chain blocks whose fork lies deeper than a reorganisation can reach are
+  // stored up to these limits: they cost only their proof of work.
+  uint64_t old_fork_blocks_max = 100'000;
+  uint64_t old_fork_bytes_max = uint64_t{1} << 30;
 };
 
 // What became of an offered block.
@@ -71,6 +76,7 @@ enum class BlockFate {
   INCIDENT,  // clock, depth limit, disk, memory, stop: nobody's fault
 };
 
+// As of the end of add_block(): what waited for the block may have moved the chain.
 struct BlockReport {
   BlockFate fate = BlockFate::INCIDENT;
   // Blocks that waited for this one and are on the active chain now, lowest first.
@@ -91,7 +97,7 @@ struct TemplateBase {
   uint256 best_hash;
   uint32_t next_height = 0;
   uint32_t next_bits = 0;
-  uint32_t prev_time = 0;                   // of the best block, seconds since the Unix epoch
+  uint64_t prev_time = 0;                   // of the best block, seconds since the Unix epoch
   int64_t total_supply = 0;                 // base units
   uint64_t change_number = 0;               // see Blockchain::get_change_number()
   std::optional<Transaction> distribution;  // stands at index 1; may have no outputs
@@ -135,7 +141,7 @@ class Blockchain {
   // ---- Acceptance
 
   // Offers a block. On false, `error` holds the reason. Events for the pool are
-  // applied when it returns.
+  // applied when it returns; where memory ran out, by a later call.
   bool add_block(const Block& block, std::string& error) EXCLUDES(mutex_);
   bool add_block(const Block& block, std::string& error, BlockReport& report) EXCLUDES(mutex_);
 
@@ -219,9 +225,16 @@ class Blockchain {
   std::optional<uint32_t> get_transaction_height(const uint256& txid) const EXCLUDES(mutex_);
   std::optional<Transaction> get_transaction(const uint256& txid) const EXCLUDES(mutex_);
   std::vector<uint256> get_address_transactions(const Bytes& pubkey_hash) const EXCLUDES(mutex_);
+
+  // How many these are, and the last `count_max` of them, newest first.
+  size_t count_address_transactions(const Bytes& pubkey_hash) const EXCLUDES(mutex_);
+  std::vector<uint256> get_newest_address_transactions(const Bytes& pubkey_hash, size_t count_max) const
+      EXCLUDES(mutex_);
+
   std::optional<Bytes> get_revealed_key(const std::string& address) const EXCLUDES(mutex_);
 
-  // Grows with every block connected or taken back.
+  // Grows with every block connected or taken back, and with every attempt at it:
+  // the unspent outputs may have been others for a moment.
   uint64_t get_change_number() const EXCLUDES(mutex_);
 
   // Has a lock of its own; between two blocks only it is consistent.
@@ -242,12 +255,14 @@ class Blockchain {
     BlockFate fate = BlockFate::INCIDENT;  // INVALID or INCIDENT
     uint256 block = {};                    // the stored block that failed, where one did
     bool unreadable = false;               // that block is not on disk as the index says
+    bool stands_as_before = false;         // the chain could not be taken back and is where it was
   };
 
   // ---- Acceptance (blockchain_acceptance.cpp)
   bool accept(const Block& block, std::string& error, BlockReport& report) REQUIRES(mutex_);
   bool accept_one(const Block& block, std::string& error, BlockFate& fate) REQUIRES(mutex_);
   BlockFate accept_orphan(const Block& block, std::string& error) REQUIRES(mutex_);
+  void settle_report(const uint256& hash, BlockReport& report) REQUIRES(mutex_);
   void save_after_block(uint32_t height) REQUIRES(mutex_);
   bool has_bits(const Block& block, const BlockIndex& parent, consensus::RetargetReport report, std::string& error)
       REQUIRES(mutex_);
@@ -261,8 +276,10 @@ class Blockchain {
   void insert_entry(const BlockIndex& entry) REQUIRES(mutex_);
 
   // ---- Reorganisation (blockchain_reorganisation.cpp)
-  std::optional<Failure> reorganise(const uint256& tip_hash) REQUIRES(mutex_);
+  std::optional<Failure> reorganise(uint256 tip_hash) REQUIRES(mutex_);
   std::optional<Failure> go_back_to(uint32_t height) REQUIRES(mutex_);
+  std::optional<BlockUndo> read_tip_undo() REQUIRES(mutex_);
+  bool is_state_whole() const REQUIRES(mutex_);
   std::optional<Failure> replay_down_to(uint32_t height) REQUIRES(mutex_);
   void disconnect_tip(const BlockUndo& undo) REQUIRES(mutex_);
   std::optional<Failure> replay_chain(const std::vector<uint256>& hashes, size_t first) REQUIRES(mutex_);
@@ -272,6 +289,7 @@ class Blockchain {
   std::optional<Failure> switch_to(const std::vector<uint256>& path, uint32_t fork_height) REQUIRES(mutex_);
   std::optional<Failure> switch_back(const std::vector<uint256>& left, uint32_t fork_height) REQUIRES(mutex_);
   void save_after_switch() REQUIRES(mutex_);
+  static void print_switch(const BlockIndex& tip) noexcept;
   void note_failure(const Failure& failure, const std::string& refusal) REQUIRES(mutex_);
   void try_heaviest_branch() REQUIRES(mutex_);
   void refuse_for_depth(const uint256& tip_hash, const std::string& reason) REQUIRES(mutex_);
@@ -281,8 +299,10 @@ class Blockchain {
   bool write_state() REQUIRES(mutex_);
   bool write_snapshot() REQUIRES(mutex_);
   bool save_state_locked() REQUIRES(mutex_);
+  bool try_save_state() noexcept REQUIRES(mutex_);
+  static void warn_not_saved(const char* after) noexcept;
   bool append_block(const Block& block) REQUIRES(mutex_);
-  std::optional<Block> load_block(const uint256& hash) const REQUIRES(mutex_);
+  std::optional<Block> load_block(const uint256& hash, bool* has_failed = nullptr) const REQUIRES(mutex_);
 
   // ---- Start-up (blockchain_start.cpp)
   bool open_directory(std::string& error) REQUIRES(mutex_);
@@ -337,9 +357,11 @@ class Blockchain {
   OrphanPool orphans_ GUARDED_BY(mutex_);
   VerdictLog verdicts_ GUARDED_BY(mutex_);
 
-  std::set<uint256> unsaved_ GUARDED_BY(mutex_);  // entries that the database lacks
-  std::set<uint256> dropped_ GUARDED_BY(mutex_);  // entries that the database has too many
-  bool save_noted_ GUARDED_BY(mutex_) = false;    // by a save_state() inside a write scope
+  // Entries that the database lacks, and those that it has too many. Where memory
+  // ran out they name some too many: what the tree says counts.
+  std::set<uint256> unsaved_ GUARDED_BY(mutex_);
+  std::set<uint256> dropped_ GUARDED_BY(mutex_);
+  bool save_noted_ GUARDED_BY(mutex_) = false;  // by a save_state() inside a write scope
   bool broken_ GUARDED_BY(mutex_) = false;
   bool rebuilding_ GUARDED_BY(mutex_) = false;
   std::optional<ChainTip> saved_tip_ GUARDED_BY(mutex_);  // what the database named at the start

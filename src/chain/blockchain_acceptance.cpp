@@ -18,11 +18,6 @@ namespace {
 // Every so many blocks of the active chain a snapshot is written.
 constexpr uint32_t kSnapshotInterval = 500;
 
-// Side-chain blocks whose fork lies deeper than a reorganisation can reach are
-// stored up to these limits: they cost only their proof of work.
-constexpr uint64_t kOldForkBlocksMax = 100'000;
-constexpr uint64_t kOldForkBytesMax = uint64_t{1} << 30;
-
 // Digits of a hash that a log line shows.
 constexpr size_t kHashDigitsShown = 16;
 
@@ -70,15 +65,29 @@ bool Blockchain::add_block(const Block& block, std::string& error, BlockReport& 
 
 bool Blockchain::accept(const Block& block, std::string& error, BlockReport& report) {
   const bool accepted = accept_one(block, error, report.fate);
+  const uint256 hash = block.get_hash();
   // A block stored on a side chain is a parent too when its branch failed to become the active one.
-  if (report.fate != BlockFate::KNOWN && tree_.find(block.get_hash()) != nullptr) {
-    try {
-      connect_waiting(block.get_hash(), report);
-    } catch (const std::exception&) {
-      // Out of memory: those that waited are fetched again.
-    }
+  if (report.fate == BlockFate::KNOWN || tree_.find(hash) == nullptr) {
+    return accepted;
   }
-  return accepted;
+  try {
+    connect_waiting(hash, report);
+  } catch (const std::exception&) {
+    // Out of memory: those that waited are fetched again.
+  }
+  settle_report(hash, report);
+  return accepted || report.fate == BlockFate::CONNECTED;
+}
+
+// The branch of the block may have become the active one with a block that waited.
+void Blockchain::settle_report(const uint256& hash, BlockReport& report) {
+  std::erase_if(report.from_orphans,
+                [this](const uint256& waited) REQUIRES(mutex_) { return !tree_.is_active(waited); });
+  if (tree_.is_active(hash)) {
+    report.fate = BlockFate::CONNECTED;
+  } else if (report.fate == BlockFate::CONNECTED) {
+    report.fate = BlockFate::SIDE_CHAIN;
+  }
 }
 
 bool Blockchain::accept_one(const Block& block, std::string& error, BlockFate& fate) {
@@ -224,31 +233,34 @@ BlockFate Blockchain::extend_tip(const Block& block, const BlockIndex& entry, st
 }
 
 void Blockchain::save_after_block(uint32_t height) {
-  bool saved = false;
-  try {
-    saved = save_state_locked();
-    if (height % kSnapshotInterval == 0) {
-      write_snapshot();
-    }
-  } catch (const std::exception&) {
-    saved = false;
+  if (!try_save_state()) {
+    warn_not_saved("adding block");
   }
-  if (!saved) {
-    console::error_line("[Blockchain] WARNING: Failed to save state after adding block!");
+  if (height % kSnapshotInterval == 0) {
+    try {
+      write_snapshot();
+    } catch (const std::exception&) {
+      warn_not_saved("adding block");
+    }
   }
 }
 
 // Applies a block whose entry is in the tree. On an exception nothing has changed.
 void Blockchain::connect_block_state(const Block& block, const uint256& hash) {
+  ++change_number_;
   const BlockUndo undo = state_.connect(block, hash);
+  bool is_active = false;
   try {
-    journal_.push(block.height, hash, undo.serialize());
     tree_.push_active(hash);
+    is_active = true;
+    journal_.push(block.height, hash, undo.serialize());
   } catch (...) {
+    if (is_active) {
+      tree_.pop_active();
+    }
     state_.disconnect(undo);
     throw;
   }
-  ++change_number_;
 }
 
 // All or nothing: an entry that is not to be saved would keep its block out.
@@ -265,29 +277,30 @@ void Blockchain::insert_entry(const BlockIndex& entry) {
 
 BlockFate Blockchain::store_side_chain(const Block& block, const BlockIndex& entry, std::string& error) {
   const uint32_t fork_depth = state_.tip_height() - tree_.fork_height(entry.prev_hash);
+  const bool is_old_fork = fork_depth > UndoJournal::kDepth;
   const uint64_t block_bytes = block.size();
-  if (fork_depth > UndoJournal::kDepth) {
-    if (old_fork_count_ >= kOldForkBlocksMax || old_fork_bytes_ + block_bytes > kOldForkBytesMax) {
-      error = "Side-chain block not stored: room for old forks is used up (fork " + std::to_string(fork_depth) +
-              " blocks below the tip)";
-      return BlockFate::INCIDENT;
-    }
+  if (is_old_fork && (old_fork_count_ >= options_.old_fork_blocks_max ||
+                      old_fork_bytes_ + block_bytes > options_.old_fork_bytes_max)) {
+    error = "Side-chain block not stored: room for old forks is used up (fork " + std::to_string(fork_depth) +
+            " blocks below the tip)";
+    return BlockFate::INCIDENT;
   }
+  const std::string line = "[Blockchain] Side-chain block accepted at height " + std::to_string(entry.height) +
+                           " (hash " + entry.hash.to_hex().substr(0, kHashDigitsShown) + "...)\n";
   if (!append_block(block)) {
     error = "Failed to save block to disk";
     return BlockFate::INCIDENT;
   }
-  if (fork_depth > UndoJournal::kDepth) {
+  insert_entry(entry);
+  if (is_old_fork) {
     ++old_fork_count_;
     old_fork_bytes_ += block_bytes;
   }
-  insert_entry(entry);
-  console::write_out("[Blockchain] Side-chain block accepted at height " + std::to_string(entry.height) + " (hash " +
-                     entry.hash.to_hex().substr(0, kHashDigitsShown) + "...)\n");
+  console::write_out(line);
   if (tree_.find(state_.tip_hash())->chain_work < entry.chain_work) {
     return switch_branch(entry, error);
   }
-  save_state_locked();
+  try_save_state();
   return BlockFate::SIDE_CHAIN;
 }
 
@@ -295,20 +308,20 @@ BlockFate Blockchain::store_side_chain(const Block& block, const BlockIndex& ent
 BlockFate Blockchain::switch_branch(const BlockIndex& entry, std::string& error) {
   const std::optional<Failure> failure = reorganise(entry.hash);
   if (!failure) {
-    console::write_out("[Blockchain] REORG complete. New best chain: height " + std::to_string(entry.height) + " tip " +
-                       entry.hash.to_hex() + "\n");
-    save_state_locked();
+    print_switch(entry);
+    try_save_state();
     return BlockFate::CONNECTED;
   }
   error = kReorgFailed + failure->reason;
-  if (failure->fate == BlockFate::INVALID) {
+  if (failure->fate == BlockFate::INVALID || failure->unreadable) {
     try_heaviest_branch();
   }
-  save_state_locked();
+  try_save_state();
   return failure->fate;
 }
 
 // In a loop, not by recursion: a chain of parked blocks may be as long as the pool.
+// Reports all that are stored now, lowest first.
 void Blockchain::connect_waiting(const uint256& parent_hash, BlockReport& report) {
   std::deque<uint256> parents = {parent_hash};
   for (; !parents.empty(); parents.pop_front()) {
@@ -320,10 +333,8 @@ void Blockchain::connect_waiting(const uint256& parent_hash, BlockReport& report
       } catch (const std::exception&) {
         // Out of memory: the block is fetched again.
       }
-      if (fate == BlockFate::CONNECTED) {
-        report.from_orphans.push_back(child->get_hash());
-      }
       if (fate != BlockFate::KNOWN && tree_.find(child->get_hash()) != nullptr) {
+        report.from_orphans.push_back(child->get_hash());
         parents.push_back(child->get_hash());
       }
     }

@@ -44,7 +44,7 @@ bool Blockchain::attempt_reorg(const uint256& tip_hash, std::string& error) {
     } else {
       done = true;
     }
-    save_state_locked();
+    try_save_state();
   } catch (const std::exception& failure) {
     error = failure.what();
   }
@@ -52,7 +52,7 @@ bool Blockchain::attempt_reorg(const uint256& tip_hash, std::string& error) {
   return done;
 }
 
-std::optional<Blockchain::Failure> Blockchain::reorganise(const uint256& tip_hash) {
+std::optional<Blockchain::Failure> Blockchain::reorganise(uint256 tip_hash) {
   const auto path = tree_.get_chain_path(tip_hash);
   if (!path) {
     return Failure{"candidate tip has a broken ancestry"};
@@ -88,7 +88,7 @@ std::optional<Blockchain::Failure> Blockchain::reorganise(const uint256& tip_has
   if (!second) {
     const std::string refusal = "candidate branch failed validation: " + failure->reason;
     note_failure(*failure, refusal);
-    return Failure{refusal, failure->fate};
+    return Failure{refusal, failure->fate, failure->block, failure->unreadable};
   }
   declare_broken();
   const std::string reason = "candidate branch invalid (" + failure->reason +
@@ -151,6 +151,7 @@ void Blockchain::note_failure(const Failure& failure, const std::string& refusal
     tree_.mark_bad(failure.block, verdicts_.remember(failure.block, kReorgFailed + refusal));
   } else if (failure.unreadable) {
     drop_branch(failure.block);
+    count_old_forks();
   }
 }
 
@@ -158,27 +159,52 @@ void Blockchain::save_after_switch() {
   try {
     write_snapshot();
   } catch (const std::exception&) {
-    console::error_line("[Blockchain] WARNING: Failed to save state after a reorganisation!");
+    warn_not_saved("a reorganisation");
+  }
+}
+
+void Blockchain::print_switch(const BlockIndex& tip) noexcept {
+  try {
+    console::write_out("[Blockchain] REORG complete. New best chain: height " + std::to_string(tip.height) + " tip " +
+                       tip.hash.to_hex() + "\n");
+  } catch (const std::exception&) {
+    // No memory for the line; the switch is done all the same.
   }
 }
 
 // Takes the tip back to `height`, a height of the active chain.
 std::optional<Blockchain::Failure> Blockchain::go_back_to(uint32_t height) {
+  bool has_adopted = false;
   while (state_.tip_height() > height) {
-    const auto record = journal_.tip_record(state_.tip_hash());
-    if (!record) {
+    if (const auto undo = read_tip_undo()) {
+      disconnect_tip(*undo);
+    } else if (has_adopted) {
       return replay_down_to(height);
+    } else {
+      adopt_undo_records();  // the file may hold older ones than memory
+      has_adopted = true;
     }
-    BlockUndo undo;
-    try {
-      undo = BlockUndo::deserialize(*record);
-    } catch (const std::runtime_error&) {
-      journal_.clear();
-      return replay_down_to(height);
-    }
-    disconnect_tip(undo);
   }
   return std::nullopt;
+}
+
+// What takes the tip back, where the journal in memory has it; else the journal is empty.
+std::optional<BlockUndo> Blockchain::read_tip_undo() {
+  if (const auto record = journal_.tip_record(state_.tip_hash())) {
+    try {
+      return BlockUndo::deserialize(*record);
+    } catch (const std::runtime_error&) {
+      // Replay does without it.
+    }
+  }
+  journal_.clear();
+  return std::nullopt;
+}
+
+// False when a replay was broken off between the state and the hashes by height.
+bool Blockchain::is_state_whole() const {
+  return !state_.empty() && tree_.active().size() == size_t{state_.tip_height()} + 1 &&
+         tree_.active().back() == state_.tip_hash();
 }
 
 void Blockchain::disconnect_tip(const BlockUndo& undo) {
@@ -189,10 +215,11 @@ void Blockchain::disconnect_tip(const BlockUndo& undo) {
 }
 
 // As go_back_to(), without undo records: from the snapshot or the genesis block
-// up. On failure the state is as it was.
+// up. On failure the state is as it was, and the failure says so, or lost where
+// that fails too.
 std::optional<Blockchain::Failure> Blockchain::replay_down_to(uint32_t height) {
   const Bytes backup = state_.to_snapshot();
-  const std::vector<uint256> active = tree_.active();
+  std::vector<uint256> active = tree_.active();
   const std::vector<uint256> path(active.begin(), active.begin() + height + 1);
   std::optional<Failure> failure;
   try {
@@ -210,11 +237,13 @@ std::optional<Blockchain::Failure> Blockchain::replay_down_to(uint32_t height) {
     return Failure{"state could not be restored: " + reason};
   }
   state_.restore(std::move(data));
-  tree_.set_active(active);
+  tree_.set_active(std::move(active));
   journal_.clear();
-  adopt_undo_records();
   ++change_number_;
-  return Failure{failure->reason};
+  adopt_undo_records();
+  Failure kept{std::move(failure->reason)};
+  kept.stands_as_before = true;
+  return kept;
 }
 
 // Connects the blocks of `hashes` from index `first` on, with every check but
@@ -240,7 +269,8 @@ std::optional<Blockchain::Failure> Blockchain::replay_block(const uint256& hash)
     return Failure{"Node is stopping"};
   }
   const BlockIndex& entry = *tree_.find(hash);
-  const std::optional<Block> block = load_block(hash);
+  bool has_failed = false;
+  const std::optional<Block> block = load_block(hash, &has_failed);
   std::string reason;
   const bool is_as_indexed =
       block && block->height == entry.height && block->header.prev_hash == entry.prev_hash &&
@@ -248,7 +278,7 @@ std::optional<Blockchain::Failure> Blockchain::replay_block(const uint256& hash)
       (entry.height == 0 || has_bits(*block, *tree_.find(entry.prev_hash), consensus::RetargetReport::SILENT, reason));
   if (!is_as_indexed) {
     return Failure{"block " + hash.to_hex() + " at height " + std::to_string(entry.height) + " cannot be read",
-                   BlockFate::INCIDENT, hash, true};
+                   BlockFate::INCIDENT, hash, !has_failed};
   }
   std::optional<Failure> failure;
   if (!validate_context_free(*block, ClockRule::SKIP, reason)) {
@@ -267,6 +297,9 @@ std::optional<Blockchain::Failure> Blockchain::replay_block(const uint256& hash)
 // Brings back the chain that a failed reorganisation left: `hashes` above
 // `fork_height`. They were valid before, so nothing is checked again.
 std::optional<Blockchain::Failure> Blockchain::restore_chain(uint32_t fork_height, const std::vector<uint256>& hashes) {
+  if (!is_state_whole() || state_.tip_height() < fork_height) {
+    return Failure{"state was lost"};
+  }
   uint32_t height = fork_height;
   while (height < state_.tip_height() && height - fork_height < hashes.size() &&
          tree_.active()[height + 1] == hashes[height - fork_height]) {
@@ -291,19 +324,21 @@ void Blockchain::try_heaviest_branch() {
   std::set<uint256> tried;
   while (!broken_) {
     const uint256 best_work = tree_.find(state_.tip_hash())->chain_work;
-    const BlockIndex* candidate = tree_.heaviest(std::nullopt, [&](const BlockIndex& entry) REQUIRES(mutex_) {
-      return best_work < entry.chain_work && state_.tip_height() - tree_.fork_height(entry.hash) <= UndoJournal::kDepth;
+    const BlockIndex* found = tree_.heaviest(std::nullopt, [&](const BlockIndex& entry) REQUIRES(mutex_) {
+      return best_work < entry.chain_work && !tried.contains(entry.hash) &&
+             state_.tip_height() - tree_.fork_height(entry.hash) <= UndoJournal::kDepth;
     });
-    if (candidate == nullptr) {
+    if (found == nullptr) {
       return;
     }
-    const std::string tip = "height " + std::to_string(candidate->height) + " tip " + candidate->hash.to_hex();
-    const std::optional<Failure> failure = reorganise(candidate->hash);
+    const BlockIndex candidate = *found;  // its entry may be dropped
+    tried.insert(candidate.hash);
+    const std::optional<Failure> failure = reorganise(candidate.hash);
     if (!failure) {
-      console::write_out("[Blockchain] REORG complete. New best chain: " + tip + "\n");
+      print_switch(candidate);
       return;
     }
-    if (failure->fate != BlockFate::INVALID) {
+    if (failure->fate != BlockFate::INVALID && !failure->unreadable) {
       return;
     }
   }

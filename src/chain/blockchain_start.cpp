@@ -245,6 +245,12 @@ bool Blockchain::activate(std::string& error) {
       break;
     }
     const bool is_invalid = failure->fate == BlockFate::INVALID;
+    if (failure->stands_as_before && !stop_ && is_state_whole()) {
+      whole = false;
+      console::error_line("[Blockchain] Chain stays at height " + std::to_string(state_.tip_height()) +
+                          ", it cannot be taken back: " + failure->reason);
+      break;
+    }
     if (stop_ || state_.empty() || (!is_invalid && !failure->unreadable)) {
       return fail(error, failure->reason);
     }
@@ -367,10 +373,11 @@ bool Blockchain::restore_snapshot(const std::vector<uint256>& path, std::string&
   if (height >= path.size() || path[height] != data.header.tip_hash) {
     return fail(reason, "snapshot tip not on active chain");
   }
+  std::vector<uint256> active(path.begin(), path.begin() + height + 1);
+  ++change_number_;
   state_.restore(std::move(data));
   journal_.clear();
-  tree_.set_active({path.begin(), path.begin() + height + 1});
-  ++change_number_;
+  tree_.set_active(std::move(active));
   return true;
 }
 
@@ -387,20 +394,26 @@ void Blockchain::adopt_undo_records() {
 }
 
 void Blockchain::count_old_forks() {
-  old_fork_count_ = 0;
-  old_fork_bytes_ = 0;
+  uint64_t count = 0;
+  uint64_t bytes = 0;
   for (const auto& [hash, entry] : tree_.all()) {
-    if (!tree_.is_active(hash) && state_.tip_height() - tree_.fork_height(hash) > UndoJournal::kDepth) {
-      ++old_fork_count_;
-      old_fork_bytes_ += files_.record_bytes(entry.file_name, hash);
+    if (!state_.empty() && !tree_.is_active(hash) &&
+        state_.tip_height() - tree_.fork_height(hash) > UndoJournal::kDepth) {
+      ++count;
+      bytes += files_.record_bytes(entry.file_name, hash);
     }
   }
+  old_fork_count_ = count;
+  old_fork_bytes_ = bytes;
 }
 
+// All or nothing: a part of the branch without its parents would be no tree.
 void Blockchain::drop_branch(const uint256& hash) {
-  for (const uint256& member : tree_.erase_branch(hash)) {
-    unsaved_.erase(member);
-    dropped_.insert(member);
+  const std::vector<uint256> branch = tree_.with_descendants(hash);
+  dropped_.insert(branch.begin(), branch.end());
+  for (auto member = branch.rbegin(); member != branch.rend(); ++member) {
+    unsaved_.erase(*member);
+    tree_.erase_leaf(*member);
   }
 }
 

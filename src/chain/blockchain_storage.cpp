@@ -1,6 +1,7 @@
 // The members of Blockchain that move blocks and state between memory and disk.
 
 #include <algorithm>
+#include <utility>
 
 #include "chain/blockchain.h"
 #include "core/console.h"
@@ -30,13 +31,16 @@ std::optional<Block> Blockchain::load_block_from_disk(const uint256& hash) const
   return load_block(hash);
 }
 
-std::optional<Block> Blockchain::load_block(const uint256& hash) const {
+std::optional<Block> Blockchain::load_block(const uint256& hash, bool* has_failed) const {
   const BlockIndex* entry = tree_.find(hash);
   if (entry == nullptr) {
+    if (has_failed != nullptr) {
+      *has_failed = false;
+    }
     console::error_line("[Blockchain] Block hash not found in index: " + hash.to_hex());
     return std::nullopt;
   }
-  return files_.load(entry->file_name, hash, entry->height);
+  return files_.load(entry->file_name, hash, entry->height, has_failed);
 }
 
 std::optional<Block> Blockchain::load_block_from_file(const std::string& path, size_t record_index) const {
@@ -58,6 +62,24 @@ bool Blockchain::save_state_locked() {
   return open_scopes_ > 0 || write_state();
 }
 
+// After a change that stays, whatever becomes of its saving: that is tried again
+// by the next call.
+bool Blockchain::try_save_state() noexcept {
+  try {
+    return save_state_locked();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void Blockchain::warn_not_saved(const char* after) noexcept {
+  try {
+    console::error_line(std::string("[Blockchain] WARNING: Failed to save state after ") + after + "!");
+  } catch (const std::exception&) {
+    // No memory for the line either.
+  }
+}
+
 // Blocks first, so that the database never names one that is not on disk.
 bool Blockchain::write_state() {
   if (broken_ || state_.empty() || !files_.sync()) {
@@ -70,9 +92,15 @@ bool Blockchain::write_state() {
   update.tip = {state_.tip_hash(), state_.tip_height(), state_.total_supply()};
   update.treasury = &state_.treasury();
   for (const uint256& hash : unsaved_) {
-    update.changed.push_back(tree_.find(hash));
+    if (const BlockIndex* entry = tree_.find(hash)) {
+      update.changed.push_back(entry);
+    }
   }
-  update.dropped.assign(dropped_.begin(), dropped_.end());
+  for (const uint256& hash : dropped_) {
+    if (tree_.find(hash) == nullptr) {
+      update.dropped.push_back(hash);
+    }
+  }
   if (!database_.write(update, tree_.all())) {
     return false;
   }
@@ -93,17 +121,20 @@ bool Blockchain::load_state() {
   if (database_.read(content) != StateDatabase::ReadResult::READ) {
     return false;
   }
-  const std::vector<uint256> active = tree_.active();
-  for (const uint256& hash : active) {
+  for (const uint256& hash : tree_.active()) {
     unsaved_.insert(hash);
     content.index.insert_or_assign(hash, *tree_.find(hash));
   }
-  for (const uint256& hash : tree_.assign(content.index)) {
+  BlockTree loaded;
+  for (const uint256& hash : loaded.assign(content.index)) {
     dropped_.insert(hash);
   }
+  loaded.set_active(tree_.active());
+  loaded.mark_bad(verdicts_);
+  tree_ = std::move(loaded);
   std::erase_if(dropped_, [this](const uint256& hash) REQUIRES(mutex_) { return tree_.find(hash) != nullptr; });
   std::erase_if(unsaved_, [this](const uint256& hash) REQUIRES(mutex_) { return tree_.find(hash) == nullptr; });
-  tree_.set_active(active);
+  count_old_forks();
   return true;
 }
 

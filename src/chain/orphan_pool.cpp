@@ -31,7 +31,8 @@ bool OrphanPool::park(const Block& block, uint64_t now_s) {
     return static_cast<size_t>(std::ranges::count_if(entries_, is_twin)) < kTwinsMax;
   };
   const auto has_room = [&] { return entries_.size() < kBlocksMax && entry.bytes.size() <= kBytesMax - total_bytes(); };
-  // Twins that look wrong make room for a block that does not.
+  // Blocks that look wrong make room for one that does not: twins for their twin,
+  // any of them where the pool is full.
   while (!has_twins_to_spare() || !has_room()) {
     const auto doubtful = std::ranges::find_if(
         entries_, [&](const Entry& other) { return !other.is_plausible && (has_twins_to_spare() || is_twin(other)); });

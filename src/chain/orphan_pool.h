@@ -2,10 +2,11 @@
 //
 // Limits: kBlocksMax blocks and kBytesMax bytes; one entry for the same bytes
 // and kTwinsMax for the same header hash, so that a twin with another height
-// field neither keeps the true block out nor fills the pool; twins whose height
-// disagrees with their coinbase make room for blocks that agree; entries leave
-// after kAgeMaxSeconds. Blocks are held serialized: decoded ones can take many times
-// as much memory, which would make the limit in bytes an idle word.
+// field neither keeps the true block out nor fills the pool; blocks whose height
+// field disagrees with their coinbase make room for those that agree, whatever
+// their hash; entries leave after kAgeMaxSeconds. Blocks are held serialized:
+// decoded ones can take many times as much memory, which would make the limit in
+// bytes an idle word.
 //
 // Threads: single-threaded; the chain's lock guards it.
 

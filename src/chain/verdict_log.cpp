@@ -3,13 +3,22 @@
 namespace norvel {
 
 std::shared_ptr<BlockVerdict> VerdictLog::remember(const uint256& hash, const std::string& reason) {
-  forget(hash);
-  while (verdicts_.size() >= kVerdictsMax) {
-    forget(by_age_.front()->hash);
+  if (const auto known = verdicts_.find(hash); known != verdicts_.end()) {
+    known->second->reason = reason;
+    return known->second;
   }
   auto verdict = std::make_shared<BlockVerdict>(BlockVerdict{hash, reason});
-  by_age_.push_back(verdict);
+  for (; by_age_.size() >= kVerdictsMax; by_age_.pop_front()) {
+    by_age_.front()->forgotten = true;
+    verdicts_.erase(by_age_.front()->hash);
+  }
   verdicts_.emplace(hash, verdict);
+  try {
+    by_age_.push_back(verdict);
+  } catch (...) {
+    verdicts_.erase(hash);
+    throw;
+  }
   return verdict;
 }
 
@@ -26,16 +35,6 @@ void VerdictLog::inherit(const uint256& hash, const std::shared_ptr<BlockVerdict
     inherited_.clear();
   }
   inherited_[hash] = verdict;
-}
-
-void VerdictLog::forget(const uint256& hash) {
-  const auto found = verdicts_.find(hash);
-  if (found == verdicts_.end()) {
-    return;
-  }
-  found->second->forgotten = true;
-  std::erase(by_age_, found->second);
-  verdicts_.erase(found);
 }
 
 }  // namespace norvel

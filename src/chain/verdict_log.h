@@ -29,7 +29,8 @@ class VerdictLog {
  public:
   static constexpr size_t kVerdictsMax = 10'000;
 
-  // Replaces an earlier verdict on the same hash.
+  // On a hash that is known, the verdict stays with its age and everyone who
+  // inherited it, and gets the new reason. On an exception (memory) none is added.
   std::shared_ptr<BlockVerdict> remember(const uint256& hash, const std::string& reason);
 
   // Remembers a block that was refused because it descends from a bad one, so
@@ -42,8 +43,6 @@ class VerdictLog {
   size_t size() const { return verdicts_.size(); }
 
  private:
-  void forget(const uint256& hash);
-
   std::map<uint256, std::shared_ptr<BlockVerdict>> verdicts_;
   std::deque<std::shared_ptr<BlockVerdict>> by_age_;
   std::map<uint256, std::shared_ptr<BlockVerdict>> inherited_;  // at most kVerdictsMax

@@ -139,10 +139,23 @@ std::optional<OutPoint> TransactionAdmission::copy_spent(const std::vector<OutPo
   return std::nullopt;
 }
 
-// The rules of blocks stand before policy, signatures included, so that whoever
-// breaks one is blamed.
+// A check that ran out of memory, this one or another that ran beside it, blames
+// nobody.
 AdmissionOutcome TransactionAdmission::check(const Transaction& tx, const OutputsByOutpoint& spent, Policy policy,
                                              std::string& reason) const {
+  const uint64_t memory_faults = ScriptInterpreter::memory_fault_count();
+  const AdmissionOutcome outcome = check_rules(tx, spent, policy, reason);
+  if (outcome == AdmissionOutcome::INVALID && ScriptInterpreter::memory_fault_count() != memory_faults) {
+    reason = "not enough memory to check it";
+    return AdmissionOutcome::NOT_TAKEN;
+  }
+  return outcome;
+}
+
+// The rules of blocks stand before policy, signatures included, so that whoever
+// breaks one is blamed.
+AdmissionOutcome TransactionAdmission::check_rules(const Transaction& tx, const OutputsByOutpoint& spent, Policy policy,
+                                                   std::string& reason) const {
   if (policy == Policy::RELAY) {
     const AdmissionOutcome verdict = check_scripts(tx, spent, reason);
     if (verdict != AdmissionOutcome::ACCEPTED) {

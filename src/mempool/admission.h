@@ -94,6 +94,8 @@ class TransactionAdmission {
                                      bool& spends_pool) const;
   AdmissionOutcome check(const Transaction& tx, const OutputsByOutpoint& spent, Policy policy,
                          std::string& reason) const;
+  AdmissionOutcome check_rules(const Transaction& tx, const OutputsByOutpoint& spent, Policy policy,
+                               std::string& reason) const;
   AdmissionOutcome check_scripts(const Transaction& tx, const OutputsByOutpoint& spent, std::string& reason) const;
   void remove_stranded_by_eviction();
   AdmissionOutcome confirm(const Transaction& tx, std::string& reason);

@@ -168,6 +168,26 @@ TEST_F(BlockFilesTest, AppendsRecordsOfLengthAndBlock) {
   EXPECT_FALSE(BlockFiles::load_from_file(path + "x", 0));
 }
 
+TEST_F(BlockFilesTest, AReadThatFailsSaysNothingAboutTheRecord) {
+  write(whole());
+  bool has_failed = true;
+  EXPECT_FALSE(files_.load(kName, hash(0), 8, &has_failed));
+  EXPECT_FALSE(has_failed) << "no such record";
+  EXPECT_FALSE(files_.load("blk00009.dat", hash(0), 9'000, &has_failed));
+  EXPECT_TRUE(has_failed) << "no file";
+  EXPECT_TRUE(files_.load(kName, hash(0), blocks_[0].height, &has_failed));
+  EXPECT_FALSE(has_failed);
+
+  rlimit limit = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit none = {0, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const auto block = files_.load(kName, hash(0), blocks_[0].height, &has_failed);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  EXPECT_FALSE(block);
+  EXPECT_TRUE(has_failed) << "no descriptor";
+}
+
 TEST_F(BlockFilesTest, ALookUpStopsWhereLengthsEnd) {
   const std::string size_error = "[Blockchain] ERROR: Invalid block size read from disk: 10000001\n";
   const struct {

@@ -12,16 +12,18 @@
 namespace norvel {
 namespace {
 
-// Changes the last byte of the first record of `block`, so that its body no longer fits its header.
+// Changes the last byte of the first record of `block`, so that its body no longer fits its header; a second time
+// back again.
 void damage_stored_block(const std::string& path, const Block& block) {
   std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
   std::string content((std::istreambuf_iterator<char>(file)), {});
   const Bytes bytes = block.serialize();
-  const size_t at = content.find(std::string(bytes.begin(), bytes.end()));
+  const size_t at = content.find(std::string(bytes.begin(), bytes.end() - 1));
   ASSERT_NE(at, std::string::npos);
+  const size_t last = at + bytes.size() - 1;
   file.clear();
-  file.seekp(static_cast<std::streamoff>(at + bytes.size() - 1));
-  file.put(static_cast<char>(bytes.back() ^ 1));
+  file.seekp(static_cast<std::streamoff>(last));
+  file.put(static_cast<char>(content.at(last) ^ 1));
 }
 
 TEST(Blockchain, StartsWithTheGenesisBlockAndComesBackToItsTip) {
@@ -95,6 +97,76 @@ TEST(Blockchain, ConnectsParkedBlocksInOneCall) {
   EXPECT_TRUE(scene.chain().add_block(branch[0], error, report)) << error;
   EXPECT_EQ(report.from_orphans.size(), 29u);
   EXPECT_EQ(scene.chain().get_best_hash(), branch.back().get_hash());
+}
+
+TEST(Blockchain, ReportsParkedBlocksThatCameOntoTheActiveChainByASwitch) {
+  ChainScene scene;
+  const Block fork = scene.extend();
+  scene.add_all(make_branch(fork, 2, {.message = "active"}));
+  const std::vector<Block> side = make_branch(fork, 4, {.message = "side"});
+  const Block lighter = make_child(side[1], {.message = "lighter"});
+  std::string error;
+  for (const Block& block : {side[3], side[2], lighter, side[1]}) {
+    EXPECT_FALSE(scene.chain().add_block(block, error));
+  }
+  BlockReport report;
+  EXPECT_TRUE(scene.chain().add_block(side[0], error, report)) << error;
+  EXPECT_EQ(report.fate, BlockFate::CONNECTED);
+  const std::vector<uint256> want = {side[1].get_hash(), side[2].get_hash(), side[3].get_hash()};
+  EXPECT_EQ(report.from_orphans, want) << "without the one that stays on a side chain";
+}
+
+TEST(Blockchain, StoresOldForksUpToTheirLimits) {
+  const std::vector<Block> active = make_branch(make_genesis_block(), 721, {.message = "active"});
+  const std::vector<Block> old = make_branch(make_genesis_block(), 4, {.message = "old"});
+  const Block recent = make_child(active[0], {.message = "recent"});
+  const struct {
+    const char* label;
+    uint64_t blocks_max;
+    uint64_t bytes_max;
+    size_t stored_count;
+  } rows[] = {
+      {"blocks", 3, 1'000'000, 3},
+      {"bytes, reached", 100, 3 * old[0].size(), 3},
+      {"bytes, one fewer", 100, 3 * old[0].size() - 1, 2},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    ChainOptions options = small_options();
+    options.old_fork_blocks_max = row.blocks_max;
+    options.old_fork_bytes_max = row.bytes_max;
+    ChainScene scene(options);
+    {
+      const Blockchain::WriteScope scope(scene.chain());
+      scene.add_all(active);
+    }
+    scene.add_all({old.begin(), old.begin() + static_cast<std::ptrdiff_t>(row.stored_count)});
+    const std::string want =
+        "Side-chain block not stored: room for old forks is used up (fork 721 blocks below the tip)";
+    EXPECT_EQ(scene.refusal(old[row.stored_count]), want);
+    scene.add(recent);
+    scene.reopen();
+    EXPECT_EQ(scene.refusal(old[row.stored_count]), want) << "after a restart";
+  }
+}
+
+TEST(Blockchain, GivesATemplateWhatItIsBuiltOn) {
+  ChainScene scene;
+  const Block first = scene.extend();
+  const auto coin = output_of(first.transactions[0]);
+  const Transaction parent = pay(sample_key(1), {coin}, {coin.second.value});
+  const Transaction child = pay(sample_key(2), {output_of(parent)}, {coin.second.value});
+  std::map<OutPoint, TxOut> outputs = {{{uint256(uint64_t{7}), 0}, TxOut()}};
+  const TemplateBase base = scene.chain().read_template_base({parent, child}, outputs);
+  EXPECT_EQ(base.best_hash, first.get_hash());
+  EXPECT_EQ(base.next_height, 2u);
+  EXPECT_EQ(base.next_bits, make_child(first).header.bits);
+  EXPECT_EQ(base.prev_time, first.header.timestamp);
+  EXPECT_EQ(base.total_supply, 2 * kInitialSubsidy);
+  EXPECT_FALSE(base.distribution_required);
+  ASSERT_EQ(outputs.size(), 1u) << "those of the chain only";
+  EXPECT_EQ(outputs.begin()->first, coin.first);
+  EXPECT_EQ(outputs.begin()->second.value, coin.second.value);
 }
 
 TEST(Blockchain, ReorganisesSevenHundredAndTwentyBlocksAndNotOneMore) {
@@ -185,6 +257,28 @@ TEST(Blockchain, ADamagedCandidateIsFetchedAgain) {
   EXPECT_EQ(scene.chain().get_best_hash(), heavier[2].get_hash());
 }
 
+TEST(Blockchain, AfterADamagedCandidateTheNextHeaviestBranchIsTried) {
+  ChainScene scene;
+  const std::string path = scene.directory() / "blk00000.dat";
+  const Block fork = scene.extend();
+  const std::vector<Block> active = make_branch(fork, 2, {.message = "active"});
+  const std::vector<Block> damaged = make_branch(fork, 4, {.message = "damaged"});
+  const std::vector<Block> whole = make_branch(fork, 3, {.message = "whole"});
+  scene.add_all(active);
+  scene.add_all({damaged.begin(), damaged.begin() + 2});
+  scene.add_all({whole.begin(), whole.begin() + 2});
+  // An active block that cannot be read for a while keeps the heavier branch out.
+  damage_stored_block(path, active[0]);
+  scene.refusal(whole[2]);
+  damage_stored_block(path, active[0]);
+  ASSERT_EQ(scene.chain().get_best_hash(), active[1].get_hash());
+  damage_stored_block(path, damaged[1]);
+  std::string error;
+  EXPECT_FALSE(scene.chain().add_block(damaged[2], error));
+  EXPECT_NE(error.find("cannot be read"), std::string::npos) << error;
+  EXPECT_EQ(scene.chain().get_best_hash(), whole[2].get_hash());
+}
+
 TEST(Blockchain, AStopEndsWorkWithoutBlame) {
   ChainScene scene;
   const Block next = make_child(scene.tip());
@@ -262,6 +356,8 @@ TEST(Blockchain, PassesEveryKindOfDistributionHeight) {
   scene.extend({.miner = 2});
   EXPECT_TRUE(scene.chain().requires_distribution(4));
   EXPECT_FALSE(scene.chain().build_distribution_tx(4)) << "it has no outputs";
+  std::map<OutPoint, TxOut> outputs;
+  EXPECT_TRUE(scene.chain().read_template_base({}, outputs).distribution_required);
   scene.extend({.txs = {*scene.chain().required_distribution_tx(4)}, .miner = 1});
   EXPECT_EQ(scene.chain().get_treasury_balance(), 50);
 

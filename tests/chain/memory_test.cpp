@@ -58,14 +58,21 @@ struct Outcome {
 
 // A switch of branches in which the allocations from `first` on fail, `count` of
 // them; the chain stays on one of the two branches or says that it is lost, and
-// afterwards gets where it should.
-Outcome switch_without_memory(uint64_t first, uint64_t count) {
+// afterwards gets where it should. Without the journal the state at the fork is
+// reached by a replay.
+Outcome switch_without_memory(uint64_t first, uint64_t count, bool has_journal = true) {
   ChainScene scene;
   const Block fork = scene.extend();
   const std::vector<Block> active = make_branch(fork, 2, {.message = "active"});
   const std::vector<Block> heavier = make_branch(fork, 3, {.message = "heavier"});
   scene.add_all(active);
   scene.add_all({heavier.begin(), heavier.begin() + 2});
+  if (!has_journal) {
+    EXPECT_TRUE(scene.chain().save_snapshot());
+    scene.close();
+    std::filesystem::remove(scene.directory() / "undo.dat");
+    scene.reopen();
+  }
   const Bytes before = scene.chain().get_snapshot_bytes();
 
   std::string error;
@@ -105,6 +112,18 @@ TEST(MemoryRunsOut, OnceDuringASwitchOfBranchesAndNothingIsLost) {
     ASSERT_FALSE(testing::Test::HasFailure()) << "allocation " << first;
   }
   EXPECT_GT(first, 100u);
+}
+
+TEST(MemoryRunsOut, DuringASwitchWithoutTheJournal) {
+  for (const uint64_t count : {uint64_t{0}, uint64_t{3}, uint64_t{40}}) {
+    bool fired = true;
+    for (uint64_t first = 1; fired; first += 13) {
+      const Outcome outcome = switch_without_memory(first, count, false);
+      ASSERT_FALSE(testing::Test::HasFailure()) << count << " from allocation " << first;
+      EXPECT_FALSE(outcome.broken && count == 0) << "allocation " << first;
+      fired = outcome.fired;
+    }
+  }
 }
 
 TEST(MemoryRunsOut, ForLongAndTheNextStartRebuilds) {

@@ -16,10 +16,12 @@ constexpr int64_t kFee = 20'000;
 
 // Blocks 1 to 3, of which block 3 has paid a fee, so that block 4 freezes a pool
 // for the distribution at height 5. Coins of blocks 1 and 2 belong to key 1.
+// Without the fee nothing is due there.
 struct Past {
-  Past() {
+  explicit Past(bool pays_fee) {
+    const int64_t fee = pays_fee ? 50'000 : 0;
     blocks = make_branch(make_genesis_block(), 2);
-    blocks.push_back(make_child(blocks[1], {.txs = {spend(0, 50'000)}, .fees = 50'000}));
+    blocks.push_back(make_child(blocks[1], {.txs = {spend(0, fee)}, .fees = fee}));
   }
 
   std::pair<OutPoint, TxOut> coin(size_t index) const { return output_of(blocks[index].transactions[0]); }
@@ -37,6 +39,7 @@ struct Scene {
   std::function<Block(const Past&, const Block& parent)> make;
   uint32_t parent_height;
   std::string reason;
+  bool pays_fee = true;
 
   friend void PrintTo(const Scene& scene, std::ostream* out) { *out << scene.label; }
 };
@@ -157,6 +160,9 @@ std::vector<Scene> scenes() {
       {"a distribution too early",
        [](const Past&, const Block& parent) { return with_transaction(parent, distribution()); }, 3,
        "TREASURY_DISTRIBUTION tx found at non-distribution height 4"},
+      {"a distribution that is not due",
+       [](const Past&, const Block& parent) { return with_transaction(parent, distribution()); }, 4,
+       "Block contains unexpected TREASURY_DISTRIBUTION tx (no pending distribution)", false},
       {"no distribution", [](const Past&, const Block& parent) { return make_child(parent); }, 4,
        "Block at distribution height 5 must include a TREASURY_DISTRIBUTION transaction"},
       {"too much distributed",
@@ -167,7 +173,7 @@ std::vector<Scene> scenes() {
 
 class RefusalScenes : public testing::TestWithParam<Scene> {
  protected:
-  RefusalScenes() : scene_(small_options(kInterval)) {
+  RefusalScenes() : past_(GetParam().pays_fee), scene_(small_options(kInterval)) {
     scene_.add_all(past_.blocks);
     if (GetParam().parent_height == 4) {
       scene_.extend();
@@ -189,7 +195,7 @@ TEST_P(RefusalScenes, OnTheTip) {
 }
 
 TEST_P(RefusalScenes, OnASideChainThatBecomesTheHeaviest) {
-  if (GetParam().parent_height == 4) {
+  if (GetParam().parent_height == 4 && GetParam().pays_fee) {
     scene_.add(make_child(parent_, {.txs = {distribution()}, .message = "active"}));
   } else {
     scene_.extend({.message = "active"});
