@@ -3,7 +3,8 @@
 // method and client address whether the call is permitted, and hands it to a
 // registered handler.
 //
-// Bounds, whatever a client sends: see server_limits.h.
+// Bounds, whatever a client sends: see server_limits.h. A request with an Origin
+// header comes from a web page and is refused, whoever's browser sent it.
 //
 // Errors: start-up failures print a line; those of a connection end it silently.
 // Threads: safe from any thread once started; one thread accepts, each connection
@@ -15,39 +16,17 @@
 #include <memory>
 #include <string>
 
-#include "rpc/json.h"
 #include "rpc/method_handler.h"
 #include "rpc/node_components.h"
+#include "rpc/rpc_message.h"
+#include "rpc/server_limits.h"
 
 namespace norvel::rpc {
-
-inline constexpr int32_t kParseError = -32700;
-inline constexpr int32_t kMethodNotFound = -32601;
-inline constexpr int32_t kUnauthorized = -32600;
-inline constexpr int32_t kNotPermitted = -32003;
-inline constexpr int32_t kHandlerError = -1;
-
-struct RpcRequest {
-  std::string method;
-  JsonValue params;
-  JsonValue id;
-};
-
-struct RpcResponse {
-  JsonValue result;
-  bool is_error = false;
-  int32_t error_code = 0;
-  std::string error_message;
-  JsonValue id;
-
-  // The object with "jsonrpc", "id" and either "error" or "result", keys ascending.
-  std::string to_json() const;
-};
 
 class RpcServer {
  public:
   // Dotted IPv4 address. Nothing is opened; no method is registered.
-  RpcServer(uint16_t port, std::string bind_address);
+  RpcServer(uint16_t port, std::string bind_address, const ServerLimits& limits = {});
   ~RpcServer();  // stops
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;
@@ -63,6 +42,7 @@ class RpcServer {
   bool has_tls() const;
 
   void set_components(NodeComponents components);
+  NodeComponents get_components() const;
 
   // Adds or replaces a method; also while running.
   void register_method(const std::string& name, MethodHandler handler);
@@ -82,16 +62,18 @@ class RpcServer {
   // ---- Life
 
   // Listens and accepts. False, with a line on standard error, when the socket,
-  // the address or the listening fails.
+  // the address, the listening or the thread fails; also, without one, while
+  // running.
   bool start();
 
-  // The accept loop, on the server's thread.
+  // The accept loop, on the server's thread; returns after stop().
   void run();
 
   // Ends the accept loop. Connections go on; see wait_for_connections().
   void stop();
 
   // Whether, within `timeout_ms`, every connection has ended. After stop().
+  // Connections without a complete request are cut at once.
   bool wait_for_connections(int64_t timeout_ms);
 
   // The port that is listened on, which the system chooses for port 0.
@@ -106,7 +88,8 @@ class RpcServer {
 
   RpcResponse handle_rpc_request(const RpcRequest& request, const std::string& client_address) const;
 
-  // Serves one connection and closes it.
+  // Serves one connection, on the caller's thread, and closes it. A peer whose
+  // address cannot be read is taken as 127.0.0.1.
   void handle_client(int socket);
 
   // What follows the first blank line; empty without one.

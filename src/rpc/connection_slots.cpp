@@ -1,0 +1,122 @@
+#include "rpc/connection_slots.h"
+
+#include <sys/socket.h>
+
+#include <utility>
+
+namespace norvel::rpc {
+
+ConnectionTicket::ConnectionTicket(std::shared_ptr<ConnectionSlots> slots, uint64_t id, int socket)
+    : slots_(std::move(slots)), id_(id), socket_(socket) {}
+
+ConnectionTicket::~ConnectionTicket() {
+  if (slots_) {
+    slots_->end(id_);
+  }
+}
+
+bool ConnectionTicket::hold_body(size_t bytes) {
+  const MutexLock lock(slots_->mutex_);
+  while (bytes > slots_->limits_.bodies_bytes - slots_->bodies_bytes_) {
+    if (!slots_->shed_one_body(id_)) {
+      return false;
+    }
+  }
+  ConnectionSlots::Entry& entry = slots_->entries_.at(id_);
+  if (entry.phase == ConnectionSlots::Phase::kGone) {
+    return false;
+  }
+  entry.body_bytes += bytes;
+  slots_->bodies_bytes_ += bytes;
+  return true;
+}
+
+void ConnectionTicket::release_body() {
+  const MutexLock lock(slots_->mutex_);
+  slots_->bodies_bytes_ -= std::exchange(slots_->entries_.at(id_).body_bytes, 0);
+}
+
+bool ConnectionTicket::begin_work() {
+  const MutexLock lock(slots_->mutex_);
+  ConnectionSlots::Entry& entry = slots_->entries_.at(id_);
+  if (entry.phase == ConnectionSlots::Phase::kGone) {
+    return false;
+  }
+  entry.phase = ConnectionSlots::Phase::kWork;
+  return true;
+}
+
+void ConnectionTicket::end_work() {
+  const MutexLock lock(slots_->mutex_);
+  ConnectionSlots::Entry& entry = slots_->entries_.at(id_);
+  if (entry.phase != ConnectionSlots::Phase::kGone) {
+    entry.phase = ConnectionSlots::Phase::kClosing;
+  }
+}
+
+std::optional<ConnectionTicket> ConnectionSlots::admit(FileDescriptor socket) {
+  const MutexLock lock(mutex_);
+  if (entries_.size() - gone_count_ >= limits_.connections && !shed_one()) {
+    return std::nullopt;
+  }
+  const int fd = socket.get();
+  entries_[next_id_].socket = std::move(socket);
+  return std::optional<ConnectionTicket>(std::in_place, shared_from_this(), next_id_++, fd);
+}
+
+void ConnectionSlots::shed_waiting() {
+  const MutexLock lock(mutex_);
+  while (shed_one()) {
+  }
+}
+
+bool ConnectionSlots::wait_until_empty(int64_t timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  const MutexLock lock(mutex_);
+  while (!entries_.empty()) {
+    if (ended_.wait_until(mutex_, deadline) == std::cv_status::timeout) {
+      return entries_.empty();
+    }
+  }
+  return true;
+}
+
+void ConnectionSlots::give_way(Entry& entry) {
+  ::shutdown(entry.socket.get(), SHUT_RDWR);
+  entry.phase = Phase::kGone;
+  ++gone_count_;
+  bodies_bytes_ -= std::exchange(entry.body_bytes, 0);
+}
+
+bool ConnectionSlots::shed_one() {
+  for (const Phase phase : {Phase::kClosing, Phase::kRequest}) {
+    for (auto& [id, entry] : entries_) {
+      if (entry.phase == phase) {
+        give_way(entry);
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+bool ConnectionSlots::shed_one_body(uint64_t except) {
+  for (auto& [id, entry] : entries_) {
+    if (id != except && entry.phase == Phase::kRequest && entry.body_bytes > 0) {
+      give_way(entry);
+      return true;
+    }
+  }
+  return false;
+}
+
+void ConnectionSlots::end(uint64_t id) {
+  const MutexLock lock(mutex_);
+  const auto entry = entries_.find(id);
+  gone_count_ -= entry->second.phase == Phase::kGone ? 1 : 0;
+  bodies_bytes_ -= entry->second.body_bytes;
+  entries_.erase(entry);
+  ended_.notify_all();
+}
+
+}  // namespace norvel::rpc

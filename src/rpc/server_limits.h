@@ -1,0 +1,28 @@
+// What one RPC server grants to all who connect to it, whatever they send.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace norvel::rpc {
+
+struct ServerLimits {
+  size_t connections = 256;
+  size_t header_bytes = size_t{64} * 1024;         // one header block, its blank line included
+  size_t body_bytes = size_t{4} * 1024 * 1024;     // one body; none is read before the credentials are verified
+  size_t bodies_bytes = size_t{64} * 1024 * 1024;  // all bodies that are held
+  size_t values = 200'000;                         // JSON values of one body
+  // Of all bodies that are worked on. A value takes some 200 bytes of memory.
+  size_t values_at_once = 2'000'000;
+  int64_t request_ms = 30'000;                         // from accept to the last byte of the request, TLS included
+  int64_t answer_ms = 30'000;                          // for the client to take the answer
+  int64_t closing_ms = 1'000;                          // for the client to close after the answer
+  size_t closing_bytes_max = size_t{8} * 1024 * 1024;  // what a client may still send meanwhile
+};
+
+// A block of 1,000,000 bytes as hexadecimal text must fit.
+static_assert(ServerLimits{}.body_bytes > 2 * size_t{1'000'000});
+static_assert(ServerLimits{}.values_at_once >= ServerLimits{}.values);
+
+}  // namespace norvel::rpc
