@@ -23,8 +23,12 @@ namespace norvel::network {
 // Messages that may wait to be written; what comes beyond is dropped.
 inline constexpr size_t kSendQueueMessagesMax = 5'000;
 
+// The same in bytes. A peer's own requests stop being read at a quarter of this.
+inline constexpr size_t kSendQueueBytesMax = 16 << 20;
+
 struct Peer {
-  Peer(FileDescriptor connection, std::string ip, uint16_t source_port, bool dialled);
+  // `now_ms` by NetworkClock, for all the times below.
+  Peer(FileDescriptor connection, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms = 0);
 
   // The connected socket; -1 once the peer is disconnected.
   int socket() const { return is_closed ? -1 : connection.get(); }
@@ -51,12 +55,27 @@ struct Peer {
   std::atomic<uint32_t> messages_received{0};
   std::atomic<bool> is_closed{false};
   std::atomic<size_t> queued_bytes{0};  // waiting to be written, frame headers included
+  std::atomic<bool> version_received{false};
+  std::atomic<int64_t> clock_offset_s{0};  // its VERSION's time minus NetworkClock, once that came
+
+  // Milliseconds, NetworkClock; the message handler moves both on by what it did
+  // not read itself.
+  std::atomic<int64_t> silent_since_ms{0};
+  std::atomic<int64_t> handshake_since_ms{0};
 
   // Message handler's thread only.
   uint32_t spam_count = 0;  // messages counted in spam_second
   int64_t spam_second = 0;
-  Bytes recv_buffer;  // received, not yet framed
-  std::string user_agent;
+  Bytes recv_buffer;                   // received, not yet framed
+  bool has_whole_frame = false;        // recv_buffer was not worked off for want of time
+  bool reading_paused = false;         // until the queue has drained
+  bool wants_addresses = false;        // a GETADDR waits for its answer
+  Bytes write_buffer;                  // frames taken from the queue
+  size_t written_bytes = 0;            // of write_buffer
+  int64_t write_blocked_since_ms = 0;  // 0: the last write went on or nothing waited
+
+  mutable Mutex user_agent_mutex;  // leaf
+  std::string user_agent GUARDED_BY(user_agent_mutex);
 
   Mutex send_mutex;  // leaf
   std::deque<Message> send_queue GUARDED_BY(send_mutex);

@@ -1,0 +1,185 @@
+#include "cli/commands.h"
+
+#include <unistd.h>
+
+#include <functional>
+#include <iostream>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "cli/amount.h"
+#include "cli/failures.h"
+#include "cli/json_text.h"
+#include "cli/key_file.h"
+#include "cli/node_connection.h"
+#include "cli/node_status.h"
+#include "cli/payment.h"
+#include "core/clock.h"
+#include "core/console.h"
+#include "core/transaction.h"
+#include "crypto/address.h"
+#include "crypto/hex.h"
+
+namespace norvel::cli {
+
+namespace {
+
+using rpc::JsonValue;
+
+// The longest address has 34 characters.
+constexpr size_t kAddressCharactersMax = 64;
+
+// Beyond this many transactions the pool is not looked through for outputs that
+// are spent already; the node then refuses what spends one of them again.
+constexpr double kPoolLookedThroughMax = 2'000;
+
+int64_t now_s() {
+  return static_cast<int64_t>(unix_time_seconds());
+}
+
+void check_param_count(const CommandLine& line, size_t count, const std::string& form) {
+  if (line.params.size() != count) {
+    throw UsageError("Usage: norvel-cli " + form);
+  }
+}
+
+bool is_address(const std::string& text) {
+  return text.size() <= kAddressCharactersMax && crypto::validate_address(text);
+}
+
+int ask_node(const CommandLine& line) {
+  std::vector<JsonValue> params;
+  params.reserve(line.params.size());
+  for (const std::string& param : line.params) {
+    params.push_back(read_parameter(param));
+  }
+  NodeConnection node(find_node(line));
+  console::write_out(result_text(node.call(line.method, std::move(params))) + "\n");
+  return kSuccess;
+}
+
+int get_info(const CommandLine& line) {
+  check_param_count(line, 0, "getinfo");
+  NodeConnection node(find_node(line));
+  console::write_out(status_text(node.call("getnodestatus"), now_s()));
+  return kSuccess;
+}
+
+int check_health(const CommandLine& line) {
+  check_param_count(line, 0, "health");
+  const NodeAddress address = find_node(line);
+  std::vector<std::string> complaints;
+  try {
+    complaints = find_complaints(NodeConnection(address).call("getnodestatus"), now_s());
+  } catch (const UsageError&) {
+    throw;
+  } catch (const std::exception& failure) {
+    complaints.push_back(console::printable(failure.what()));
+  }
+  for (const std::string& complaint : complaints) {
+    console::error_line(complaint);
+  }
+  if (complaints.empty()) {
+    console::write_out("The node is well\n");
+  }
+  return complaints.empty() ? kSuccess : kFailure;
+}
+
+int make_key(const CommandLine& line) {
+  check_param_count(line, 1, "newkey FILE");
+  console::write_out(create_key_file(line.params[0]) + "\n");
+  return kSuccess;
+}
+
+int validate_address(const CommandLine& line) {
+  check_param_count(line, 1, "validateaddress ADDRESS");
+  if (!is_address(line.params[0])) {
+    console::error_line("Invalid address");
+    return kFailure;
+  }
+  console::write_out("valid\n");
+  return kSuccess;
+}
+
+// The outpoints that transactions of the node's pool spend: getutxos tells the
+// chain's outputs only, and a payment that spends one twice would be refused.
+std::set<OutPoint> find_spent_in_pool(NodeConnection& node) {
+  std::set<OutPoint> spent;
+  if (node.call("getmempoolinfo").get("size").number > kPoolLookedThroughMax) {
+    return spent;
+  }
+  for (const JsonValue& txid : node.call("getrawmempool").array) {
+    try {
+      const JsonValue hex = node.call("getrawtransaction", {txid});
+      for (const TxIn& input : Transaction::deserialize(crypto::hex_to_bytes(hex.string)).inputs) {
+        spent.insert(input.prevout);
+      }
+    } catch (const ErrorReply&) {
+      continue;  // has left the pool meanwhile
+    }
+  }
+  return spent;
+}
+
+std::string payment_text(const PaymentOrder& order, const Transaction& tx, const SpendableOutputs& spendable) {
+  return "Pay " + coins_text(order.amount) + " NVL to " + order.address + ", fee " + coins_text(fee_of(tx, spendable)) +
+         " NVL" + (order.message.empty() ? "" : ", with a message");
+}
+
+// A person at a terminal is asked; a script has decided.
+bool is_confirmed(const std::string& text) {
+  if (::isatty(STDIN_FILENO) == 0) {
+    return true;
+  }
+  console::write_out(text + "? [y/N] ");
+  std::string answer;
+  std::getline(std::cin, answer);
+  return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+int send_payment(const CommandLine& line) {
+  const PaymentOrder order = parse_payment_order(line.params);
+  if (!is_address(order.address)) {
+    throw UsageError("Invalid address: " + console::printable(order.address));
+  }
+  const KeyPair sender = read_key_file(order.key_file);
+  NodeConnection node(find_node(line));
+  Bytes recipient_key;
+  if (!order.message.empty()) {
+    recipient_key = order.address == sender.address
+                        ? sender.public_key
+                        : crypto::hex_to_bytes(node.call("getpubkeyforaddress", {JsonValue(order.address)}).string);
+  }
+  const std::set<OutPoint> taken = find_spent_in_pool(node);
+  const SpendableOutputs spendable =
+      read_spendable(node.call("getutxos", {JsonValue(sender.address)}), sender.address, taken);
+  const Transaction tx = make_payment(order, sender, spendable, recipient_key);
+  if (!is_confirmed(payment_text(order, tx, spendable))) {
+    console::error_line("Nothing is sent");
+    return kFailure;
+  }
+  const JsonValue result = node.call("sendrawtransaction", {JsonValue(crypto::bytes_to_hex(tx.serialize()))});
+  if (!result.get("accepted").boolean) {
+    throw std::runtime_error("The node did not accept the transaction");
+  }
+  console::write_out(tx.get_txid().to_hex() + "\n");
+  return kSuccess;
+}
+
+}  // namespace
+
+int run_command(const CommandLine& line) {
+  const std::map<std::string_view, std::function<int(const CommandLine&)>> own = {
+      {"getinfo", &get_info},  {"health", &check_health}, {"newkey", &make_key}, {"validateaddress", &validate_address},
+      {"send", &send_payment},
+  };
+  const auto found = own.find(line.method);
+  return found == own.end() ? ask_node(line) : found->second(line);
+}
+
+}  // namespace norvel::cli

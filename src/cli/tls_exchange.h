@@ -1,0 +1,31 @@
+// One HTTP request and its reply over TLS 1.2 or later, as
+// rpc::send_http_request() does it over plain TCP.
+//
+// Threads: no shared state. Expects that SIGPIPE is ignored.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "rpc/http_exchange.h"
+#include "rpc/http_reply.h"
+
+namespace norvel::cli {
+
+struct TlsPeer {
+  std::string address;  // numeric IPv4
+  uint16_t port = 0;
+  std::string name;     // what the certificate must be made out to: a host name or a numeric IPv4 address
+  std::string ca_file;  // PEM certificates to trust, a self-signed one included; empty: those of the system
+};
+
+// Sends `request` once the peer has proven to be `peer.name`; reads the reply
+// until it is complete, the peer closes or the time is up. Throws
+// ConnectionError when there is no connection, no proof or the request cannot be
+// sent, UsageError when the file of certificates cannot be read; the exceptions
+// of HttpReply::append() propagate.
+rpc::HttpReply send_tls_request(const TlsPeer& peer, const std::string& request,
+                                const rpc::ExchangeTimeouts& timeouts = {});
+
+}  // namespace norvel::cli

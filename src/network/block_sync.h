@@ -1,0 +1,209 @@
+// Decides which peer is asked for which part of the chain, and when, so that
+// synchronisation neither stops nor repeats itself: what was asked of each peer,
+// what it answered and still owes, what it has proven, and which blocks may not
+// be requested. Knows neither chain nor sockets: callers look up what it asks
+// for, and send what it says.
+//
+// A peer's GETBLOCKS: open by begin() -> answered by the next INV with a block
+// item, or given up after 30 s. Its batch: owed by receive_inv() -> come by
+// delivered(), forgotten when one of it is refused, or given up.
+//
+// Threads: safe from any thread; one mutex, a leaf.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "core/sync.h"
+#include "core/uint256.h"
+#include "network/message.h"
+#include "network/peer.h"
+#include "network/timed_memory.h"
+
+namespace norvel::network {
+
+inline constexpr size_t kWantedItemsMax = 50'000;    // requested of one peer, or waiting to be
+inline constexpr size_t kAnswerBlocksMax = 500;      // items of one answer to GETBLOCKS
+inline constexpr size_t kRefusedHashesMax = 10'000;  // in each memory of refusals
+inline constexpr uint32_t kFirstStepDepth = 8;       // below the tip, doubled with each step
+inline constexpr int64_t kAnswerWaitMs = 30'000;     // for the answer, and for the first block that is taken
+inline constexpr int64_t kSameStartMs = 10'000;      // before the same start goes to the same peer again
+inline constexpr int64_t kSameItemMs = 30'000;       // before the same item is requested of the same peer again
+inline constexpr int64_t kDeliveryWaitMs = 30'000;   // after a peer's last block
+inline constexpr int64_t kBatchWaitMs = 120'000;     // after the answer, for all of it
+inline constexpr int64_t kVerdictHoldMs = 600'000;   // a block that broke a rule
+inline constexpr int64_t kIncidentHoldMs = 60'000;   // a block refused for anything else, from its sender
+inline constexpr int64_t kDiscreditMs = 600'000;     // doubled with each time in a row
+inline constexpr int64_t kParkedHoldMs = 600'000;    // as long as the chain keeps orphans
+
+class BlockSync {
+ public:
+  using PeerPtr = std::shared_ptr<Peer>;
+
+  // A GETBLOCKS to be sent, once begin() agrees.
+  struct Ask {
+    enum class From { TIP, HEIGHT, HASH };
+
+    PeerPtr peer;
+    From from = From::TIP;
+    uint32_t height = 0;  // of our active chain; with HEIGHT
+    uint256 hash = {};    // with HASH
+    bool urgent = false;  // in spite of an open one
+  };
+
+  struct InvItem {
+    InvVector item;
+    bool known = false;  // a block of the index, a transaction of pool or chain
+  };
+
+  struct Inv {
+    std::vector<InvItem> items;
+    bool begins_at_height_1 = false;  // the first block item is a known block of height 1
+    uint32_t peer_height = 0;
+    uint32_t our_height = 0;
+    size_t room = kWantedItemsMax;  // what may be wanted
+  };
+
+  struct InvOutcome {
+    std::vector<InvVector> wanted;  // in their order; count as requested
+    std::optional<Ask> ask;
+  };
+
+  enum class Fate {
+    TAKEN,
+    KNOWN,
+    ORPHAN,
+    VERDICT,  // broke a rule, in bytes that its hash binds
+    REFUSED,  // for anything else
+  };
+
+  struct Delivery {
+    uint256 hash;
+    uint256 parent;
+    uint32_t height = 0;  // of a block TAKEN or KNOWN
+    Fate fate = Fate::REFUSED;
+    bool has_work = false;      // proof of work for allowed bits
+    bool parked = false;        // an ORPHAN that the chain may keep
+    bool parent_known = false;  // of an ORPHAN
+  };
+
+  struct DeliveryOutcome {
+    std::optional<Ask> ask;          // for what follows the batch
+    std::set<uint256> forgotten;     // no longer wanted from that peer
+    bool parent_is_nowhere = false;  // of an ORPHAN: neither known, parked nor requested
+  };
+
+  // The peer for the next request, of `peers` in the order of their keys: the
+  // greatest height, the first among equals. A peer that was discredited counts
+  // with the height it has proven; when all are, the one asked longest ago.
+  // Null for no peers.
+  PeerPtr choose(const std::vector<PeerPtr>& peers, int64_t now_ms) EXCLUDES(mutex_);
+
+  // Whether the GETBLOCKS for `ask` may go now; it then counts as open. Otherwise
+  // the ask comes back from tick() when it may. `start_height` is the largest
+  // number for a start that is not in the index.
+  bool begin(const Ask& ask, const uint256& start, uint32_t start_height, int64_t now_ms) EXCLUDES(mutex_);
+
+  InvOutcome receive_inv(const PeerPtr& peer, const Inv& inv, int64_t now_ms) EXCLUDES(mutex_);
+
+  // `sender` may be null: a block that no peer sent.
+  DeliveryOutcome delivered(const PeerPtr& sender, const Delivery& block, int64_t now_ms) EXCLUDES(mutex_);
+
+  // A wanted block that has come from elsewhere before it was requested.
+  std::optional<Ask> not_needed(const PeerPtr& peer, const uint256& hash, int64_t now_ms) EXCLUDES(mutex_);
+
+  // The chain took these blocks, wherever they came from.
+  void taken(const std::vector<uint256>& hashes) EXCLUDES(mutex_);
+
+  // The chain has an orphan's ancestors elsewhere to come from, so the sender is
+  // asked only if the orphan still waits after kAnswerWaitMs.
+  void ask_sender_later(const PeerPtr& sender, int64_t now_ms) EXCLUDES(mutex_);
+
+  // What has become due; `peers` as for choose(). Also forgets peers that are gone.
+  std::vector<Ask> tick(const std::vector<PeerPtr>& peers, int64_t now_ms) EXCLUDES(mutex_);
+
+  void forget(const PeerPtr& peer) EXCLUDES(mutex_);
+
+ private:
+  using ItemKey = std::pair<uint8_t, uint256>;
+
+  struct PeerState {
+    // The open GETBLOCKS.
+    int64_t open_until_ms = 0;  // 0: none
+    uint32_t start_height = 0;
+    int64_t late_until_ms = 0;  // till then its true answer may come behind another INV
+    TimedMemory<uint256> starts{64, kSameStartMs};
+    std::optional<Ask> deferred;
+    int64_t deferred_due_ms = 0;
+
+    // Steps down our chain.
+    uint32_t depth = 0;
+    bool stepped_to_genesis = false;
+    std::optional<uint256> orphan;  // the last one it sent, while it waits
+    int64_t orphan_due_ms = 0;      // 0: the sender need not be asked
+
+    // The batch: the blocks of the last answer.
+    std::set<uint256> owed;
+    bool continues = false;  // a full answer, so the chain goes on behind `last`
+    uint256 last;
+    int64_t last_delivery_ms = 0;
+    int64_t deadline_ms = 0;
+
+    // What its word counts.
+    int64_t last_asked_ms = 0;
+    int64_t unpaid_since_ms = 0;  // asked, nothing taken since; 0: no
+    uint32_t proven_height = 0;
+    int64_t discredited_until_ms = 0;
+    uint32_t failures_in_row = 0;
+
+    TimedMemory<ItemKey> requested{kWantedItemsMax, kSameItemMs};
+    TimedMemory<uint256> arrived{kWantedItemsMax, kSameItemMs};  // blocks of those
+    TimedMemory<uint256> incidents{kRefusedHashesMax, kIncidentHoldMs};
+
+    bool is_open(int64_t now_ms) const { return now_ms < open_until_ms; }
+    bool owes(int64_t now_ms) const {
+      return !owed.empty() && now_ms < deadline_ms && now_ms < last_delivery_ms + kDeliveryWaitMs;
+    }
+    bool is_due(const uint256& block, int64_t now_ms) const {
+      return requested.contains({kInvBlock, block}, now_ms) && !arrived.contains(block, now_ms);
+    }
+  };
+
+  struct Parked {
+    uint256 hash;
+    uint256 parent;
+    int64_t until_ms = 0;
+  };
+
+  using States = std::map<std::weak_ptr<Peer>, PeerState, std::owner_less<std::weak_ptr<Peer>>>;
+
+  PeerPtr choose_locked(const std::vector<PeerPtr>& peers, int64_t now_ms) REQUIRES(mutex_);
+  void discredit(PeerState& state, int64_t now_ms) REQUIRES(mutex_);
+  void expire(PeerState& state, int64_t now_ms) REQUIRES(mutex_);
+  bool is_parked(const uint256& hash, int64_t now_ms) const REQUIRES(mutex_);
+  void park(const Delivery& block, int64_t now_ms) REQUIRES(mutex_);
+  std::vector<InvVector> select_wanted(PeerState& state, const Inv& inv, bool& complete, int64_t now_ms)
+      REQUIRES(mutex_);
+  std::optional<Ask> take_answer(const PeerPtr& peer, PeerState& state, const Inv& inv, bool complete, int64_t now_ms)
+      REQUIRES(mutex_);
+  std::optional<Ask> next_step(const PeerPtr& peer, PeerState& state, uint32_t our_height) REQUIRES(mutex_);
+  std::optional<Ask> go_on(const PeerPtr& peer, PeerState& state) REQUIRES(mutex_);
+  std::optional<Ask> settle(const PeerPtr& peer, PeerState& state, const uint256& hash, int64_t now_ms)
+      REQUIRES(mutex_);
+
+  Mutex mutex_;  // leaf
+  States states_ GUARDED_BY(mutex_);
+  std::vector<Parked> parked_ GUARDED_BY(mutex_);  // at most as many as the chain keeps
+  TimedMemory<uint256> verdicts_ GUARDED_BY(mutex_){kRefusedHashesMax, kVerdictHoldMs};
+  bool pending_ GUARDED_BY(mutex_) = false;  // a request from our tip waits for its peer
+  int64_t pending_due_ms_ GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace norvel::network

@@ -1,0 +1,51 @@
+// When an address may be dialled again: each dial doubles the delay until the
+// next one, a completed handshake starts over.
+//
+// Threads: safe from any thread.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "core/sync.h"
+#include "network/network_clock.h"
+
+namespace norvel::network {
+
+inline constexpr int64_t kDialDelayMinMs = 10'000;
+inline constexpr int64_t kDialDelayMaxMs = 30 * 60'000;
+
+// For hosts that the operator named, and for all while no peer that was dialled is up.
+inline constexpr int64_t kDialDelayUrgentMs = 60'000;
+
+inline constexpr size_t kDialRecordsMax = 40'000;  // beyond it those not dialled for longest are forgotten
+
+class DialBackoff {
+ public:
+  explicit DialBackoff(const NetworkClock& clock) : clock_(clock) {}
+
+  // Whether the delay of `key`, at most `delay_max_ms`, is over.
+  bool may_dial(const std::string& key, int64_t delay_max_ms) const EXCLUDES(mutex_);
+
+  void note_dial(const std::string& key) EXCLUDES(mutex_);
+
+  // The next dial waits kDialDelayMinMs from now.
+  void note_success(const std::string& key) EXCLUDES(mutex_);
+
+ private:
+  struct Record {
+    int64_t since_ms = 0;
+    int64_t delay_ms = 0;
+  };
+
+  void make_room() REQUIRES(mutex_);
+
+  const NetworkClock& clock_;
+  mutable Mutex mutex_;  // leaf
+  std::map<std::string, Record> records_ GUARDED_BY(mutex_);
+};
+
+}  // namespace norvel::network

@@ -1,0 +1,224 @@
+#include "network/dialler.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+#include "core/console.h"
+#include "network/address_text.h"
+
+namespace norvel::network {
+
+namespace {
+
+constexpr int kStopCheckMs = 50;
+
+sockaddr_in socket_address(const std::string& ip, uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  if (::inet_pton(AF_INET, ip.c_str(), &address.sin_addr) != 1) {
+    address.sin_family = AF_UNSPEC;
+  }
+  return address;
+}
+
+// Waits until a connection under way has come about; false when it has failed.
+bool await_connection(int fd, const StopSignal& stop) {
+  const Deadline deadline = std::chrono::steady_clock::now() + kConnectTimeout;
+  while (!stop.is_raised() && std::chrono::steady_clock::now() < deadline) {
+    pollfd waiting{fd, POLLOUT, 0};
+    if (::poll(&waiting, 1, kStopCheckMs) > 0) {
+      int error = 0;
+      socklen_t error_bytes = sizeof error;
+      return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &error_bytes) == 0 && error == 0;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+// One of the dials under way, while it lives.
+class Dialler::InFlight {
+ public:
+  InFlight(Dialler& dialler, std::string key, size_t keys_max) : dialler_(dialler), key_(std::move(key)) {
+    const MutexLock lock(dialler_.mutex_);
+    admitted_ = dialler_.in_flight_.size() < keys_max && dialler_.in_flight_.insert(key_).second;
+  }
+  ~InFlight() {
+    if (admitted_) {
+      const MutexLock lock(dialler_.mutex_);
+      dialler_.in_flight_.erase(key_);
+    }
+  }
+  InFlight(const InFlight&) = delete;
+  InFlight& operator=(const InFlight&) = delete;
+
+  bool admitted() const { return admitted_; }
+
+ private:
+  Dialler& dialler_;
+  const std::string key_;
+  bool admitted_ = false;
+};
+
+Dialler::Dialler(std::string bind_address, Connections& connections, AddressBook& book, DialBackoff& backoff,
+                 const Listener& listener, LogLimiter& log, Connected connected)
+    : bind_address_(std::move(bind_address)),
+      connections_(connections),
+      book_(book),
+      backoff_(backoff),
+      listener_(listener),
+      log_(log),
+      connected_(std::move(connected)) {
+  stop_.raise();
+}
+
+void Dialler::stop() {
+  stop_.raise();
+  const MutexLock lock(mutex_);
+  queue_.clear();
+  queued_.clear();
+}
+
+bool Dialler::dial(const std::string& host, uint16_t port, Urgency urgency) {
+  const std::string key = make_key(host, port);
+  const InFlight flight(*this, key, kDialsMax);
+  if (!flight.admitted() || stop_.is_raised() || book_.is_self(key) || !connections_.has_outbound_room() ||
+      !is_due(key, urgency)) {
+    return false;
+  }
+  if (parse_ipv4(host)) {
+    return is_wanted(host, port, urgency) && dial_resolved(host, port);
+  }
+  backoff_.note_dial(key);
+  const auto found = lookup_.resolve(host, stop_);
+  if (!found) {
+    return false;
+  }
+  const std::string ip = format_ipv4(*found);
+  const std::string resolved_key = make_key(ip, port);
+  const InFlight resolved(*this, resolved_key, 2 * kDialsMax);  // beside the name
+  return resolved.admitted() && is_wanted(ip, port, urgency) && is_due(resolved_key, urgency) &&
+         dial_resolved(ip, port);
+}
+
+bool Dialler::is_due(const std::string& key, Urgency urgency) const {
+  if (urgency == Urgency::NOW) {
+    return true;
+  }
+  const bool urgent = urgency == Urgency::URGENT || connections_.table().outbound_count() == 0;
+  return backoff_.may_dial(key, urgent ? kDialDelayUrgentMs : kDialDelayMaxMs);
+}
+
+// Whether it is neither connected nor this node itself. Who asks for this node's
+// own listener by name gets it, and the handshake finds out.
+bool Dialler::is_wanted(const std::string& ip, uint16_t port, Urgency urgency) const {
+  const std::string key = make_key(ip, port);
+  return !connections_.table().connected_keys().contains(key) && !book_.is_self(key) &&
+         (urgency == Urgency::NOW || !listener_.is_own(ip, port));
+}
+
+bool Dialler::dial_resolved(const std::string& ip, uint16_t port) {
+  if (!connections_.has_outbound_room()) {
+    return false;
+  }
+  auto slot = connections_.reserve_outbound(ip);
+  if (!slot) {
+    return false;
+  }
+  backoff_.note_dial(make_key(ip, port));
+  FileDescriptor connection = connect(ip, port);
+  if (!connection.is_open() || stop_.is_raised()) {
+    return false;
+  }
+  const PeerPtr peer = connections_.add_outbound(std::move(connection), ip, port, std::move(*slot));
+  if (peer == nullptr) {
+    return false;
+  }
+  connected_(peer);
+  return true;
+}
+
+// The connected socket, non-blocking; none when it did not come about.
+FileDescriptor Dialler::connect(const std::string& ip, uint16_t port) {
+  FileDescriptor fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!fd.is_open()) {
+    return {};
+  }
+  const int on = 1;
+  ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  bind_outbound(fd.get());
+  const sockaddr_in address = socket_address(ip, port);
+  if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+      ((errno != EINPROGRESS && errno != EINTR) || !await_connection(fd.get(), stop_))) {
+    return {};
+  }
+  return fd;
+}
+
+void Dialler::bind_outbound(int fd) const {
+  if (binds_any(bind_address_)) {
+    return;
+  }
+  const sockaddr_in address = socket_address(bind_address_, 0);
+  if (address.sin_family != AF_INET || ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    log_.error("outbound bind",
+               "[Network] Warning: could not bind outbound socket to " + console::printable(bind_address_));
+  }
+}
+
+void Dialler::enqueue(const std::string& host, uint16_t port, Urgency urgency) {
+  const std::string key = make_key(host, port);
+  if (stop_.is_raised()) {
+    return;
+  }
+  {
+    const MutexLock lock(mutex_);
+    if (queue_.size() >= kDialQueueMax || queued_.contains(key)) {
+      return;
+    }
+    queue_.push_back({key, host, port, urgency});
+    queued_.insert(key);
+    if (workers_ == kDialsMax) {
+      return;
+    }
+    ++workers_;
+  }
+  if (!threads_.run([this] { work_queue(); })) {
+    const MutexLock lock(mutex_);
+    --workers_;
+  }
+}
+
+void Dialler::work_queue() {
+  while (const auto job = next_job()) {
+    try {
+      dial(job->host, job->port, job->urgency);
+    } catch (const std::exception& error) {
+      console::error_line(std::string("[Network] Dial given up: ") + error.what());
+    }
+  }
+}
+
+// Nothing when there is no more to do, and with it the worker's place is given back.
+std::optional<Dialler::Job> Dialler::next_job() {
+  const MutexLock lock(mutex_);
+  if (queue_.empty()) {
+    --workers_;
+    return std::nullopt;
+  }
+  Job job = std::move(queue_.front());
+  queue_.pop_front();
+  queued_.erase(job.key);
+  return job;
+}
+
+}  // namespace norvel::network

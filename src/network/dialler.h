@@ -1,0 +1,100 @@
+// Dials other nodes: on the caller's thread, or from a queue on a few threads of
+// its own. At most kDialsMax are under way, none twice at a time.
+//
+// Threads: safe from any thread. Errors: what does not work out is false or
+// forgotten; a peer that was reached is handed over by a callback.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "core/file_io.h"
+#include "core/sync.h"
+#include "network/address_book.h"
+#include "network/connections.h"
+#include "network/dial_backoff.h"
+#include "network/listener.h"
+#include "network/name_lookup.h"
+#include "network/thread_group.h"
+
+namespace norvel::network {
+
+inline constexpr size_t kDialsMax = 16;
+inline constexpr size_t kDialQueueMax = 1'000;
+inline constexpr std::chrono::milliseconds kConnectTimeout{10'000};
+
+class Dialler {
+ public:
+  enum class Urgency {
+    NORMAL,  // waits for the address's delay
+    URGENT,  // waits kDialDelayUrgentMs at most: the operator named it
+    NOW,     // does not wait: somebody asks for this very connection
+  };
+
+  // Gets each peer that was reached, in the table already.
+  using Connected = std::function<void(const PeerPtr& peer)>;
+
+  // All of them outlive the dialler. `bind_address` is that of dialling sockets.
+  Dialler(std::string bind_address, Connections& connections, AddressBook& book, DialBackoff& backoff,
+          const Listener& listener, LogLimiter& log, Connected connected);
+
+  void start() { stop_.lower(); }
+
+  // Ends dials and waits of look-ups; later dials fail.
+  void stop();
+
+  void join() { threads_.join(); }
+  bool wait_until(Deadline deadline) { return threads_.wait_until(deadline); }
+  bool is_finished() const { return threads_.is_finished() && lookup_.is_finished(); }
+
+  // False when it is under way, connected or this node itself, when there is no
+  // room, or when nobody answers.
+  bool dial(const std::string& host, uint16_t port, Urgency urgency) EXCLUDES(mutex_);
+
+  // Dials later; left out when it waits already or the queue is full.
+  void enqueue(const std::string& host, uint16_t port, Urgency urgency) EXCLUDES(mutex_);
+
+ private:
+  struct Job {
+    std::string key;
+    std::string host;
+    uint16_t port = 0;
+    Urgency urgency = Urgency::NORMAL;
+  };
+
+  class InFlight;
+
+  bool is_due(const std::string& key, Urgency urgency) const;
+  bool is_wanted(const std::string& ip, uint16_t port, Urgency urgency) const;
+  bool dial_resolved(const std::string& ip, uint16_t port);
+  FileDescriptor connect(const std::string& ip, uint16_t port);
+  void bind_outbound(int fd) const;
+  void work_queue() EXCLUDES(mutex_);
+  std::optional<Job> next_job() EXCLUDES(mutex_);
+
+  const std::string bind_address_;
+  Connections& connections_;
+  AddressBook& book_;
+  DialBackoff& backoff_;
+  const Listener& listener_;
+  LogLimiter& log_;
+  const Connected connected_;
+  NameLookup lookup_;
+  StopSignal stop_;
+
+  Mutex mutex_;  // leaf
+  std::set<std::string> in_flight_ GUARDED_BY(mutex_);
+  std::deque<Job> queue_ GUARDED_BY(mutex_);
+  std::set<std::string> queued_ GUARDED_BY(mutex_);  // keys of the queue
+  size_t workers_ GUARDED_BY(mutex_) = 0;
+
+  ThreadGroup threads_{kDialsMax};  // last: its end waits for threads that use the rest
+};
+
+}  // namespace norvel::network

@@ -1,0 +1,91 @@
+// The message handler: reads from every peer, cuts the bytes into messages, has
+// them handled, writes what is queued, and ends peers that broke the framing or
+// take nothing any more. One pass serves all peers a little each, beginning with
+// another one every time, so that none keeps the others waiting.
+//
+// Threads: run() and pass() on one thread; the rest from any.
+
+#pragma once
+
+#include <poll.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "chain/blockchain.h"
+#include "network/connections.h"
+#include "network/handshake.h"
+#include "network/log_limiter.h"
+#include "network/network_clock.h"
+#include "network/relay.h"
+#include "network/thread_group.h"
+
+namespace norvel::network {
+
+inline constexpr size_t kReceiveBytesMax = 65'536;       // of a peer in one pass
+inline constexpr size_t kUnparsedBytesMax = 10'485'760;  // in a receive buffer
+inline constexpr size_t kPauseQueuedBytes = 4 << 20;     // no more is read from such a peer
+inline constexpr size_t kResumeQueuedBytes = 1 << 20;    // until it has drained so far
+inline constexpr int64_t kWriteTimeoutMs = 60'000;       // while something is queued
+inline constexpr uint32_t kSpamMessagesMax = 50;         // a second, of the kinds that are counted
+static_assert(kPayloadBytesMax + kReceiveBytesMax < kUnparsedBytesMax);
+
+class MessageHandler {
+ public:
+  MessageHandler(const NetworkClock& clock, LogLimiter& log, Connections& connections, Handshake& handshake,
+                 Relay& relay);
+
+  // May be null. Before the thread starts.
+  void attach(Blockchain* chain) { chain_ = chain; }
+
+  void run(StopSignal& stop);
+
+  // One pass over all peers, after at most `wait_ms` for one to be readable.
+  void pass(int wait_ms);
+
+  // Whether a pass has lasted for so long that nothing was read meanwhile.
+  bool is_stalled() const;
+
+ private:
+  using SteadyTime = std::chrono::steady_clock::time_point;
+
+  void take_snapshot();
+  void excuse_stall();
+  void wait_readable(int wait_ms);
+  void serve(size_t index);
+  bool receive(Peer& peer);
+  bool cut_frames(const PeerPtr& peer);
+  bool cut_frame(const PeerPtr& peer, size_t& offset);
+  bool is_spam(Peer& peer, MessageType type);
+  void handle(const PeerPtr& peer, const Message& message);
+  void answer_addresses(const PeerPtr& peer, int& answers_left);
+  void finish(const PeerPtr& peer);
+  bool write_queued(Peer& peer);
+  void refill_write_buffer(Peer& peer);
+  bool is_overdue(Peer& peer);
+  void disconnect_doomed();
+
+  const NetworkClock& clock_;
+  LogLimiter& log_;
+  Connections& connections_;
+  Handshake& handshake_;
+  Relay& relay_;
+  Blockchain* chain_ = nullptr;
+
+  PeerList peers_;             // of this pass, beginning with another one every time
+  std::vector<pollfd> polls_;  // of peers_
+  PeerList doomed_;            // to be disconnected at the end of the pass
+  size_t first_ = 0;
+  bool work_left_ = false;  // whole frames wait in some buffer
+  std::array<uint8_t, kReceiveBytesMax> chunk_{};
+
+  // Steady clock in milliseconds, 0 before the first pass. Written by the handler,
+  // read by the timeout checker; a pass begun meanwhile is no harm.
+  std::atomic<int64_t> pass_start_ms_{0};
+};
+
+}  // namespace norvel::network

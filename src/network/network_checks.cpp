@@ -1,0 +1,122 @@
+#include <algorithm>
+#include <exception>
+
+#include "core/console.h"
+#include "network/network_state.h"
+
+namespace norvel::network {
+
+namespace {
+
+constexpr std::chrono::milliseconds kCheckStep{200};
+constexpr int64_t kCheckIntervalMs = 10'000;
+constexpr int64_t kFirstReconnectMs = 3'000;  // after the start
+
+constexpr int64_t kSilenceMaxS = 300;
+constexpr int64_t kPongAgeS = 120;  // that makes for a PING
+
+// Every so many passes.
+constexpr uint64_t kReconnectPasses = 3;
+constexpr uint64_t kSavePasses = 30;
+
+// What one step throws must not keep the others from running.
+template <class Step>
+void guarded(LogLimiter& log, Step step) {
+  try {
+    step();
+  } catch (const std::exception& error) {
+    log.error("checks", std::string("[Network] Check failed: ") + error.what());
+  }
+}
+
+}  // namespace
+
+void NetworkManager::State::check_loop(int64_t start_ms) {
+  const int64_t first_reconnect_ms = start_ms + kFirstReconnectMs;
+  int64_t next_pass_ms = start_ms + kCheckIntervalMs;
+  bool reconnected = false;
+  while (!stop_signal.wait_for(kCheckStep)) {
+    if (!reconnected && clock.now_ms() >= first_reconnect_ms) {
+      reconnected = true;
+      guarded(log, [this] { reconnect_known_peers(); });
+    }
+    if (clock.now_ms() >= next_pass_ms) {
+      check_pass();
+      next_pass_ms = clock.now_ms() + kCheckIntervalMs;
+    }
+  }
+}
+
+void NetworkManager::State::check_pass() {
+  ++check_count;
+  guarded(log, [this] { check_peer_timeouts(); });
+  guarded(log, [this] { send_ping_to_peers(); });
+  guarded(log, [this] { check_sync_with_peers(); });
+  // Hosts that the operator named, and the first peer to be found, do not wait for the third pass.
+  if (check_count % kReconnectPasses == 0 || !fixed_peers.empty() || connections.table().outbound_count() == 0) {
+    guarded(log, [this] { reconnect_known_peers(); });
+  }
+  guarded(log, [this] { relay.process_orphan_txs(); });
+  guarded(log, [this] { connections.lift_expired_bans(); });
+  if (check_count % kSavePasses == 0) {
+    guarded(log, [this] { save_peer_list(); });
+  }
+  guarded(log, [this] { connections.rate().purge(); });
+}
+
+void NetworkManager::State::check_peer_timeouts() {
+  if (handler.is_stalled()) {
+    return;
+  }
+  for (const PeerPtr& peer : connections.table().snapshot()) {
+    if (clock.now() - peer->silent_since_ms / 1'000 > kSilenceMaxS) {
+      log.out("peer timeout", "[Network] Peer timeout: " + key_of_peer(*peer));
+      connections.disconnect(*peer);
+    }
+  }
+}
+
+void NetworkManager::State::send_ping_to_peers() {
+  Message ping{MessageType::PING, {}};
+  append_le(ping.payload, static_cast<uint64_t>(ping_nonces()));
+  for (const PeerPtr& peer : connections.handshaken_peers()) {
+    if (clock.now() - peer->last_pong >= kPongAgeS) {
+      connections.send_message_to_peer(peer, ping);
+    }
+  }
+}
+
+void NetworkManager::State::check_sync_with_peers() {
+  if (chain == nullptr) {
+    return;
+  }
+  for (const PeerPtr& peer : connections.handshaken_peers()) {
+    if (peer->best_height > chain->get_best_height()) {
+      relay.check_sync_with_peer(peer);
+    }
+  }
+}
+
+void NetworkManager::State::reconnect_known_peers() {
+  if (!running || !connections.has_outbound_room()) {
+    return;
+  }
+  for (const HostPort& host : fixed_peers) {
+    dialler.enqueue(host.host, host.port, Dialler::Urgency::URGENT);
+  }
+  if (!fixed_peers.empty()) {
+    return;
+  }
+  const auto connected = connections.table().connected_keys();
+  const bool none_up = connections.table().outbound_count() == 0;
+  for (const KnownPeer& peer : book.list()) {
+    const std::string key = make_key(peer.address, peer.port);
+    const bool urgent = peer.seed || none_up;
+    if (peer.port != 0 && !connected.contains(key) && !book.is_self(key) &&
+        backoff.may_dial(key, urgent ? kDialDelayUrgentMs : kDialDelayMaxMs)) {
+      dialler.enqueue(peer.address, peer.port, urgent ? Dialler::Urgency::URGENT : Dialler::Urgency::NORMAL);
+    }
+  }
+}
+
+}  // namespace norvel::network

@@ -1,0 +1,19 @@
+#include "network/peer.h"
+
+#include <utility>
+
+namespace norvel::network {
+
+Peer::Peer(FileDescriptor socket_fd, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms)
+    : connection(std::move(socket_fd)),
+      address(std::move(ip)),
+      outbound(dialled),
+      dialled_port(connection_port),
+      port(connection_port),
+      last_recv(now_ms / 1'000),
+      last_pong(now_ms / 1'000),
+      connected_time(now_ms / 1'000),
+      silent_since_ms(now_ms),
+      handshake_since_ms(now_ms) {}
+
+}  // namespace norvel::network

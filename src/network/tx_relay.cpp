@@ -1,0 +1,155 @@
+#include "network/tx_relay.h"
+
+#include <exception>
+#include <new>
+
+#include "core/console.h"
+
+namespace norvel::network {
+
+namespace {
+
+constexpr size_t kTxidDigitsShown = 16;
+constexpr uint32_t kDecodePoints = 20;
+constexpr uint32_t kInvalidPoints = 10;
+
+// Scripts of an orphan may cost a good part of it.
+constexpr int64_t kOrphanPassMs = 200;
+
+std::string shown(const uint256& txid) {
+  return txid.to_hex().substr(0, kTxidDigitsShown);
+}
+
+}  // namespace
+
+void TxRelay::receive(const PeerPtr& sender, const Bytes& payload) {
+  Transaction tx;
+  try {
+    tx = Transaction::deserialize(payload);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception& failure) {
+    context_.log.error("tx decode", "[Network] TX decode error from " + sender->address + ": " + failure.what());
+    context_.peers.add_misbehavior(*sender, kDecodePoints);
+    return;
+  }
+  std::string reason;
+  switch (try_accept(tx, reason)) {
+    case AdmissionOutcome::ACCEPTED:
+      if (context_.callbacks.transaction_received) {
+        context_.callbacks.transaction_received(tx);
+      }
+      process_orphans();
+      break;
+    case AdmissionOutcome::MISSING_PARENT:
+      add_orphan(tx, context_.peers.key_of(*sender));
+      break;
+    case AdmissionOutcome::INVALID:
+      context_.log.error("invalid tx",
+                         "[Network] Invalid TX from " + sender->address + ": " + console::printable(reason));
+      context_.peers.add_misbehavior(*sender, kInvalidPoints);
+      break;
+    case AdmissionOutcome::KNOWN:
+    case AdmissionOutcome::NOT_TAKEN:
+      break;
+  }
+}
+
+AdmissionOutcome TxRelay::try_accept(const Transaction& tx, std::string& reason) {
+  if (context_.pool == nullptr || context_.chain == nullptr) {
+    reason = "node not ready";
+    return AdmissionOutcome::NOT_TAKEN;
+  }
+  int64_t fee = 0;
+  const AdmissionOutcome outcome = TransactionAdmission(*context_.chain, *context_.pool).accept(tx, reason, fee);
+  if (outcome == AdmissionOutcome::ACCEPTED) {
+    const uint256 txid = tx.get_txid();
+    context_.log.out("tx accepted",
+                     "[Network] TX " + shown(txid) + "... accepted to mempool (fee " + std::to_string(fee) + ")");
+    announce(context_, kInvTransaction, txid);
+  }
+  return outcome;
+}
+
+void TxRelay::add_orphan(const Transaction& tx, const std::string& peer_key) {
+  if (!keeps_rules_without_inputs(tx)) {
+    return;
+  }
+  // Found by now: the next pass offers it again.
+  const OutPoint missing = find_missing(tx).value_or(tx.inputs.front().prevout);
+  if (orphans_.add(tx, missing, peer_key, context_.clock.now())) {
+    context_.log.out("orphan tx queued",
+                     "[Network] Orphan TX " + shown(tx.get_txid()) + "... queued (waiting for parent)");
+  }
+}
+
+void TxRelay::process_orphans() {
+  for (const uint256& txid : orphans_.remove_expired(context_.clock.now())) {
+    context_.log.out("orphan tx expired", "[Network] Orphan TX " + shown(txid) + "... expired");
+  }
+  if (context_.chain != nullptr && context_.pool != nullptr) {
+    offer_orphans(context_.clock.now_ms() + kOrphanPassMs);
+  }
+}
+
+void TxRelay::go_on() {
+  if (pass_due_.exchange(false)) {
+    process_orphans();
+  }
+}
+
+void TxRelay::offer_orphans(int64_t deadline_ms) {
+  for (bool accepted = true; accepted;) {
+    accepted = false;
+    for (const TxOrphanPool::Waiting& waiting : orphans_.list()) {
+      if (context_.clock.now_ms() >= deadline_ms) {
+        pass_due_ = true;
+        return;
+      }
+      accepted |= offer_again(waiting);
+    }
+  }
+}
+
+// True when it was accepted. The outcome of one whose missing output is still missing is known.
+bool TxRelay::offer_again(const TxOrphanPool::Waiting& waiting) {
+  const bool is_known =
+      context_.pool->has_transaction(waiting.txid) || context_.chain->get_transaction_height(waiting.txid).has_value();
+  if (!is_known && !has_output(waiting.missing)) {
+    return false;
+  }
+  const std::optional<Transaction> tx = orphans_.get(waiting.txid);
+  if (!tx) {
+    return false;
+  }
+  std::string ignored;
+  const AdmissionOutcome outcome = try_accept(*tx, ignored);
+  if (outcome == AdmissionOutcome::MISSING_PARENT) {
+    if (const auto missing = find_missing(*tx)) {
+      orphans_.set_missing(waiting.txid, *missing);
+    }
+    return false;
+  }
+  orphans_.remove(waiting.txid);
+  if (outcome != AdmissionOutcome::ACCEPTED) {
+    return false;
+  }
+  context_.log.out("orphan tx accepted",
+                   "[Network] Orphan TX " + shown(waiting.txid) + "... parent arrived — accepted");
+  return true;
+}
+
+bool TxRelay::has_output(const OutPoint& outpoint) const {
+  return context_.chain->get_utxo_set().has_utxo(outpoint) || context_.pool->has_output(outpoint);
+}
+
+std::optional<OutPoint> TxRelay::find_missing(const Transaction& tx) const {
+  for (const TxIn& input : tx.inputs) {
+    if (context_.chain != nullptr && context_.pool != nullptr && !has_output(input.prevout)) {
+      return input.prevout;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace norvel::network

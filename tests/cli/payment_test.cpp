@@ -1,0 +1,126 @@
+#include "cli/payment.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "cli/amount.h"
+#include "crypto/hex.h"
+#include "support/ledger_samples.h"
+
+namespace norvel::cli {
+namespace {
+
+const SampleKey kSender = sample_key(1);
+const SampleKey kRecipient = sample_key(2);
+
+KeyPair sender() {
+  KeyPair pair;
+  pair.secret = kSender.private_key;
+  pair.public_key = kSender.pubkey;
+  pair.address = kSender.address;
+  return pair;
+}
+
+PaymentOrder order_of(int64_t amount, std::optional<int64_t> fee = {}, const std::string& message = "") {
+  return {"", kRecipient.address, amount, fee, message};
+}
+
+// `count` outputs of `value` each, as getutxos lists them.
+rpc::JsonValue list_utxos(size_t count, int64_t value) {
+  std::vector<rpc::JsonValue> list;
+  for (size_t i = 0; i < count; ++i) {
+    rpc::JsonValue utxo;
+    utxo.set("txid", std::string(62, 'a') + crypto::bytes_to_hex(Bytes{static_cast<uint8_t>(i)}));
+    utxo.set("vout", i);
+    utxo.set("value", value);
+    list.push_back(std::move(utxo));
+  }
+  return list;
+}
+
+SpendableOutputs outputs(size_t count, int64_t value) {
+  return read_spendable(list_utxos(count, value), kSender.address, {});
+}
+
+bool is_signed(const Transaction& tx, const SpendableOutputs& spendable) {
+  return tx.verify_all_signatures(std::map<OutPoint, TxOut>(spendable.begin(), spendable.end()));
+}
+
+TEST(Payment, PaysTheAmountTheFeeBySizeAndTheRestBack) {
+  for (const size_t inputs : {1U, 2U, 60U}) {
+    SCOPED_TRACE(inputs);
+    const SpendableOutputs spendable = outputs(inputs, kCoin);
+    const int64_t amount = static_cast<int64_t>(inputs) * kCoin - kCoin / 2;
+    const Transaction tx = make_payment(order_of(amount), sender(), spendable, {});
+    ASSERT_EQ(tx.outputs.size(), 2u);
+    EXPECT_EQ(tx.outputs[0].value, amount);
+    EXPECT_EQ(tx.outputs[0].get_pubkey_hash(), kRecipient.pubkey_hash);
+    EXPECT_EQ(tx.outputs[1].get_pubkey_hash(), kSender.pubkey_hash);
+    EXPECT_TRUE(is_signed(tx, spendable));
+    const auto size = static_cast<int64_t>(tx.size());
+    EXPECT_GE(fee_of(tx, spendable), kFeeUnitsPerByte * size);
+    EXPECT_LE(fee_of(tx, spendable), kFeeUnitsPerByte * (size + 4 * static_cast<int64_t>(inputs)));
+  }
+}
+
+TEST(Payment, FeeAtTheEdgesOfWhatThereIs) {
+  const SpendableOutputs spendable = outputs(2, kCoin);
+  // The fee by size needs the second output.
+  EXPECT_EQ(make_payment(order_of(kCoin), sender(), spendable, {}).inputs.size(), 2u);
+  // Nothing is left for a fee by size, while none at all is a wish to be had.
+  EXPECT_THROW(make_payment(order_of(2 * kCoin), sender(), spendable, {}), std::runtime_error);
+  EXPECT_EQ(fee_of(make_payment(order_of(2 * kCoin, 0), sender(), spendable, {}), spendable), 0);
+  // What is too small for change is fee enough.
+  const SpendableOutputs one = outputs(1, kCoin);
+  const Transaction without_change = make_payment(order_of(kCoin - 3'000), sender(), one, {});
+  EXPECT_EQ(without_change.outputs.size(), 1u);
+  EXPECT_EQ(fee_of(without_change, one), 3'000);
+}
+
+TEST(Payment, FeeOfASlipOfTheHandIsRefused) {
+  const SpendableOutputs spendable = outputs(1, 20 * kCoin);
+  EXPECT_EQ(fee_of(make_payment(order_of(kCoin, kFeeUnitsMax), sender(), spendable, {}), spendable), kFeeUnitsMax);
+  EXPECT_THROW(make_payment(order_of(kCoin, kFeeUnitsMax + 1), sender(), spendable, {}), std::runtime_error);
+}
+
+TEST(Payment, MessageIsReadByTheRecipientAloneAndPaidFor) {
+  const SpendableOutputs spendable = outputs(1, kCoin);
+  const Transaction tx = make_payment(order_of(1'000, {}, "hello"), sender(), spendable, kRecipient.pubkey);
+  EXPECT_EQ(tx.decrypt_messages(kRecipient.private_key), std::vector<std::string>{"hello"});
+  EXPECT_GE(fee_of(tx, spendable),
+            tx.outputs[0].calculate_message_fee() + kFeeUnitsPerByte * static_cast<int64_t>(tx.size()));
+  // Another key from the node would show the note to someone else.
+  EXPECT_EQ(runtime_error_of([&] { make_payment(order_of(1'000, {}, "hello"), sender(), spendable, kSender.pubkey); }),
+            "The node gave a public key of another address; the message is not sent");
+}
+
+TEST(Spendable, TakesWhatTheNodeListsExactlyOrRefuses) {
+  const rpc::JsonValue utxos = list_utxos(3, 5);
+  const SpendableOutputs all = read_spendable(utxos, kSender.address, {});
+  ASSERT_EQ(all.size(), 3u);
+  EXPECT_EQ(all[2].first.index, 2u);
+  EXPECT_EQ(all[2].second.value, 5);
+  EXPECT_EQ(read_spendable(utxos, kSender.address, {all[1].first}).size(), 2u);
+
+  const struct {
+    const char* label;
+    const char* key;
+    rpc::JsonValue value;
+  } rows[] = {
+      {"rounded value", "value", rpc::JsonValue(kJsonUnitsMax)},
+      {"value as text", "value", rpc::JsonValue("5")},
+      {"no txid", "txid", rpc::JsonValue("ab")},
+      {"index beyond 32 bits", "vout", rpc::JsonValue(5e9)},
+      {"index between two", "vout", rpc::JsonValue(0.5)},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    rpc::JsonValue spoilt = utxos;
+    spoilt.array[1].set(row.key, row.value);
+    EXPECT_THROW(read_spendable(spoilt, kSender.address, {}), std::runtime_error);
+  }
+}
+
+}  // namespace
+}  // namespace norvel::cli

@@ -1,0 +1,245 @@
+"""norvel-cli as a program: exit statuses, what it sends, credentials, TLS, keys and payments, against a stand-in node."""
+
+import base64
+import json
+import os
+import pty
+import socketserver
+import ssl
+import stat
+import subprocess
+import sys
+import threading
+import time
+from pathlib import Path
+from typing import Any, Dict, Iterator, List, Optional, Tuple
+
+import pytest
+
+HERE = Path(__file__).parent
+sys.path.insert(0, str(HERE.parent / "functional"))
+from norvel_formats import Reader, address_of, hash_text, p2pkh, sha256d  # noqa: E402
+
+CERTIFICATES = HERE / "certificates"
+PROGRAM = os.environ["NORVEL_CLI"]
+RECIPIENT = address_of(bytes(range(20)))
+
+
+class StandIn(socketserver.ThreadingTCPServer):
+    """Answers from `results` by method; an Exception there becomes an error reply, bytes go out as they are."""
+
+    daemon_threads = True
+    allow_reuse_address = True
+
+    def __init__(self, tls: Optional[str] = None) -> None:
+        super().__init__(("127.0.0.1", 0), Handler)
+        self.results: Dict[str, Any] = {}
+        self.calls: List[Tuple[str, Any]] = []
+        self.heads: List[str] = []
+        self.context: Optional[ssl.SSLContext] = None
+        if tls:
+            self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+            self.context.load_cert_chain(CERTIFICATES / f"{tls}.pem", CERTIFICATES / f"{tls}.key.pem")
+        self.port: int = self.server_address[1]
+        threading.Thread(target=self.serve_forever, daemon=True).start()
+
+    def answer(self, method: str) -> bytes:
+        result = self.results.get(method)
+        if isinstance(result, bytes):
+            return result
+        reply: Dict[str, Any] = {"id": "0", "jsonrpc": "2.0", "result": result}
+        if isinstance(result, Exception):
+            reply = {"id": "0", "jsonrpc": "2.0", "error": {"code": -1, "message": str(result)}}
+        body = json.dumps(reply).encode()
+        return b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s" % (len(body), body)
+
+
+class Handler(socketserver.BaseRequestHandler):
+    server: StandIn
+
+    def handle(self) -> None:
+        try:
+            sock = self.request
+            if self.server.context:
+                sock = self.server.context.wrap_socket(sock, server_side=True)
+            head, _, body = self.read(sock).partition(b"\r\n\r\n")
+            call = json.loads(body)
+            self.server.heads.append(head.decode())
+            self.server.calls.append((call["method"], call["params"]))
+            sock.sendall(self.server.answer(call["method"]))
+            sock.close()
+        except (OSError, ValueError):
+            pass  # a client that hung up
+
+    @staticmethod
+    def read(sock: Any) -> bytes:
+        data = b""
+        while True:
+            head, blank, body = data.partition(b"\r\n\r\n")
+            if blank and len(body) >= int(head.split(b"Content-Length: ")[1].split(b"\r\n")[0]):
+                return data
+            piece = sock.recv(65536)
+            if not piece or not (data + piece).startswith(b"POST"):
+                return data
+            data += piece
+
+
+@pytest.fixture
+def node() -> Iterator[StandIn]:
+    with StandIn() as server:
+        yield server
+        server.shutdown()
+
+
+def cli(directory: Path, *args: object) -> Tuple[int, str, str]:
+    done = subprocess.run([PROGRAM, "--datadir", directory, *map(str, args)], stdin=subprocess.DEVNULL,
+                          capture_output=True, text=True, timeout=60, env={"HOME": "/nonexistent"})
+    return done.returncode, done.stdout, done.stderr
+
+
+def test_any_method(node: StandIn, tmp_path: Path) -> None:
+    at = ("--rpcport", node.port)
+    node.results = {"getblockcount": 7, "getbestblockhash": "00ab", "getpeerinfo": [{"addr": "a\x1b"}],
+                    "getblock": RuntimeError("Block\x07 not found")}
+    assert cli(tmp_path, *at, "getblockcount") == (0, "7\n", "")
+    assert cli(tmp_path, *at, "getbestblockhash") == (0, "00ab\n", "")
+    assert cli(tmp_path, *at, "getpeerinfo") == (0, '[\n  {\n    "addr": "au001b"\n  }\n]\n', "")
+    assert cli(tmp_path, *at, "getblock", "1" * 64, "2", "[true]") == (1, "", "Block? not found\n".replace("?", "u0007"))
+    assert cli(tmp_path, *at, "getbalance", '{"address":"1A"}')[0] == 0
+    assert node.calls[3:] == [("getblock", ["1" * 64, 2, [True]]), ("getbalance", {"address": "1A"})]
+    assert all("Authorization" not in head for head in node.heads)
+
+
+def test_usage_and_no_connection(node: StandIn, tmp_path: Path) -> None:
+    port = node.port
+    for args in ([], ["--rpcport", "x", "getinfo"], ["newkey"], ["send", "k", RECIPIENT, "1e3"], ["getinfo", "--x"],
+                 ["--rpc-password-file", "/nonexistent", "getblockcount"]):
+        status, out, err = cli(tmp_path, *args)
+        assert (status, out) == (2, "") and err, args
+    assert cli(tmp_path, "--help")[0] == 0
+    unreadable = [b"", b"HTTP/1.1 200 OK\r\n\r\n", b'HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{"result":[1',
+                  b"HTTP/1.1 200 OK\r\nContent-Length: x\r\n\r\n{}", b"\r\n\r\n<html>", b'\r\n\r\n{"id":"0"}']
+    for reply in unreadable:
+        node.results = {"getblockcount": reply}
+        status, out, err = cli(tmp_path, "--rpcport", port, "getblockcount")
+        assert (status, out) == (3, "") and err, reply
+    node.shutdown()
+    node.server_close()
+    assert cli(tmp_path, "--rpcport", port, "getblockcount")[0] == 3
+    assert cli(tmp_path, "--rpcport", port, "health")[0] == 1
+
+
+def test_configuration_and_credentials(node: StandIn, tmp_path: Path) -> None:
+    password = tmp_path / "password"
+    password.write_text("geheim: ü\n")
+    password.chmod(0o600)
+    (tmp_path / "norvel.conf").write_text(
+        f"# here\nport = 1\nrpc-port = {node.port}\nrpc-user = anna\nrpc-password-file = {password}\n")
+    assert cli(tmp_path, "getblockcount") == (0, "null\n", "")
+    token = base64.b64encode("anna:geheim: ü".encode()).decode()
+    assert f"\r\nAuthorization: Basic {token}" in node.heads[0]
+    node.results = {"getblockcount": b'HTTP/1.1 401 Unauthorized\r\n\r\n{"jsonrpc":"2.0","error":{"code":-32600,'
+                                     b'"message":"Unauthorized"},"id":null}'}
+    assert cli(tmp_path, "getblockcount") == (1, "", "Unauthorized\n")
+
+
+def test_tls_proves_who_answers(tmp_path: Path) -> None:
+    with StandIn("own") as own, StandIn("other") as other:
+        own.results = other.results = {"getblockcount": 7}
+        trusted = ("--rpc-ca", CERTIFICATES / "own.pem", "--rpcport", own.port)
+        assert cli(tmp_path, *trusted, "getblockcount") == (0, "7\n", "")
+        refused = [("a certificate nobody vouches for", "--rpc-tls", "--rpcport", own.port),
+                   ("another certificate", "--rpc-ca", CERTIFICATES / "other.pem", "--rpcport", own.port),
+                   ("another host", "--rpc-ca", CERTIFICATES / "other.pem", "--rpcport", other.port),
+                   ("another name of the host", *trusted, "--rpchost", "localhost"),
+                   ("no TLS from us", "--rpcport", own.port)]
+        for label, *options in refused:
+            status, out, err = cli(tmp_path, *options, "getblockcount")
+            assert (status, out) == (3, "") and err, label
+        assert cli(tmp_path, "--rpc-ca", "/nonexistent", "--rpcport", own.port, "getblockcount")[0] == 2
+        (tmp_path / "norvel.conf").write_text(f"rpc-port = {own.port}\nrpc-tls-cert = {CERTIFICATES}/own.pem\n")
+        assert cli(tmp_path, "getblockcount") == (0, "7\n", "")
+        assert other.calls == [] and len(own.calls) == 2
+    with StandIn() as plain:
+        assert cli(tmp_path, "--rpc-tls", "--rpcport", plain.port, "getblockcount")[0] == 3
+
+
+def test_state_of_the_node(node: StandIn, tmp_path: Path) -> None:
+    at = ("--rpcport", node.port)
+    status = {"height": 5, "tip": "00ab", "tip_time": int(time.time()) - 30, "warnings": [], "peers_in": 1}
+    node.results = {"getnodestatus": status}
+    assert cli(tmp_path, *at, "health") == (0, "The node is well\n", "")
+    assert cli(tmp_path, *at, "getinfo")[1].startswith("Height:       5\nTip:          00ab\nTip age:      3")
+    status["warnings"] = ["disk"]
+    assert cli(tmp_path, *at, "health") == (1, "", "Warning: disk\n")
+
+
+def new_key(directory: Path) -> Tuple[Path, str]:
+    path = directory / "key"
+    status, address, err = cli(directory, "newkey", path)
+    assert (status, err) == (0, "")
+    return path, address.strip()
+
+
+def test_keys_and_addresses_need_no_node(tmp_path: Path) -> None:
+    path, address = new_key(tmp_path)
+    assert stat.S_IMODE(path.stat().st_mode) == 0o600
+    assert cli(tmp_path, "newkey", path)[0] == 1
+    assert cli(tmp_path, "validateaddress", address) == (0, "valid\n", "")
+    for spoilt in (address[:-1] + "0", address + "1", "", "1" * 65):
+        assert cli(tmp_path, "validateaddress", spoilt)[0] == 1
+
+
+def pool_spending(txid: str) -> str:
+    """A transaction of the pool that spends output 0 of `txid`."""
+    spent = bytes.fromhex(txid)[::-1]
+    head = b"\1" + (1).to_bytes(4, "little") + bytes(8) + b"\1\0" + spent + bytes(4) + bytes(2) + bytes(1) + b"\xff" * 4
+    return (head + b"\1\0" + bytes(8) + b"\x19" + p2pkh(bytes(20)) + b"\0" + bytes(4)).hex()
+
+
+def payment_node(node: StandIn) -> None:
+    utxo = {"vout": 0, "value_nvl": 1}
+    node.results = {"getmempoolinfo": {"size": 2}, "getrawmempool": ["aa" * 32, "bb" * 32],
+                    "getrawtransaction": pool_spending("11" * 32),
+                    "getutxos": [{**utxo, "txid": "11" * 32, "value": 900_000_000},
+                                 {**utxo, "txid": "22" * 32, "value": 800_000_000}],
+                    "sendrawtransaction": {"accepted": True, "txid": "not ours"}}
+
+
+def test_send(node: StandIn, tmp_path: Path) -> None:
+    path, address = new_key(tmp_path)
+    payment_node(node)
+    status, out, err = cli(tmp_path, "--rpcport", node.port, "send", path, RECIPIENT, "1.00000001", "--fee", "0.5")
+    assert (status, err) == (0, "")
+    tx = bytes.fromhex(dict(node.calls)["sendrawtransaction"][0])
+    assert out == hash_text(sha256d(tx)) + "\n"
+    reader = Reader(tx)
+    assert (reader.number(1), reader.number(4)) == (1, 1)
+    assert abs(reader.number(8) - time.time()) < 60
+    assert reader.number(2) == 1
+    assert reader.take(32) == bytes.fromhex("22" * 32), "what the pool spends already is left alone"
+    amounts = (b"%s" % (100_000_001).to_bytes(8, "little"), (800_000_000 - 150_000_001).to_bytes(8, "little"))
+    assert amounts[0] + b"\x19" + p2pkh(bytes(range(20))) in tx and amounts[1] in tx
+    assert ("getutxos", [address]) in node.calls
+
+    node.results["sendrawtransaction"] = RuntimeError("Mempool rejected: Mempool full")
+    assert cli(tmp_path, "--rpcport", node.port, "send", path, RECIPIENT, "1") == (
+        1, "", "Mempool rejected: Mempool full\n")
+    assert cli(tmp_path, "--rpcport", node.port, "send", path, RECIPIENT, "9") == (1, "", "Insufficient funds\n")
+    node.results["getutxos"][1]["value"] = 2**53
+    assert cli(tmp_path, "--rpcport", node.port, "send", path, RECIPIENT, "1")[0] == 1
+
+
+@pytest.mark.parametrize("answer, status", [(b"y\n", 0), (b"n\n", 1), (b"\n", 1), (b"\x04", 1)])
+def test_send_asks_at_a_terminal(node: StandIn, tmp_path: Path, answer: bytes, status: int) -> None:
+    path, _ = new_key(tmp_path)
+    payment_node(node)
+    ours, theirs = pty.openpty()
+    os.write(ours, answer)
+    done = subprocess.run([PROGRAM, "--datadir", tmp_path, "--rpcport", str(node.port), "send", path, RECIPIENT, "1"],
+                          stdin=theirs, capture_output=True, text=True, timeout=60)
+    os.close(ours)
+    os.close(theirs)
+    assert done.returncode == status
+    assert done.stdout.startswith(f"Pay 1.00000000 NVL to {RECIPIENT}, fee 0.0000")
+    assert ("sendrawtransaction" in dict(node.calls)) == (status == 0)

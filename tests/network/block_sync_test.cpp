@@ -1,0 +1,187 @@
+// Whom to ask, when to ask again, and what not to request.
+
+#include "network/block_sync.h"
+
+#include <gtest/gtest.h>
+
+namespace norvel::network {
+namespace {
+
+using Ask = BlockSync::Ask;
+using Fate = BlockSync::Fate;
+using PeerPtr = BlockSync::PeerPtr;
+
+constexpr int64_t kStart = 1'000'000;
+
+uint256 block(uint64_t number) {
+  return uint256(number + 1);
+}
+
+class Sync : public testing::Test {
+ protected:
+  PeerPtr peer(uint32_t height) {
+    auto made = std::make_shared<Peer>(FileDescriptor(), "10.0.0.1", 1, true);
+    made->best_height = height;
+    return made;
+  }
+
+  bool ask(const PeerPtr& of, uint64_t start, bool urgent = false, Ask::From from = Ask::From::TIP) {
+    return sync.begin({of, from, 0, {}, urgent}, block(start), 100, now);
+  }
+
+  // Blocks first to last, none of them known.
+  BlockSync::InvOutcome inv(const PeerPtr& from, uint64_t first, uint64_t last, uint64_t known_to = 0) {
+    BlockSync::Inv list;
+    list.peer_height = from->best_height;
+    list.our_height = 100;
+    for (uint64_t i = first; i <= last; ++i) {
+      list.items.push_back({{kInvBlock, block(i)}, i <= known_to});
+    }
+    return sync.receive_inv(from, list, now);
+  }
+
+  BlockSync::DeliveryOutcome deliver(const PeerPtr& from, uint64_t number, Fate fate = Fate::TAKEN) {
+    return sync.delivered(from, {block(number), block(number - 1), static_cast<uint32_t>(number), fate, true, true},
+                          now);
+  }
+
+  BlockSync sync;
+  int64_t now = kStart;
+};
+
+TEST_F(Sync, OneRequestIsOpenForThirtySecondsAndAStartRestsForTen) {
+  const PeerPtr one = peer(200);
+  EXPECT_TRUE(ask(one, 1));
+  EXPECT_FALSE(ask(one, 2));
+  EXPECT_TRUE(ask(one, 3, true));
+  EXPECT_FALSE(ask(one, 3, true));
+  now += kSameStartMs;
+  EXPECT_TRUE(ask(one, 3, true));
+  now += kAnswerWaitMs - 1;
+  EXPECT_FALSE(ask(one, 4));
+  EXPECT_TRUE(sync.tick({one}, now).empty());
+  now += 1;
+  EXPECT_EQ(sync.tick({one}, now).size(), 1u);
+  EXPECT_TRUE(ask(one, 4));
+}
+
+TEST_F(Sync, AFullAnswerGoesOnBehindItsLastItemOnceItsBlocksCame) {
+  const PeerPtr one = peer(2'000);
+  ASSERT_TRUE(ask(one, 0));
+  EXPECT_EQ(inv(one, 1, 500).wanted.size(), 500u);
+  for (uint64_t i = 1; i < 500; ++i) {
+    ASSERT_FALSE(deliver(one, i).ask) << i;
+  }
+  EXPECT_FALSE(ask(one, 499));  // one is owed
+  const auto next = deliver(one, 500).ask;
+  ASSERT_TRUE(next);
+  EXPECT_EQ(next->hash, block(500));
+  EXPECT_TRUE(sync.begin(*next, next->hash, 100, now));
+  const auto known = inv(one, 501, 1'000, 1'000);
+  EXPECT_TRUE(known.wanted.empty());
+  ASSERT_TRUE(known.ask);
+  EXPECT_EQ(known.ask->hash, block(1'000));
+}
+
+TEST_F(Sync, AnAnswerWithoutNewsLeadsDownOurChain) {
+  const PeerPtr one = peer(200);
+  uint64_t start = 10'000;
+  for (const uint32_t height : {92u, 84u, 68u, 36u, 0u}) {
+    ASSERT_TRUE(ask(one, start++, false, Ask::From::HASH));
+    const auto next = inv(one, 1, 3, 3).ask;
+    ASSERT_TRUE(next) << height;
+    EXPECT_EQ(next->height, height);
+  }
+  ASSERT_TRUE(ask(one, start++, false, Ask::From::HASH));
+  EXPECT_FALSE(inv(one, 1, 3, 3).ask);
+  sync.taken({block(77)});
+  ASSERT_TRUE(ask(one, start++, false, Ask::From::HASH));
+  EXPECT_EQ(inv(one, 1, 3, 3).ask->height, 92u);
+}
+
+TEST_F(Sync, ItemsAreRequestedOnceInThirtySecondsOfEachPeer) {
+  const PeerPtr one = peer(200);
+  const PeerPtr two = peer(200);
+  EXPECT_EQ(inv(one, 1, 2).wanted.size(), 2u);
+  EXPECT_EQ(inv(one, 1, 3).wanted.size(), 1u);
+  EXPECT_EQ(inv(two, 1, 3).wanted.size(), 3u);
+  now += kSameItemMs;
+  EXPECT_EQ(inv(one, 1, 3).wanted.size(), 3u);
+}
+
+TEST_F(Sync, RefusedBlocksAreLeftAloneWithWhatFollows) {
+  const struct {
+    const char* label;
+    Fate fate;
+    int64_t hold_ms;
+    size_t from_others;  // of blocks 1 to 4, number 2 refused
+  } rows[] = {{"verdict", Fate::VERDICT, kVerdictHoldMs, 1}, {"incident", Fate::REFUSED, kIncidentHoldMs, 4}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    BlockSync fresh;
+    const PeerPtr one = peer(2'000);
+    const PeerPtr two = peer(2'000);
+    const auto named = [&](const PeerPtr& from, int64_t at) {
+      BlockSync::Inv list;
+      for (uint64_t i = 1; i <= 4; ++i) {
+        list.items.push_back({{kInvBlock, block(i)}, false});
+      }
+      return fresh.receive_inv(from, list, at).wanted.size();
+    };
+    ASSERT_TRUE(fresh.begin({one}, block(0), 100, now));
+    ASSERT_EQ(named(one, now), 4u);
+    EXPECT_EQ(fresh.delivered(one, {block(2), block(1), 0, row.fate, true}, now).forgotten.size(), 3u);
+    EXPECT_EQ(named(two, now), row.from_others);
+    EXPECT_EQ(named(one, now + row.hold_ms - 1), 1u);
+    EXPECT_EQ(named(one, now + row.hold_ms + kSameItemMs), 4u);
+    fresh.delivered(one, {block(9), block(8), 0, row.fate, false}, now);
+    EXPECT_FALSE(fresh.receive_inv(one, {{{{kInvBlock, block(9)}, false}}}, now).wanted.empty()) << "no work";
+  }
+}
+
+TEST_F(Sync, WordsWithoutBlocksDoNotCountForTenMinutes) {
+  const PeerPtr boaster = peer(4'294'967'295);
+  const PeerPtr slow = peer(900);
+  const PeerPtr honest = peer(300);
+  const std::vector<PeerPtr> peers = {honest, slow, boaster};
+  EXPECT_EQ(sync.choose(peers, now), boaster);
+  ASSERT_TRUE(ask(boaster, 1));
+  now += kAnswerWaitMs;
+  EXPECT_EQ(sync.choose(peers, now), slow);
+  // One block, and never the rest of the batch.
+  ASSERT_TRUE(ask(slow, 1));
+  inv(slow, 101, 102);
+  deliver(slow, 101);
+  now += kBatchWaitMs - 1;
+  EXPECT_EQ(sync.choose(peers, now), slow);
+  now += 1;
+  EXPECT_EQ(sync.choose(peers, now), honest);
+  EXPECT_EQ(sync.choose({slow, boaster}, now), boaster) << "all discredited: the one asked longest ago";
+  now += kDiscreditMs;
+  EXPECT_EQ(sync.choose(peers, now), boaster);
+}
+
+TEST_F(Sync, OrphansAskAtOnceOnlyForAParentThatIsNowhere) {
+  const PeerPtr one = peer(200);
+  EXPECT_TRUE(deliver(one, 20, Fate::ORPHAN).parent_is_nowhere);
+  EXPECT_FALSE(deliver(one, 21, Fate::ORPHAN).parent_is_nowhere) << "parked";
+  inv(one, 29, 29);
+  EXPECT_FALSE(deliver(one, 30, Fate::ORPHAN).parent_is_nowhere) << "requested";
+  EXPECT_EQ(inv(one, 19, 22).wanted.size(), 2u) << "parked ones are not requested";
+  sync.taken({block(19)});
+  EXPECT_EQ(inv(one, 20, 21).wanted.size(), 2u) << "no longer parked once their parent came";
+}
+
+TEST_F(Sync, HashesMemoryIsBounded) {
+  TimedMemory<uint64_t> memory(100, 1'000);
+  for (uint64_t i = 0; i < 100'000; ++i) {
+    memory.remember(i % 150, static_cast<int64_t>(i / 1'000));
+  }
+  EXPECT_FALSE(memory.contains((99'999 - 100) % 150, 100));
+  EXPECT_TRUE(memory.contains((99'999 - 99) % 150, 100));
+  EXPECT_TRUE(memory.contains(99'999 % 150, 1'098));
+  EXPECT_FALSE(memory.contains(99'999 % 150, 1'099));
+}
+
+}  // namespace
+}  // namespace norvel::network
