@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ios>
 #include <iostream>
+#include <utility>
 
 #include "core/patient_output.h"
 #include "core/sync.h"
@@ -20,10 +21,20 @@ Mutex& output_mutex() {
   return mutex;
 }
 
+// Guarded by output_mutex(). Never destroyed: threads may write while the
+// process ends.
+LogSink& log_sink() {
+  static LogSink& sink = *new LogSink;
+  return sink;
+}
+
 void write_piece(std::ostream& stream, std::string_view text) {
   stream.clear();  // an earlier failure must not silence the pieces after it
   stream.write(text.data(), static_cast<std::streamsize>(text.size()));
   stream.flush();
+  if (const LogSink& sink = log_sink()) {
+    sink(text);
+  }
 }
 
 // Unicode Standard, table 3-7: no longer form than needed, no surrogate, nothing
@@ -98,6 +109,11 @@ void error_line(std::string_view text) {
   line += '\n';
   const MutexLock lock(output_mutex());
   write_piece(std::cerr, line);
+}
+
+void set_log_sink(LogSink sink) {
+  const MutexLock lock(output_mutex());
+  log_sink() = std::move(sink);
 }
 
 std::string printable(std::string_view text) {

@@ -4,11 +4,12 @@
 // mix.
 //
 // Threads: safe from any thread. The lock is a leaf: nothing is called under it
-// but the write itself.
+// but the write itself and the log sink.
 
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -31,6 +32,12 @@ void write_out_fixed(std::string_view text);
 
 // Writes `text` and a newline to standard error and flushes, in the same way.
 void error_line(std::string_view text);
+
+// What takes a second copy of every piece, of both streams, in the order in which
+// they are written. Called under the lock: it must not write through here, and
+// must neither throw nor wait. An empty one ends that.
+using LogSink = std::function<void(std::string_view text)>;
+void set_log_sink(LogSink sink);
 
 // `text` with each control character replaced by "?": C0, DEL, the UTF-8 forms
 // of C1 and stray bytes 0x80 to 0x9f, so that text from a remote party cannot

@@ -1,0 +1,43 @@
+#include "node/data_directory.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+namespace norvel::node {
+
+FileDescriptor lock_data_directory(const std::string& directory, LockFile if_missing) {
+  FileDescriptor lock = open_file(directory + "/.lock", O_RDWR | (if_missing == LockFile::CREATE ? O_CREAT : 0));
+  if (!lock.is_open()) {
+    throw std::runtime_error("data directory " + directory + ": " + std::strerror(errno));
+  }
+  if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    throw std::runtime_error("another process uses data directory " + directory);
+  }
+  return lock;
+}
+
+void create_data_directory(const std::string& directory) {
+  std::error_code failure;
+  const auto parent = std::filesystem::absolute(directory, failure).parent_path();
+  std::filesystem::create_directories(parent, failure);
+  if (mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+    throw std::runtime_error("data directory " + directory + ": " + std::strerror(errno));
+  }
+}
+
+std::optional<uint64_t> free_disk_bytes(const std::string& directory) {
+  struct statvfs disk = {};
+  if (statvfs(directory.c_str(), &disk) != 0) {
+    return std::nullopt;
+  }
+  return uint64_t{disk.f_bavail} * disk.f_frsize;
+}
+
+}  // namespace norvel::node

@@ -1,0 +1,98 @@
+// norveld: a node of the Norvel network.
+
+#include <openssl/crypto.h>
+#include <sys/stat.h>
+
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "consensus/retarget.h"
+#include "core/console.h"
+#include "node/data_directory.h"
+#include "node/directory_check.h"
+#include "node/log_file.h"
+#include "node/node.h"
+#include "node/node_params.h"
+#include "node/options.h"
+#include "node/stop_request.h"
+#include "node/supervisor.h"
+
+namespace norvel::node {
+
+namespace {
+
+constexpr mode_t kPrivateMask = 077;
+
+// Null without a log file. Throws std::runtime_error when it does not open.
+std::shared_ptr<LogFile> open_log(const Options& options) {
+  if (options.log_file.empty()) {
+    return nullptr;
+  }
+  auto log = std::make_shared<LogFile>(options.log_file);
+  std::string error;
+  if (!log->reopen(error)) {
+    throw std::runtime_error(error);
+  }
+  console::set_log_sink([log](std::string_view text) { log->append(text); });
+  return log;
+}
+
+void reopen_log(const std::shared_ptr<LogFile>& log) {
+  std::string error;
+  if (log && !log->reopen(error)) {
+    console::error_line("[Node] Warning: " + error);
+  }
+}
+
+// Throws std::runtime_error with a line for the user.
+NodeParams prepare_directory(const Options& options) {
+  create_data_directory(options.data_dir);
+  // Given back at once: the chain takes the same lock for itself.
+  const FileDescriptor lock = lock_data_directory(options.data_dir, LockFile::CREATE);
+  return settle_params(options.data_dir, options);
+}
+
+int check(const Options& options) {
+  const auto log = open_log(options);
+  StopRequest stop;
+  return supervise({[&] { return check_directory(options.data_dir, stop); }, [] {}, [&] { reopen_log(log); }}, stop);
+}
+
+int run(const Options& options) {
+  const NodeParams params = prepare_directory(options);
+  const auto log = open_log(options);
+  consensus::set_difficulty_config(params.difficulty());
+  StopRequest stop;
+  Node node(options, params, stop);
+  return supervise({[&] { return node.run(); }, [&] { node.request_stop(); }, [&] { reopen_log(log); }}, stop);
+}
+
+}  // namespace
+
+}  // namespace norvel::node
+
+int main(int argc, char** argv) {
+  using namespace norvel;
+  // Connection threads may still compute while the process ends.
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  console::guard_standard_streams();
+  umask(node::kPrivateMask);
+  node::block_signals();
+  try {
+    const auto invocation = node::read_options(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
+    console::write_out(invocation.output);
+    if (!invocation.error.empty()) {
+      console::error_line(invocation.error);
+    }
+    if (invocation.exit_status) {
+      return *invocation.exit_status;
+    }
+    return invocation.options.check ? node::check(invocation.options) : node::run(invocation.options);
+  } catch (const std::exception& failure) {
+    console::error_line(std::string("norveld: ") + failure.what());
+    return node::kExitFailed;
+  }
+}

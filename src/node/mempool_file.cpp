@@ -1,0 +1,166 @@
+#include "node/mempool_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+#include "core/block.h"
+#include "core/console.h"
+#include "core/file_io.h"
+
+namespace norvel::node {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::string_view kMagic = "NPOOL001";
+constexpr size_t kLengthBytes = 4;
+constexpr size_t kBufferBytes = 1 << 20;
+
+// Ids of the pool, parents before their children. A transaction that leaves the
+// pool meanwhile is simply not found.
+std::vector<uint256> ids_in_order(const Mempool& pool) {
+  std::vector<uint256> order;
+  std::set<uint256> seen;
+  std::vector<std::pair<uint256, bool>> open;  // and whether its parents are done
+  for (const uint256& root : pool.get_txids()) {
+    open.emplace_back(root, false);
+    while (!open.empty()) {
+      const auto [txid, is_ready] = open.back();
+      open.pop_back();
+      if (is_ready) {
+        order.push_back(txid);
+      } else if (seen.insert(txid).second) {
+        open.emplace_back(txid, true);
+        for (const OutPoint& spent : pool.get_prevouts(txid)) {
+          if (!seen.contains(spent.txid) && pool.has_transaction(spent.txid)) {
+            open.emplace_back(spent.txid, false);
+          }
+        }
+      }
+    }
+  }
+  return order;
+}
+
+bool write_pool(const Mempool& pool, const std::string& path, Clock::time_point deadline) {
+  const FileDescriptor file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+  Bytes buffer(kMagic.begin(), kMagic.end());
+  bool written = file.is_open();
+  for (const uint256& txid : ids_in_order(pool)) {
+    if (!written || Clock::now() >= deadline) {
+      break;
+    }
+    if (const auto tx = pool.get_transaction(txid)) {
+      const Bytes bytes = tx->serialize();
+      append_le(buffer, static_cast<uint32_t>(bytes.size()));
+      append(buffer, bytes);
+    }
+    if (buffer.size() >= kBufferBytes) {
+      written = write_all(file.get(), buffer);
+      buffer.clear();
+    }
+  }
+  return written && write_all(file.get(), buffer) && sync_data(file.get());
+}
+
+void report(const std::string& directory, const std::string& what) {
+  console::error_line("[Node] " + directory + kMempoolFile + ": " + what);
+}
+
+// Reads the records one by one.
+class PoolReader {
+ public:
+  explicit PoolReader(const std::string& path) : file_(open_file(path, O_RDONLY | O_NONBLOCK)) {
+    if (file_.is_open()) {
+      bytes_ = file_size(file_.get()).value_or(0);
+    }
+  }
+
+  bool is_open() const { return file_.is_open(); }
+
+  bool read_magic() {
+    Bytes magic(kMagic.size());
+    return take(magic) && std::equal(magic.begin(), magic.end(), kMagic.begin());
+  }
+
+  bool at_end() const { return offset_ == bytes_; }
+
+  // Throws std::runtime_error for a record that makes no sense.
+  Transaction next() {
+    Bytes prefix(kLengthBytes);
+    size_t at = 0;
+    const uint32_t length = take(prefix) ? read_le<uint32_t>(prefix, at) : 0;
+    if (length == 0 || length > kBlockBytesMax) {
+      throw std::runtime_error("damaged length");
+    }
+    Bytes record(length);
+    if (!take(record)) {
+      throw std::runtime_error("cut record");
+    }
+    return Transaction::deserialize(record);
+  }
+
+ private:
+  bool take(std::span<uint8_t> out) {
+    if (out.size() > bytes_ - offset_ || !read_exactly_at(file_.get(), offset_, out)) {
+      return false;
+    }
+    offset_ += out.size();
+    return true;
+  }
+
+  FileDescriptor file_;
+  uint64_t bytes_ = 0;
+  uint64_t offset_ = 0;  // at most bytes_
+};
+
+}  // namespace
+
+bool save_mempool(const Mempool& pool, const std::string& directory, int64_t time_ms) {
+  const std::string path = directory + kMempoolFile;
+  const std::string temporary = path + ".tmp";
+  const bool saved = write_pool(pool, temporary, Clock::now() + std::chrono::milliseconds(time_ms)) &&
+                     std::rename(temporary.c_str(), path.c_str()) == 0 && sync_directory(directory);
+  if (!saved) {
+    report(directory, std::string("cannot be written: ") + std::strerror(errno));
+    unlink(temporary.c_str());
+  }
+  return saved;
+}
+
+bool load_mempool(TransactionAdmission& admission, const std::string& directory, const StopRequest& stop) {
+  PoolReader reader(directory + kMempoolFile);
+  if (!reader.is_open()) {
+    return !stop.is_requested();
+  }
+  size_t read_count = 0;
+  size_t taken_count = 0;
+  try {
+    if (!reader.read_magic()) {
+      throw std::runtime_error("not a file of this node");
+    }
+    for (; !reader.at_end() && !stop.is_requested(); ++read_count) {
+      std::string reason;
+      int64_t fee = 0;
+      taken_count += admission.accept(reader.next(), reason, fee) == AdmissionOutcome::ACCEPTED ? 1 : 0;
+    }
+  } catch (const std::runtime_error& failure) {
+    report(directory, "ignored from record " + std::to_string(read_count) + " on: " + failure.what());
+  }
+  console::write_out("[Node] Pool loaded: " + std::to_string(taken_count) + " of " + std::to_string(read_count) +
+                     " transaction(s) still valid\n");
+  return !stop.is_requested();
+}
+
+}  // namespace norvel::node
