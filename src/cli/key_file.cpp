@@ -17,7 +17,7 @@
 #include "crypto/hex.h"
 #include "crypto/keys.h"
 #include "crypto/secure_zero.h"
-#include "node/settings_file.h"
+#include "core/settings_file.h"
 
 namespace norvel::cli {
 
@@ -69,8 +69,8 @@ void store_new_file(const std::string& path, ByteView data) {
   }
 }
 
-std::optional<std::string> find_value(const std::vector<node::Setting>& entries, const std::string& key) {
-  for (const node::Setting& entry : entries) {
+std::optional<std::string> find_value(const std::vector<Setting>& entries, const std::string& key) {
+  for (const Setting& entry : entries) {
     if (entry.key == key) {
       return entry.value;
     }
@@ -78,7 +78,7 @@ std::optional<std::string> find_value(const std::vector<node::Setting>& entries,
   return std::nullopt;
 }
 
-KeyPair read_pair(const std::vector<node::Setting>& entries, const std::string& path) {
+KeyPair read_pair(const std::vector<Setting>& entries, const std::string& path) {
   const auto secret = read_hex(find_value(entries, "secret").value_or(""), crypto::kPrivateKeyBytes);
   if (!secret) {
     fail(path, "no line \"secret = \" with 64 hexadecimal digits");
@@ -115,13 +115,13 @@ std::string create_key_file(const std::string& path) {
 }
 
 KeyPair read_key_file(const std::string& path) {
-  auto entries = node::read_settings(path);
+  auto entries = read_settings(path);
   if (!entries) {
     fail(path, std::strerror(ENOENT));
   }
   warn_if_readable_by_others(path);
   KeyPair pair = read_pair(*entries, path);
-  for (node::Setting& entry : *entries) {
+  for (Setting& entry : *entries) {
     wipe(entry.value);
   }
   return pair;

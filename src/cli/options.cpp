@@ -10,8 +10,8 @@
 #include "cli/amount.h"
 #include "cli/failures.h"
 #include "cli/key_file.h"
-#include "node/password_file.h"
-#include "node/settings_file.h"
+#include "core/password_file.h"
+#include "core/settings_file.h"
 
 namespace norvel::cli {
 
@@ -79,12 +79,12 @@ void check_params(const CommandLine& line) {
   }
 }
 
-uint16_t read_port(const std::string& path, const node::Setting& entry) {
+uint16_t read_port(const std::string& path, const Setting& entry) {
   uint16_t port = 0;
   const char* const end = entry.value.data() + entry.value.size();
   const std::from_chars_result read = std::from_chars(entry.value.data(), end, port);
   if (read.ec != std::errc() || read.ptr != end || port == 0) {
-    node::refuse_setting(path, entry, "bad value of " + entry.key + ": " + entry.value);
+    refuse_setting(path, entry, "bad value of " + entry.key + ": " + entry.value);
   }
   return port;
 }
@@ -100,7 +100,7 @@ struct Configured {
 
 Configured read_configuration(const std::string& path) {
   Configured configured;
-  for (const node::Setting& entry : node::read_settings(path).value_or(std::vector<node::Setting>())) {
+  for (const Setting& entry : read_settings(path).value_or(std::vector<Setting>())) {
     if (entry.key == "rpc-bind") {
       configured.bind = entry.value;
     } else if (entry.key == "rpc-port") {
@@ -130,7 +130,7 @@ Configured read_configuration_of(const std::string& data_dir) {
 
 std::string read_password(const std::string& path) {
   try {
-    const node::Password password = node::read_password(path);
+    const Password password = read_password(path);
     warn_if_readable_by_others(path);
     return password.text;
   } catch (const std::runtime_error& failure) {

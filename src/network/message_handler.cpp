@@ -128,12 +128,13 @@ bool MessageHandler::is_stalled() const {
 // it is this thread that did not read, whatever the clock says. The start of the
 // pass is published behind it, so that nobody sees the one without the other.
 void MessageHandler::excuse_stall() {
+  now_ms_ = clock_.now_ms();
   const int64_t now = steady_ms();
   const int64_t start = pass_start_ms_;
   if (start != 0 && now - start > kStallMs) {
     for (const PeerPtr& peer : connections_.table().snapshot()) {
-      peer->silent_since_ms += now - start;
-      peer->handshake_since_ms += now - start;
+      peer->silent_since_ms = std::min<int64_t>(peer->silent_since_ms + now - start, now_ms_);
+      peer->handshake_since_ms = std::min<int64_t>(peer->handshake_since_ms + now - start, now_ms_);
     }
   }
   pass_start_ms_ = now;
@@ -393,12 +394,12 @@ void MessageHandler::refill_write_buffer(Peer& peer) {
   }
 }
 
-bool MessageHandler::is_overdue(Peer& peer) {
-  const int64_t now = clock_.now_ms();
-  if (peer.write_blocked_since_ms != 0 && now - peer.write_blocked_since_ms >= kWriteTimeoutMs) {
+// A write has just been tried; what was read counts up to the start of the pass.
+bool MessageHandler::is_overdue(const Peer& peer) const {
+  if (peer.write_blocked_since_ms != 0 && clock_.now_ms() - peer.write_blocked_since_ms >= kWriteTimeoutMs) {
     return true;
   }
-  return !peer.handshake_complete && now - peer.handshake_since_ms >= kHandshakeTimeoutMs;
+  return !peer.handshake_complete && now_ms_ - peer.handshake_since_ms >= kHandshakeTimeoutMs;
 }
 
 void MessageHandler::disconnect_doomed() {

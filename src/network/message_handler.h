@@ -66,7 +66,7 @@ class MessageHandler {
   void finish(const PeerPtr& peer);
   bool write_queued(Peer& peer);
   void refill_write_buffer(Peer& peer);
-  bool is_overdue(Peer& peer);
+  bool is_overdue(const Peer& peer) const;
   void disconnect_doomed();
 
   const NetworkClock& clock_;
@@ -80,6 +80,7 @@ class MessageHandler {
   std::vector<pollfd> polls_;  // of peers_
   PeerList doomed_;            // to be disconnected at the end of the pass
   size_t first_ = 0;
+  int64_t now_ms_ = 0;      // NetworkClock, at the start of the pass
   bool work_left_ = false;  // whole frames wait in some buffer
   std::array<uint8_t, kReceiveBytesMax> chunk_{};
 

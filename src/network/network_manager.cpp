@@ -56,7 +56,8 @@ bool NetworkManager::State::start(bool listen) {
       });
     });
   }
-  started = started && threads.run([this] { handler.run(stop_signal); }) && threads.run([this, now_ms] { check_loop(now_ms); });
+  started = started && threads.run([this] { handler.run(stop_signal); }) &&
+            threads.run([this, now_ms] { check_loop(now_ms); });
   if (!started) {
     console::error_line("[Network] Cannot start threads");
     stop();

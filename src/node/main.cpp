@@ -1,6 +1,5 @@
 // norveld: a node of the Norvel network.
 
-#include <openssl/crypto.h>
 #include <sys/stat.h>
 
 #include <exception>
@@ -19,6 +18,7 @@
 #include "node/options.h"
 #include "node/stop_request.h"
 #include "node/supervisor.h"
+#include "rpc/tls_context.h"
 
 namespace norvel::node {
 
@@ -77,7 +77,7 @@ int run(const Options& options) {
 int main(int argc, char** argv) {
   using namespace norvel;
   // Connection threads may still compute while the process ends.
-  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  rpc::keep_openssl_until_exit();
   console::guard_standard_streams();
   umask(node::kPrivateMask);
   node::block_signals();

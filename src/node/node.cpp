@@ -15,7 +15,7 @@
 #include "node/mempool_file.h"
 #include "node/node_status.h"
 #include "node/notify.h"
-#include "node/password_file.h"
+#include "core/password_file.h"
 #include "node/sync_progress.h"
 #include "node/warnings.h"
 #include "rpc/server.h"

@@ -10,7 +10,7 @@
 
 #include "chain/block_files.h"
 #include "core/file_io.h"
-#include "node/settings_file.h"
+#include "core/settings_file.h"
 
 namespace norvel::node {
 

@@ -9,7 +9,7 @@
 #include <stdexcept>
 
 #include "node/option_table.h"
-#include "node/settings_file.h"
+#include "core/settings_file.h"
 
 namespace norvel::node {
 

@@ -8,7 +8,7 @@
 
 #include <fstream>
 
-#include "node/password_file.h"
+#include "core/password_file.h"
 #include "support/chain_builder.h"
 
 namespace norvel::node {

@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-namespace norvel::node {
+namespace norvel {
 
 inline constexpr size_t kSettingsBytesMax = 1'000'000;
 
@@ -35,4 +35,4 @@ std::optional<std::vector<Setting>> read_settings(const std::string& path);
 // The exception of a setting that its reader does not take.
 [[noreturn]] void refuse_setting(const std::string& path, const Setting& setting, const std::string& problem);
 
-}  // namespace norvel::node
+}  // namespace norvel

@@ -1,4 +1,4 @@
-#include "node/password_file.h"
+#include "core/password_file.h"
 
 #include <sys/stat.h>
 
@@ -8,7 +8,7 @@
 
 #include "core/file_io.h"
 
-namespace norvel::node {
+namespace norvel {
 
 Password read_password(const std::string& path) {
   const auto bytes = read_whole_file(path, kPasswordBytesMax);
@@ -29,4 +29,4 @@ Password read_password(const std::string& path) {
   return password;
 }
 
-}  // namespace norvel::node
+}  // namespace norvel

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <string>
 
-namespace norvel::node {
+namespace norvel {
 
 inline constexpr size_t kPasswordBytesMax = 1'000;
 
@@ -20,4 +20,4 @@ struct Password {
 // read, is empty, longer than kPasswordBytesMax, or has a second line.
 Password read_password(const std::string& path);
 
-}  // namespace norvel::node
+}  // namespace norvel

@@ -1,4 +1,4 @@
-#include "node/settings_file.h"
+#include "core/settings_file.h"
 
 #include <cerrno>
 #include <cstring>
@@ -7,7 +7,7 @@
 #include "core/console.h"
 #include "core/file_io.h"
 
-namespace norvel::node {
+namespace norvel {
 
 namespace {
 
@@ -68,4 +68,4 @@ void refuse_setting(const std::string& path, const Setting& setting, const std::
   throw std::runtime_error(path + ":" + std::to_string(setting.line) + ": " + console::printable(problem));
 }
 
-}  // namespace norvel::node
+}  // namespace norvel

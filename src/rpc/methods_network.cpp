@@ -1,0 +1,50 @@
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mempool/mempool.h"
+#include "network/message.h"
+#include "network/network_manager.h"
+#include "rpc/node_handlers.h"
+
+namespace norvel::rpc {
+
+JsonValue get_peer_info(const NodeContext& context, const JsonValue&) {
+  std::vector<JsonValue> peers;
+  for (const network::PeerInfo& info : require_network(context).get_peers()) {
+    JsonValue peer;
+    peer.set("addr", info.address);
+    peer.set("version", info.version);
+    peer.set("height", info.best_height);
+    peer.set("outbound", info.outbound);
+    peers.push_back(std::move(peer));
+  }
+  return peers;
+}
+
+JsonValue get_network_info(const NodeContext& context, const JsonValue&) {
+  JsonValue result;
+  result.set("connections", require_network(context).get_peer_count());
+  result.set("version", network::constants::kProtocolVersion);
+  return result;
+}
+
+// "usage" is what the size limit of the pool counts: serialized bytes.
+JsonValue get_mempool_info(const NodeContext& context, const JsonValue&) {
+  const MempoolStats stats = require_pool(context).get_stats();
+  JsonValue result;
+  result.set("size", stats.count);
+  result.set("bytes", stats.total_bytes);
+  result.set("usage", stats.total_bytes);
+  return result;
+}
+
+JsonValue get_raw_mempool(const NodeContext& context, const JsonValue&) {
+  std::vector<std::string> txids;
+  for (const uint256& txid : require_pool(context).get_txids()) {
+    txids.push_back(txid.to_hex());
+  }
+  return list_of(std::move(txids));
+}
+
+}  // namespace norvel::rpc
