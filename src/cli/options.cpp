@@ -130,7 +130,7 @@ Configured read_configuration_of(const std::string& data_dir) {
 
 std::string read_password(const std::string& path) {
   try {
-    const Password password = read_password(path);
+    const Password password = norvel::read_password(path);
     warn_if_readable_by_others(path);
     return password.text;
   } catch (const std::runtime_error& failure) {
