@@ -76,6 +76,16 @@ int64_t supply_limit(uint32_t height) {
   return periods < kShiftMax ? kSupplyMax - (kHalfSupply >> periods) : kSupplyMax;
 }
 
+CoinbaseShares coinbase_shares(uint32_t height, int64_t fees, int64_t current_supply) {
+  const int64_t reward = block_subsidy(height);
+  const int64_t limit = supply_limit(height);
+  if (saturating_add(saturating_add(fees, current_supply), reward) <= limit) {
+    return {reward, fees};
+  }
+  const int64_t allowed = std::max<int64_t>(saturating_subtract(limit, current_supply), 0);
+  return {allowed < fees ? 0 : saturating_subtract(allowed, fees), std::min(fees, allowed)};
+}
+
 Bytes Block::serialize() const {
   Bytes out = header.serialize();
   append_le(out, height);
@@ -144,18 +154,10 @@ Block Block::create_new_block(const std::vector<Transaction>& txs, const uint256
   block.header.timestamp = unix_time_seconds();
   block.height = height;
 
-  int64_t fees = sum_fees(txs, utxos);
-  int64_t reward = block_subsidy(height);
-  const int64_t limit = supply_limit(height);
-  if (saturating_add(saturating_add(fees, current_supply), reward) > limit) {
-    const int64_t allowed = std::max<int64_t>(saturating_subtract(limit, current_supply), 0);
-    reward = allowed < fees ? 0 : saturating_subtract(allowed, fees);
-    fees = std::min(fees, allowed);
-  }
-
+  const CoinbaseShares shares = coinbase_shares(height, sum_fees(txs, utxos), current_supply);
   block.transactions.reserve(txs.size() + 1);
   block.transactions.push_back(
-      Transaction::create_coinbase_tx(miner_address, reward, fees, height, "Mined by Norvel Network"));
+      Transaction::create_coinbase_tx(miner_address, shares.reward, shares.fees, height, "Mined by Norvel Network"));
   block.transactions.insert(block.transactions.end(), txs.begin(), txs.end());
   block.update_merkle_root();
   return block;

@@ -52,6 +52,14 @@ int64_t block_subsidy(uint32_t height);
 // of the chain.
 int64_t supply_limit(uint32_t height);
 
+// What a coinbase at `height` pays its miner and counts as fees, in base units,
+// so that the supply stays within its limit: the reward gives way first.
+struct CoinbaseShares {
+  int64_t reward = 0;
+  int64_t fees = 0;
+};
+CoinbaseShares coinbase_shares(uint32_t height, int64_t fees, int64_t current_supply);
+
 //   header          84
 //   height           4  little-endian
 //   count N          4  little-endian

@@ -190,6 +190,17 @@ std::vector<Transaction> Mempool::get_transactions_for_block(size_t max_bytes) c
   return txs;
 }
 
+std::vector<uint256> Mempool::get_txids_for_block(size_t max_bytes) const {
+  const MutexLock lock(mutex_);
+  const std::vector<const MempoolEntry*> selected = select_for_block(entries_, spenders_, max_bytes);
+  std::vector<uint256> txids;
+  txids.reserve(selected.size());
+  for (const MempoolEntry* entry : selected) {
+    txids.push_back(entry->tx.get_txid());
+  }
+  return txids;
+}
+
 std::vector<std::pair<OutPoint, TxOut>> Mempool::get_unconfirmed_outputs_for_address(const Bytes& pubkey_hash) const {
   const MutexLock lock(mutex_);
   std::vector<std::pair<OutPoint, TxOut>> matches;

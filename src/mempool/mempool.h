@@ -72,6 +72,9 @@ class Mempool {
   // descendants.
   std::vector<Transaction> get_transactions_for_block(size_t max_bytes) const EXCLUDES(mutex_);
 
+  // The ids of the same, without copying them.
+  std::vector<uint256> get_txids_for_block(size_t max_bytes) const EXCLUDES(mutex_);
+
   // Outputs paid to `pubkey_hash` that no pool transaction spends, by outpoint.
   std::vector<std::pair<OutPoint, TxOut>> get_unconfirmed_outputs_for_address(const Bytes& pubkey_hash) const
       EXCLUDES(mutex_);

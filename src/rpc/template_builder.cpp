@@ -97,7 +97,7 @@ BlockTemplate build_template(const Blockchain& chain, const Mempool& pool, uint6
   offered.current_time = static_cast<int64_t>(unix_seconds);
   offered.previous_block_time = static_cast<int64_t>(base.prev_time);
   offered.total_fees = selection.total_fees;
-  offered.miner_reward = miner_reward(base.next_height, selection.total_fees, base.total_supply);
+  offered.miner_reward = coinbase_shares(base.next_height, selection.total_fees, base.total_supply).reward;
   offered.treasury_value = selection.total_fees >= kTreasuryFeesMin ? selection.total_fees / 2 : 0;
   offered.treasury_address = treasury::get_address();
   offered.coinbase_value = offered.miner_reward + offered.treasury_value;

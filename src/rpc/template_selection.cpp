@@ -99,10 +99,4 @@ TemplateSelection select_for_template(const std::vector<Transaction>& candidates
   return selection;
 }
 
-int64_t miner_reward(uint32_t height, int64_t fees, int64_t supply) {
-  const int64_t subsidy = block_subsidy(height);
-  const int64_t allowed = std::max<int64_t>(supply_limit(height) - supply, 0);
-  return std::clamp<int64_t>(allowed - fees, 0, subsidy);
-}
-
 }  // namespace norvel::rpc

@@ -53,9 +53,4 @@ size_t size_in_block(const Transaction& tx);
 TemplateSelection select_for_template(const std::vector<Transaction>& candidates, const OutputsByOutpoint& outputs,
                                       const TemplateLimits& limits);
 
-// What the coinbase of a block at `height` pays its miner, in base units: the
-// subsidy, or what `supply` and the fees leave of the supply limit. None of the
-// amounts may be negative.
-int64_t miner_reward(uint32_t height, int64_t fees, int64_t supply);
-
 }  // namespace norvel::rpc

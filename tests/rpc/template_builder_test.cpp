@@ -115,22 +115,6 @@ TEST(TemplateSelection, TakesWhatABlockMayHold) {
   }
 }
 
-TEST(MinerReward, IsThatOfANewBlock) {
-  constexpr uint32_t kHeight = 5;
-  const int64_t limit = supply_limit(kHeight);
-  UTXOSet utxos;
-  const Coin coin = imagined_coin(0);
-  utxos.add_utxo(coin.first, coin.second);
-  for (const int64_t fee : {int64_t{0}, int64_t{30'000}, 8 * kCoin}) {
-    for (const int64_t left :
-         {16 * kCoin, 8 * kCoin + fee, 8 * kCoin + fee - 1, fee + 1, fee, fee - 1, int64_t{0}, int64_t{-5}}) {
-      const Block block = Block::create_new_block({spend({coin}, fee)}, uint256(), kHeight, sample_key(2).address, 1,
-                                                  utxos, limit - left);
-      EXPECT_EQ(miner_reward(kHeight, fee, limit - left), block.transactions[0].outputs[0].value) << fee << " " << left;
-    }
-  }
-}
-
 // The block that a miner makes of the template, mined.
 Block complete(const BlockTemplate& offered, uint64_t timestamp, size_t text_bytes = 20) {
   Block block;
