@@ -99,6 +99,10 @@ class Reader:
     def number(self, size: int) -> int:
         return int.from_bytes(self.take(size), "little")
 
+    def compact_size(self) -> int:
+        first = self.number(1)
+        return self.number(2 if first == 253 else 4) if first >= 253 else first
+
     def end(self) -> None:
         if self.offset != len(self.data):
             raise ValueError(f"{len(self.data) - self.offset} bytes left over")
@@ -116,6 +120,10 @@ class TxIn:
         head = self.txid + le(self.index, 4) + le(len(self.signature), 2) + self.signature
         return head + le(len(self.pubkey), 1) + self.pubkey + le(self.sequence, 4)
 
+    @staticmethod
+    def read(r: Reader) -> "TxIn":
+        return TxIn(r.take(32), r.number(4), r.take(r.number(2)), r.take(r.number(1)), r.number(4))
+
 
 @dataclass
 class TxOut:
@@ -128,6 +136,12 @@ class TxOut:
         if self.message is None:
             return head + b"\0"
         return head + b"\1" + le(len(self.message), 2) + self.message
+
+    @staticmethod
+    def read(r: Reader) -> "TxOut":
+        value = int.from_bytes(r.take(8), "little", signed=True)
+        script = r.take(r.compact_size())
+        return TxOut(value, script, r.take(r.number(2)) if r.number(1) else None)
 
 
 @dataclass
@@ -144,6 +158,16 @@ class Tx:
         ins = le(len(self.inputs), 2) + b"".join(i.encode() for i in self.inputs)
         outs = le(len(self.outputs), 2) + b"".join(o.encode() for o in self.outputs)
         return head + ins + outs + le(self.locktime, 4)
+
+    @staticmethod
+    def decode(data: bytes) -> "Tx":
+        r = Reader(data)
+        tx = Tx(type=r.number(1), version=r.number(4), timestamp=r.number(8))
+        tx.inputs = [TxIn.read(r) for _ in range(r.number(2))]
+        tx.outputs = [TxOut.read(r) for _ in range(r.number(2))]
+        tx.locktime = r.number(4)
+        r.end()
+        return tx
 
 
 @dataclass

@@ -7,7 +7,8 @@ import pytest
 
 import behaviours as b
 import screen
-from miner_process import SLOW, mine, side_by_side, wait_until
+from child_process import SLOW, wait_until
+from miner_process import mine, side_by_side
 from stand_in_node import EASY, MEDIUM, START_HEIGHT, Behaviour, StandInNode, answer_well
 
 TEMPLATE_ERROR = "[RPC Client] getblocktemplate error: "

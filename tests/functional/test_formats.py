@@ -5,8 +5,9 @@ import time
 from typing import Any, Dict, List
 
 from block_check import Served, check_block, wanted_coinbase
-from norvel_formats import Block, hash_text, merkle_root, sha256d
+from norvel_formats import Block, Tx, hash_text, merkle_root, sha256d
 from sample_transactions import KEY_A, KEY_B, sample_transactions
+from stored_chain import BRANCHES, chain
 
 
 def solved(block: Block) -> Block:
@@ -57,3 +58,15 @@ def test_the_block_check_accepts_the_exact_block_and_names_each_fault() -> None:
     assert faults(good, served) == ["proof of work"]
     good.merkle_root = sha256d(b"not the root")
     assert "merkle root" in faults(good, served)
+
+
+def test_transactions_read_back_as_they_were_written() -> None:
+    for tx in sample_transactions():
+        assert Tx.decode(tx.encode()) == tx
+
+
+def test_the_stored_chains_are_whole() -> None:
+    for name, branch in BRANCHES.items():
+        blocks = chain(name)
+        assert len(blocks) == branch.fork + branch.count + 1
+        assert all(block.meets_target() for block in blocks)

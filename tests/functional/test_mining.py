@@ -8,7 +8,8 @@ import pytest
 
 import behaviours as b
 import screen
-from miner_process import mine, pieces_of, side_by_side, wait_until
+from child_process import wait_until
+from miner_process import mine, pieces_of, side_by_side
 from stand_in_node import EASY, MINER_ADDRESS, NEVER, START_HEIGHT, StandInNode, answer_well, request_bytes
 
 BLOCKS = 24

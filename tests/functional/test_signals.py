@@ -15,7 +15,8 @@ import pytest
 
 import behaviours as b
 import screen
-from miner_process import SLOW, Miner, mine, pieces_of, program, side_by_side, wait_until
+from child_process import SLOW, program, wait_until
+from miner_process import Miner, mine, pieces_of, side_by_side
 from stand_in_node import EASY, MINER_ADDRESS, START_HEIGHT, Behaviour, StandInNode, answer_well
 
 SIGNALS = [signal.SIGINT, signal.SIGTERM]
@@ -177,7 +178,7 @@ def test_a_reader_that_stops_reading_holds_up_neither_mining_nor_the_end(kind: s
 def mines_and_ends_with(redirections: str) -> None:
     with StandInNode(EASY, 3) as node:
         command = f'exec "$0" --address {MINER_ADDRESS} --rpcport {node.port} --threads 2 {redirections}'
-        with subprocess.Popen(["sh", "-c", command, program()], stdout=subprocess.DEVNULL,
+        with subprocess.Popen(["sh", "-c", command, program("NORVEL_MINER")], stdout=subprocess.DEVNULL,
                               stderr=subprocess.DEVNULL) as process:
             try:
                 wait_until(lambda: len(node.accepted) == 3 or node.problems, "blocks")

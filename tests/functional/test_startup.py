@@ -6,7 +6,8 @@ import pytest
 
 import behaviours as b
 import screen
-from miner_process import SLOW, run
+from child_process import SLOW
+from miner_process import run
 from stand_in_node import MINER_ADDRESS, START_HEIGHT, Behaviour, StandInNode, answer_well, http
 
 COUNT_ERROR = "[RPC Client] getblockcount error: "
