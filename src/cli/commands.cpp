@@ -18,6 +18,7 @@
 #include "cli/key_file.h"
 #include "cli/node_connection.h"
 #include "cli/node_status.h"
+#include "cli/output.h"
 #include "cli/payment.h"
 #include "core/clock.h"
 #include "core/console.h"
@@ -59,14 +60,14 @@ int ask_node(const CommandLine& line) {
     params.push_back(read_parameter(param));
   }
   NodeConnection node(find_node(line));
-  console::write_out(result_text(node.call(line.method, std::move(params))) + "\n");
+  print(result_text(node.call(line.method, std::move(params))) + "\n");
   return kSuccess;
 }
 
 int get_info(const CommandLine& line) {
   check_param_count(line, 0, "getinfo");
   NodeConnection node(find_node(line));
-  console::write_out(status_text(node.call("getnodestatus"), now_s()));
+  print(status_text(node.call("getnodestatus"), now_s()));
   return kSuccess;
 }
 
@@ -85,14 +86,20 @@ int check_health(const CommandLine& line) {
     console::error_line(complaint);
   }
   if (complaints.empty()) {
-    console::write_out("The node is well\n");
+    print("The node is well\n");
   }
   return complaints.empty() ? kSuccess : kFailure;
 }
 
 int make_key(const CommandLine& line) {
   check_param_count(line, 1, "newkey FILE");
-  console::write_out(create_key_file(line.params[0]) + "\n");
+  print(create_key_file(line.params[0]) + "\n");
+  return kSuccess;
+}
+
+int print_key_address(const CommandLine& line) {
+  check_param_count(line, 1, "keyaddress FILE");
+  print(read_key_file(line.params[0]).address + "\n");
   return kSuccess;
 }
 
@@ -102,7 +109,7 @@ int validate_address(const CommandLine& line) {
     console::error_line("Invalid address");
     return kFailure;
   }
-  console::write_out("valid\n");
+  print("valid\n");
   return kSuccess;
 }
 
@@ -136,7 +143,7 @@ bool is_confirmed(const std::string& text) {
   if (::isatty(STDIN_FILENO) == 0) {
     return true;
   }
-  console::write_out(text + "? [y/N] ");
+  print(text + "? [y/N] ");
   std::string answer;
   std::getline(std::cin, answer);
   return answer == "y" || answer == "Y" || answer == "yes";
@@ -167,7 +174,13 @@ int send_payment(const CommandLine& line) {
   if (!result.get("accepted").boolean) {
     throw std::runtime_error("The node did not accept the transaction");
   }
-  console::write_out(tx.get_txid().to_hex() + "\n");
+  const std::string txid = tx.get_txid().to_hex();
+  try {
+    print(txid + "\n");
+  } catch (const std::runtime_error&) {
+    console::error_line("The payment is sent, as " + txid);  // not to be repeated
+    throw;
+  }
   return kSuccess;
 }
 
@@ -175,7 +188,11 @@ int send_payment(const CommandLine& line) {
 
 int run_command(const CommandLine& line) {
   const std::map<std::string_view, std::function<int(const CommandLine&)>> own = {
-      {"getinfo", &get_info},  {"health", &check_health}, {"newkey", &make_key}, {"validateaddress", &validate_address},
+      {"getinfo", &get_info},
+      {"health", &check_health},
+      {"newkey", &make_key},
+      {"keyaddress", &print_key_address},
+      {"validateaddress", &validate_address},
       {"send", &send_payment},
   };
   const auto found = own.find(line.method);

@@ -1,9 +1,15 @@
 #include "cli/json_text.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
 #include <cstddef>
+#include <stdexcept>
+#include <vector>
 
 #include "core/console.h"
+#include "rpc/http_reply.h"
 
 namespace norvel::cli {
 
@@ -14,8 +20,16 @@ using rpc::JsonValue;
 
 constexpr size_t kDepthMax = rpc::JsonLimits{}.depth;
 
-// Recursive descent without building anything; each member tells whether its
-// piece was there and moves behind it.
+// What a short number with an exponent grows to is bounded by the number alone;
+// many of them together, by the size of a reply.
+constexpr size_t kPlainBytesMax = rpc::HttpReply::kBytesMax;
+
+// The longest normal double in fixed notation has 308 digits and a sign, or a
+// sign, "0." and 324 of them.
+constexpr size_t kFixedCharactersMax = 400;
+
+// Recursive descent without building anything but a list of the numbers that have
+// an exponent; each member tells whether its piece was there and moves behind it.
 class Checker {
  public:
   explicit Checker(std::string_view text) : rest_(text) {}
@@ -25,6 +39,9 @@ class Checker {
     skip_blanks();
     return found && rest_.empty();
   }
+
+  // Numbers with an exponent, in the order of the text.
+  const std::vector<std::string_view>& exponent_numbers() const { return exponent_numbers_; }
 
  private:
   void skip_blanks() { rest_.remove_prefix(std::min(rest_.find_first_not_of(" \t\r\n"), rest_.size())); }
@@ -110,6 +127,24 @@ class Checker {
   }
 
   bool number() {
+    const std::string_view from_here = rest_;
+    if (!decimal()) {
+      return false;
+    }
+    if (!consume("e") && !consume("E")) {
+      return true;
+    }
+    if (!consume("+")) {
+      consume("-");
+    }
+    if (!digits()) {
+      return false;
+    }
+    exponent_numbers_.push_back(from_here.substr(0, from_here.size() - rest_.size()));
+    return true;
+  }
+
+  bool decimal() {
     consume("-");
     const bool starts_with_zero = rest_.starts_with('0');
     const size_t before = rest_.size();
@@ -121,7 +156,41 @@ class Checker {
 
   std::string_view rest_;
   size_t depth_ = 0;
+  std::vector<std::string_view> exponent_numbers_;
 };
+
+std::string fixed_text(double number) {
+  std::array<char, kFixedCharactersMax> text;
+  const auto end = std::to_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed).ptr;
+  return {text.data(), end};
+}
+
+// The same number without an exponent; nothing beyond the normal doubles, which
+// end at exponents of 308 and -308.
+std::optional<std::string> without_exponent(std::string_view text) {
+  double number = 0;
+  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool is_held = failure == std::errc() && end == text.data() + text.size();
+  return is_held && (number == 0 || std::isnormal(number)) ? std::optional(fixed_text(number)) : std::nullopt;
+}
+
+// `text` with those numbers of it written plainly, as the reader of JsonValue
+// knows no exponents.
+std::optional<std::string> without_exponents(std::string_view text, const std::vector<std::string_view>& numbers) {
+  std::string out;
+  const char* copied = text.data();
+  for (const std::string_view number : numbers) {
+    const auto plain = without_exponent(number);
+    if (!plain || out.size() > kPlainBytesMax) {
+      return std::nullopt;
+    }
+    out.append(copied, number.data());
+    out += *plain;
+    copied = number.data() + number.size();
+  }
+  out.append(copied, text.data() + text.size());
+  return out;
+}
 
 void write_lines(const JsonValue& value, size_t indent, std::string& out);
 
@@ -167,6 +236,8 @@ void write_lines(const JsonValue& value, size_t indent, std::string& out) {
     write_object(value, indent, out);
   } else if (value.type == JsonType::kArray) {
     write_array(value, indent, out);
+  } else if (value.type == JsonType::kNumber && static_cast<double>(rpc::to_i64(value.number)) != value.number) {
+    out += fixed_text(value.number);
   } else {
     out += printable_whole(value.to_string());
   }
@@ -182,17 +253,26 @@ bool is_json(std::string_view text) {
   return Checker(text).whole();
 }
 
-JsonValue read_parameter(const std::string& text) {
-  if (!is_json(text)) {
-    return JsonValue(text);
+std::optional<JsonValue> read_json(std::string_view text) {
+  Checker checker(text);
+  if (!checker.whole()) {
+    return std::nullopt;
   }
-  JsonValue value;
   try {
-    value = JsonValue::parse(text);
-  } catch (const std::exception&) {  // a number beyond every double
-    return JsonValue(text);
+    if (checker.exponent_numbers().empty()) {
+      return JsonValue::parse(text);
+    }
+    const auto plain = without_exponents(text, checker.exponent_numbers());
+    return plain ? std::optional(JsonValue::parse(*plain)) : std::nullopt;
+  } catch (const std::logic_error&) {  // a number beyond every double
+    return std::nullopt;
   }
-  return value.type == JsonType::kNumber && value.to_string() != text ? JsonValue(text) : value;
+}
+
+JsonValue read_parameter(const std::string& text) {
+  const auto value = read_json(text);
+  const bool is_sent_as_typed = value && (value->type != JsonType::kNumber || value->to_string() == text);
+  return is_sent_as_typed ? *value : JsonValue(text);
 }
 
 std::string result_text(const JsonValue& value) {

@@ -13,11 +13,11 @@
 
 #include "core/console.h"
 #include "core/file_io.h"
+#include "core/settings_file.h"
 #include "crypto/address.h"
 #include "crypto/hex.h"
 #include "crypto/keys.h"
 #include "crypto/secure_zero.h"
-#include "core/settings_file.h"
 
 namespace norvel::cli {
 

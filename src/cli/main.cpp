@@ -9,6 +9,7 @@
 #include "cli/failures.h"
 #include "cli/json_text.h"
 #include "cli/options.h"
+#include "cli/output.h"
 #include "core/console.h"
 
 namespace {
@@ -17,7 +18,7 @@ int run(const std::vector<std::string>& arguments) {
   using namespace norvel;
   const cli::CommandLine line = cli::parse_command_line(arguments);
   if (!line.text_to_print.empty()) {
-    console::write_out(line.text_to_print);
+    cli::print(line.text_to_print);
     return cli::kSuccess;
   }
   return cli::run_command(line);
@@ -32,8 +33,8 @@ int report(const std::exception& failure, int status) {
 
 int main(int argc, char** argv) {
   using namespace norvel;
-  console::guard_standard_streams();
-  std::signal(SIGPIPE, SIG_IGN);  // a node that closes a TLS connection is an error, not the end
+  console::open_standard_streams();
+  std::signal(SIGPIPE, SIG_IGN);  // a node or reader that closes its end is an error, not the end
   try {
     return run(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
   } catch (const cli::UsageError& failure) {

@@ -82,7 +82,7 @@ JsonValue NodeConnection::call(const std::string& method, std::vector<JsonValue>
   }
   const std::string body = exchange(make_request(address_, make_body(method, std::move(params))), numeric_host_);
   // A reply that was cut short would otherwise pass for a smaller one.
-  JsonValue reply = is_json(body) ? JsonValue::parse(body) : JsonValue();
+  JsonValue reply = read_json(body).value_or(JsonValue());
   const JsonValue& error = reply.get("error");
   if (error.type != JsonType::kNull) {
     throw ErrorReply(error_message(error));

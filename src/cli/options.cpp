@@ -3,13 +3,13 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 
 #include "cli/amount.h"
 #include "cli/failures.h"
 #include "cli/key_file.h"
+#include "core/home_directory.h"
 #include "core/password_file.h"
 #include "core/settings_file.h"
 
@@ -22,6 +22,7 @@ constexpr const char kCommands[] =
     "  getinfo                    The state of the node on one screen\n"
     "  health                     Status 0 when the node is well, otherwise 1 and why\n"
     "  newkey FILE                Makes a key pair in a new file and prints its address\n"
+    "  keyaddress FILE            Prints the address of a key file\n"
     "  validateaddress ADDRESS    Status 0 when the address is one\n"
     "  send KEYFILE ADDRESS AMOUNT [--fee FEE] [--message TEXT]\n"
     "                             Pays an amount, in coins, and prints the transaction id\n"
@@ -35,9 +36,12 @@ class MethodFormatter : public CLI::Formatter {
   }
 };
 
-std::string default_data_dir() {
-  const char* home = std::getenv("HOME");
-  return home == nullptr || *home == '\0' ? "" : std::string(home) + "/.norvel";
+// A decimal number of 16 bits.
+std::optional<uint16_t> parse_port(const std::string& text) {
+  uint16_t port = 0;
+  const char* const end = text.data() + text.size();
+  const std::from_chars_result read = std::from_chars(text.data(), end, port);
+  return read.ec == std::errc() && read.ptr == end ? std::optional(port) : std::nullopt;
 }
 
 // CLI11 wants the arguments last first.
@@ -56,7 +60,13 @@ void parse(CLI::App& app, std::vector<std::string> arguments) {
 
 void add_options(CLI::App& app, CommandLine& line) {
   app.add_option("--rpchost", line.rpc_host, "Host of the node: IPv4 address or name (127.0.0.1)");
-  app.add_option("--rpcport", line.rpc_port, "Its RPC port (8332)");
+  const auto set_port = [&line](const std::string& text) {
+    line.rpc_port = parse_port(text);
+    if (line.rpc_port.value_or(0) == 0) {
+      throw CLI::ValidationError("--rpcport", "'" + text + "' is not a number from 1 to 65535");
+    }
+  };
+  app.add_option_function<std::string>("--rpcport", set_port, "Its RPC port (8332)");
   app.add_option("--rpc-user", line.rpc_user, "User name for the node");
   app.add_option("--rpc-password-file", line.rpc_password_file, "File with the password for the node");
   app.add_flag("--rpc-tls", line.rpc_tls, "Talk TLS and check the node's certificate");
@@ -80,19 +90,17 @@ void check_params(const CommandLine& line) {
 }
 
 uint16_t read_port(const std::string& path, const Setting& entry) {
-  uint16_t port = 0;
-  const char* const end = entry.value.data() + entry.value.size();
-  const std::from_chars_result read = std::from_chars(entry.value.data(), end, port);
-  if (read.ec != std::errc() || read.ptr != end || port == 0) {
+  const auto port = parse_port(entry.value);
+  if (!port) {
     refuse_setting(path, entry, "bad value of " + entry.key + ": " + entry.value);
   }
-  return port;
+  return *port;
 }
 
 // What norvel.conf says of the way to the node.
 struct Configured {
   std::optional<std::string> bind;
-  std::optional<uint16_t> port;
+  std::optional<uint16_t> port;  // 0: any, which only the node's log names
   std::optional<std::string> user;
   std::optional<std::string> password_file;
   std::optional<std::string> certificate;
@@ -164,7 +172,7 @@ CommandLine parse_command_line(const std::vector<std::string>& arguments) {
   }
   line.rpc_tls = line.rpc_tls || line.rpc_ca.has_value();
   if (line.data_dir.empty()) {
-    line.data_dir = default_data_dir();
+    line.data_dir = default_data_directory();
   }
   line.params = app.remaining();
   if (line.params.empty()) {
@@ -207,14 +215,18 @@ NodeAddress find_node(const CommandLine& line) {
   const bool listens_everywhere = configured.bind.value_or("0.0.0.0") == "0.0.0.0";
   node.host = line.rpc_host.value_or(listens_everywhere ? node.host : *configured.bind);
   node.port = line.rpc_port.value_or(configured.port.value_or(node.port));
-  node.user = line.rpc_user.value_or(configured.user.value_or(""));
-  const auto password_file = line.rpc_password_file ? line.rpc_password_file : configured.password_file;
+  if (node.port == 0) {
+    throw UsageError(line.data_dir + "/norvel.conf: rpc-port = 0 is any free port; give --rpcport");
+  }
+  // The node's own credentials are for that node alone, and its own certificate
+  // says what to trust of no other.
+  const bool is_own = !line.rpc_host.has_value();
+  node.user = line.rpc_user.value_or(is_own ? configured.user.value_or("") : "");
+  const auto password_file = line.rpc_password_file || !is_own ? line.rpc_password_file : configured.password_file;
   if (password_file) {
     node.password = read_password(*password_file);
   }
   node.tls = line.rpc_tls || configured.certificate.has_value();
-  // The node's own certificate says what to trust, but only of that node.
-  const bool is_own = !line.rpc_host.has_value();
   node.ca_file = line.rpc_ca.value_or(is_own ? configured.certificate.value_or("") : "");
   return node;
 }

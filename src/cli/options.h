@@ -47,7 +47,8 @@ PaymentOrder parse_payment_order(const std::vector<std::string>& arguments);
 
 // The node that the command line and DATADIR/norvel.conf name, with the
 // password read from its file. Without --rpchost it is the address that the node
-// listens on according to the file. Keys of the node's that matter to it alone
+// listens on according to the file, and only then user, password file and
+// certificate of the file are taken. Keys of the node's that matter to it alone
 // are passed over.
 NodeAddress find_node(const CommandLine& command_line);
 

@@ -79,13 +79,17 @@ bool is_control(std::string_view sequence) {
 
 }  // namespace
 
-void guard_standard_streams() {
+void open_standard_streams() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) < 0) {
       // The lowest free descriptor, which is this one.
       [[maybe_unused]] const int opened = open("/dev/null", O_RDWR);
     }
   }
+}
+
+void guard_standard_streams() {
+  open_standard_streams();
   // Never destroyed: the streams are flushed after everything else.
   static PatientBuffer& output = *new PatientBuffer(STDOUT_FILENO);
   static PatientBuffer& error = *new PatientBuffer(STDERR_FILENO);

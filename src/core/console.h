@@ -16,10 +16,12 @@
 namespace norvel::console {
 
 // Opens /dev/null on each of the three standard streams that is closed, so that
-// no socket or file gets its number and with it what is printed; and puts a
-// PatientBuffer behind standard output and standard error, so that a reader that
-// has stopped reading holds nobody up. For main(), before anything else is
-// opened or printed.
+// no socket or file gets its number and with it what is printed. For main(),
+// before anything else is opened or printed.
+void open_standard_streams();
+
+// The same, and puts a PatientBuffer behind standard output and standard error,
+// so that a reader that has stopped reading holds nobody up.
 void guard_standard_streams();
 
 // Writes `text` to standard output and flushes. A failed write is ignored: a

@@ -12,10 +12,23 @@
 
 namespace norvel::node {
 
+namespace {
+
+FileDescriptor open_lock(const std::string& path, LockFile if_missing) {
+  FileDescriptor lock = open_file(path, O_RDWR | (if_missing == LockFile::CREATE ? O_CREAT : 0));
+  if (!lock.is_open() && errno == EROFS) {
+    return open_file(path, O_RDONLY);  // enough for flock() where nobody can write
+  }
+  return lock;
+}
+
+}  // namespace
+
 FileDescriptor lock_data_directory(const std::string& directory, LockFile if_missing) {
-  FileDescriptor lock = open_file(directory + "/.lock", O_RDWR | (if_missing == LockFile::CREATE ? O_CREAT : 0));
+  const std::string path = directory + "/.lock";
+  FileDescriptor lock = open_lock(path, if_missing);
   if (!lock.is_open()) {
-    throw std::runtime_error("data directory " + directory + ": " + std::strerror(errno));
+    throw std::runtime_error("lock of the data directory, " + path + ": " + std::strerror(errno));
   }
   if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     throw std::runtime_error("another process uses data directory " + directory);

@@ -56,34 +56,46 @@ void say(const std::string& text) {
 class DatabaseCopy {
  public:
   // Throws std::runtime_error.
-  explicit DatabaseCopy(const std::string& data_directory) {
+  DatabaseCopy() {
     const char* root = std::getenv("TMPDIR");
     path_ = std::string(root == nullptr || *root == '\0' ? "/tmp" : root) + "/norvel-check-XXXXXX";
     if (mkdtemp(path_.data()) == nullptr) {
       throw std::runtime_error(path_ + ": " + std::strerror(errno));
     }
-    std::error_code failure;
-    if (fs::exists(data_directory + kName, failure)) {
-      fs::copy(data_directory + kName, path_ + kName, fs::copy_options::recursive, failure);
-    }
-    if (failure) {
-      remove();
-      throw std::runtime_error("copy of the database: " + failure.message());
-    }
   }
-  ~DatabaseCopy() { remove(); }
+  ~DatabaseCopy() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
   DatabaseCopy(const DatabaseCopy&) = delete;
   DatabaseCopy& operator=(const DatabaseCopy&) = delete;
+
+  // False when a stop was requested before the end; LevelDB's files are of a few
+  // megabytes each. Throws std::runtime_error.
+  bool fill_from(const std::string& data_directory, const StopRequest& stop) {
+    const fs::path source = data_directory + kName;
+    const fs::path target = path_ + kName;
+    try {
+      if (!fs::exists(source)) {
+        return true;
+      }
+      fs::create_directory(target);
+      for (const fs::directory_entry& entry : fs::directory_iterator(source)) {
+        if (stop.is_requested()) {
+          return false;
+        }
+        fs::copy(entry.path(), target / entry.path().filename(), fs::copy_options::recursive);
+      }
+    } catch (const fs::filesystem_error& failure) {
+      throw std::runtime_error("copy of the database: " + failure.code().message());
+    }
+    return true;
+  }
 
   const std::string& path() const { return path_; }
 
  private:
   static constexpr const char kName[] = "/chainstate";
-
-  void remove() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
 
   std::string path_;
 };
@@ -139,7 +151,10 @@ class DirectoryCheck {
 };
 
 void DirectoryCheck::read_database() {
-  const DatabaseCopy copy(directory_);
+  DatabaseCopy copy;
+  if (!copy.fill_from(directory_, stop_)) {
+    return;
+  }
   StateDatabase database(copy.path());
   switch (database.read(content_)) {
     case StateDatabase::ReadResult::READ:
@@ -322,10 +337,11 @@ void DirectoryCheck::compare_state() {
 
 }  // namespace
 
-int check_directory(const std::string& directory, const StopRequest& stop) {
+int check_directory(const Options& options, const StopRequest& stop) {
+  const std::string& directory = options.data_dir;
   try {
     const FileDescriptor lock = lock_data_directory(directory, LockFile::MUST_EXIST);
-    const NodeParams params = read_params(directory).value_or(NodeParams());
+    const NodeParams params = read_params_for_check(directory, options);
     consensus::set_difficulty_config(params.difficulty());
     treasury::ensure_initialized();
     DirectoryCheck check(directory, params, stop);

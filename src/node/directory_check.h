@@ -15,15 +15,15 @@
 
 #pragma once
 
-#include <string>
-
+#include "node/options.h"
 #include "node/stop_request.h"
 
 namespace norvel::node {
 
-// Under the directory's lock. Prints what was found and returns the exit status:
-// 0 when nothing is wrong, else 1, also when a stop was requested. Sets the
-// difficulty rule to that of the directory.
-int check_directory(const std::string& directory, const StopRequest& stop);
+// Checks the options' data directory, under its lock. Prints what was found and
+// returns the exit status: 0 when nothing is wrong, else 1, also when a stop was
+// requested or the options ask for other rules than the directory was made with.
+// Sets the difficulty rule to that of the directory.
+int check_directory(const Options& options, const StopRequest& stop);
 
 }  // namespace norvel::node

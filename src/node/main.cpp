@@ -58,7 +58,9 @@ NodeParams prepare_directory(const Options& options) {
 int check(const Options& options) {
   const auto log = open_log(options);
   StopRequest stop;
-  return supervise({[&] { return check_directory(options.data_dir, stop); }, [] {}, [&] { reopen_log(log); }}, stop);
+  const auto work = [&] { return check_directory(options, stop); };
+  // A check that did not come to its end has not found that nothing is wrong.
+  return supervise({work, [] {}, [&] { reopen_log(log); }, kExitFailed}, stop);
 }
 
 int run(const Options& options) {

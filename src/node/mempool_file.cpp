@@ -27,19 +27,21 @@ constexpr std::string_view kMagic = "NPOOL001";
 constexpr size_t kLengthBytes = 4;
 constexpr size_t kBufferBytes = 1 << 20;
 
-// Ids of the pool, parents before their children. A transaction that leaves the
-// pool meanwhile is simply not found.
-std::vector<uint256> ids_in_order(const Mempool& pool) {
-  std::vector<uint256> order;
+// Walks the ids of the pool, parents before their children, as long as `take`
+// returns true. A transaction that leaves the pool meanwhile is simply not found.
+template <class Take>
+void walk_in_order(const Mempool& pool, const std::vector<uint256>& txids, const Take& take) {
   std::set<uint256> seen;
   std::vector<std::pair<uint256, bool>> open;  // and whether its parents are done
-  for (const uint256& root : pool.get_txids()) {
+  for (const uint256& root : txids) {
     open.emplace_back(root, false);
     while (!open.empty()) {
       const auto [txid, is_ready] = open.back();
       open.pop_back();
       if (is_ready) {
-        order.push_back(txid);
+        if (!take(txid)) {
+          return;
+        }
       } else if (seen.insert(txid).second) {
         open.emplace_back(txid, true);
         for (const OutPoint& spent : pool.get_prevouts(txid)) {
@@ -50,26 +52,36 @@ std::vector<uint256> ids_in_order(const Mempool& pool) {
       }
     }
   }
-  return order;
 }
 
 bool write_pool(const Mempool& pool, const std::string& path, Clock::time_point deadline) {
   const FileDescriptor file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+  if (!file.is_open()) {
+    return false;
+  }
   Bytes buffer(kMagic.begin(), kMagic.end());
-  bool written = file.is_open();
-  for (const uint256& txid : ids_in_order(pool)) {
-    if (!written || Clock::now() >= deadline) {
-      break;
+  size_t taken_count = 0;
+  bool written = true;
+  const std::vector<uint256> txids = pool.get_txids();
+  walk_in_order(pool, txids, [&](const uint256& txid) {
+    if (Clock::now() >= deadline) {
+      return false;
     }
     if (const auto tx = pool.get_transaction(txid)) {
       const Bytes bytes = tx->serialize();
       append_le(buffer, static_cast<uint32_t>(bytes.size()));
       append(buffer, bytes);
+      ++taken_count;
     }
     if (buffer.size() >= kBufferBytes) {
       written = write_all(file.get(), buffer);
       buffer.clear();
     }
+    return written;
+  });
+  if (taken_count == 0 && !txids.empty()) {
+    errno = ETIME;  // an old file is worth more than an empty one
+    return false;
   }
   return written && write_all(file.get(), buffer) && sync_data(file.get());
 }

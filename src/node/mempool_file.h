@@ -25,8 +25,8 @@ namespace norvel::node {
 inline constexpr const char kMempoolFile[] = "/mempool.dat";
 
 // Puts the pool's transactions into the file, in place of the old one. What was
-// not reached within `time_ms` is left out. False, and a line, on failure; the old
-// file then stays as it was.
+// not reached within `time_ms` is left out. False, and a line, on failure, also
+// when nothing of a pool was reached; the old file then stays as it was.
 bool save_mempool(const Mempool& pool, const std::string& directory, int64_t time_ms);
 
 // Offers what the file holds to the pool, and prints how many were taken. Damage

@@ -8,6 +8,7 @@
 
 #include "chain/blockchain.h"
 #include "core/console.h"
+#include "core/password_file.h"
 #include "mempool/mempool.h"
 #include "mempool/pool_updater.h"
 #include "network/network_manager.h"
@@ -15,10 +16,10 @@
 #include "node/mempool_file.h"
 #include "node/node_status.h"
 #include "node/notify.h"
-#include "core/password_file.h"
 #include "node/sync_progress.h"
 #include "node/warnings.h"
 #include "rpc/server.h"
+#include "rpc/template_builder.h"
 
 namespace norvel::node {
 
@@ -35,6 +36,8 @@ constexpr int64_t kStopTimeMs = 8'500;
 constexpr int64_t kConnectionWaitMs = 5'000;
 
 constexpr size_t kMegabyte = 1'000'000;
+
+constexpr char kAnyAddress[] = "0.0.0.0";
 
 int64_t elapsed_ms(Clock::time_point since) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
@@ -78,6 +81,7 @@ struct Core {
   Blockchain chain;
   PoolUpdater updater;
   network::NetworkManager network;
+  rpc::TemplateBuilder templates{chain, pool};  // for both listeners
 };
 
 }  // namespace
@@ -90,15 +94,18 @@ struct Node::State {
   rpc::NodeComponents components() const {
     using std::shared_ptr;
     return {shared_ptr<Blockchain>(core, &core->chain), shared_ptr<Mempool>(core, &core->pool),
-            shared_ptr<network::NetworkManager>(core, &core->network)};
+            shared_ptr<network::NetworkManager>(core, &core->network),
+            shared_ptr<rpc::TemplateBuilder>(core, &core->templates)};
   }
 
   int live();
   bool start();
+  bool fail_start();
+  bool prepare_rpc();
   bool open_chain();
   bool start_rpc();
   bool start_mining_rpc();
-  void start_network();
+  bool start_network();
   void announce();
   void watch();
   void look_around();
@@ -123,11 +130,25 @@ Node::Node(const Options& options, const NodeParams& params, StopRequest& stop)
 Node::~Node() = default;
 
 void Node::request_stop() {
-  state_->core->chain.request_stop();
+  const MutexLock lock(mutex_);
+  if (state_) {
+    state_->core->chain.request_stop();
+  }
 }
 
 int Node::run() {
-  return state_->live();
+  State* state = nullptr;
+  {
+    const MutexLock lock(mutex_);
+    state = state_.get();
+  }
+  const int status = state->live();
+  std::unique_ptr<State> ended;
+  {
+    const MutexLock lock(mutex_);
+    ended = std::move(state_);
+  }
+  return status;
 }
 
 int Node::State::live() {
@@ -147,7 +168,14 @@ int Node::State::live() {
 // False with the request to stop made, by whoever made it.
 bool Node::State::start() {
   check_disk(free_disk_bytes(options.data_dir));
-  if (stop.is_requested() || !open_chain()) {
+  if (stop.is_requested()) {
+    return false;
+  }
+  // Before the chain, which may take long.
+  if (!prepare_rpc()) {
+    return fail_start();
+  }
+  if (!open_chain()) {
     return false;
   }
   TransactionAdmission admission(core->chain, core->pool);
@@ -155,13 +183,16 @@ bool Node::State::start() {
   if (!is_pool_loaded) {
     return false;
   }
-  if (!start_rpc() || !start_mining_rpc()) {
-    complain("Start failed: see above");
-    stop.request(kExitFailed);
-    return false;
+  if (!start_rpc() || !start_mining_rpc() || !start_network()) {
+    return fail_start();
   }
-  start_network();
   return !stop.is_requested();
+}
+
+bool Node::State::fail_start() {
+  complain("Start failed: see above");
+  stop.request(kExitFailed);
+  return false;
 }
 
 bool Node::State::open_chain() {
@@ -184,7 +215,8 @@ bool Node::State::open_chain() {
   return false;
 }
 
-bool Node::State::start_rpc() {
+// What the options' files say of the RPC server.
+bool Node::State::prepare_rpc() {
   rpc = std::make_unique<rpc::RpcServer>(options.rpc_port, options.rpc_bind);
   if (!options.rpc_user.empty()) {
     const Password password = read_password(options.rpc_password_file);
@@ -195,10 +227,11 @@ bool Node::State::start_rpc() {
   }
   if (!options.rpc_tls_cert.empty()) {
     rpc->set_tls(options.rpc_tls_cert, options.rpc_tls_key);
-    if (!rpc->has_tls()) {
-      return false;
-    }
   }
+  return options.rpc_tls_cert.empty() || rpc->has_tls();
+}
+
+bool Node::State::start_rpc() {
   rpc->set_components(components());
   rpc->register_default_handlers();
   rpc->register_method(kNodeStatusMethod, make_node_status_handler(components(), warnings, start_time));
@@ -218,14 +251,19 @@ bool Node::State::start_mining_rpc() {
   for (const std::string& address : options.rpc_trust) {
     mining->trust_address(address);
   }
+  if (options.mining_bind != kAnyAddress) {
+    mining->trust_address(options.mining_bind);  // whence this machine's own miners come
+  }
   mining->serve_trusted_only();
   return mining->start();
 }
 
-void Node::State::start_network() {
-  core->network.start(!options.no_listen);
+bool Node::State::start_network() {
+  if (!core->network.start(!options.no_listen)) {
+    return false;
+  }
   if (!options.connect.empty()) {
-    return;  // nobody else is dialled
+    return true;  // nobody else is dialled
   }
   for (const std::string& host_port : options.seed_nodes) {
     std::string host;
@@ -234,12 +272,13 @@ void Node::State::start_network() {
       core->network.add_seed_node(host, port);
     }
   }
+  return true;
 }
 
 void Node::State::announce() {
   const ChainStatus status = core->chain.get_status();
   say("Ready: height " + std::to_string(status.best_height) + ", tip " + status.best_hash.to_hex() + ", peers' port " +
-      std::to_string(options.port) + (options.no_listen ? " (not listening)" : "") + ", RPC port " +
+      std::to_string(options.port) + (core->network.is_listening() ? "" : " (not listening)") + ", RPC port " +
       std::to_string(rpc->get_port()));
   notify_service_manager("READY=1");
 }
@@ -261,6 +300,9 @@ void Node::State::look_around() {
   health.clock_offset_s = core->network.get_clock_offset_s();
   if (status.branch_refused_for_depth) {
     health.refused_branch = status.branch_refused_for_depth->to_hex();
+  }
+  if (!options.no_listen && !core->network.is_listening()) {
+    health.deaf_port = options.port;
   }
   const int64_t now_ms = elapsed_ms(start_time);
   for (const std::string& text : warnings->update(health, now_ms)) {
@@ -292,11 +334,11 @@ void Node::State::shut_down() {
     }
   }
   core->network.stop();
-  if (is_pool_loaded) {
-    save_mempool(core->pool, options.data_dir, kSaveTimeMs);
-  }
   if (is_chain_open && !core->chain.flush_state() && !core->chain.get_status().broken) {
     complain("Warning: the state could not be written; the block files and the last written state are enough");
+  }
+  if (is_pool_loaded) {
+    save_mempool(core->pool, options.data_dir, kSaveTimeMs);
   }
   bool ended = core->network.is_finished();
   for (const auto* server : servers) {

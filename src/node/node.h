@@ -3,7 +3,8 @@
 // the components.
 //
 // RPC connections may outlive the server, so all that a handler touches is
-// shared-owned; when one is still there at the end, run() ends the process.
+// shared-owned; when one is still there at the end, run() ends the process. The
+// components end inside run() too, where the deadline of a stop still counts.
 //
 // Threads: run() on one thread; request_stop() from any.
 
@@ -11,6 +12,7 @@
 
 #include <memory>
 
+#include "core/sync.h"
 #include "node/node_params.h"
 #include "node/options.h"
 #include "node/stop_request.h"
@@ -27,16 +29,18 @@ class Node {
   Node(const Options& options, const NodeParams& params, StopRequest& stop);
   ~Node();
 
-  // From start to end; returns the exit status. Ends the process with it when
+  // From start to end, once; returns the exit status. Ends the process with it when
   // threads of the components do not end in time.
-  int run();
+  int run() EXCLUDES(mutex_);
 
   // Ends long work; run() then finds the request that was made.
-  void request_stop();
+  void request_stop() EXCLUDES(mutex_);
 
  private:
   struct State;
-  std::unique_ptr<State> state_;
+
+  Mutex mutex_;                                      // leaf
+  std::unique_ptr<State> state_ GUARDED_BY(mutex_);  // null once run() has ended
 };
 
 }  // namespace norvel::node

@@ -66,6 +66,17 @@ void check_span(const NodeParams& params) {
   }
 }
 
+void refuse_other_rules(const std::string& directory, const NodeParams& made_with, const Options& options) {
+  for (const Rule& rule : kRules) {
+    const std::optional<uint32_t> asked = options.*rule.asked;
+    const uint32_t value = made_with.*rule.value;
+    if (asked && *asked != value) {
+      throw std::runtime_error("data directory " + directory + " was made with --" + rule.name + " " +
+                               std::to_string(value) + ", not " + std::to_string(*asked));
+    }
+  }
+}
+
 }  // namespace
 
 std::optional<NodeParams> read_params(const std::string& directory) {
@@ -92,16 +103,17 @@ std::optional<NodeParams> read_params(const std::string& directory) {
   return params;
 }
 
+NodeParams read_params_for_check(const std::string& directory, const Options& options) {
+  const auto made_with = read_params(directory);
+  if (made_with) {
+    refuse_other_rules(directory, *made_with, options);
+  }
+  return made_with.value_or(NodeParams());
+}
+
 NodeParams settle_params(const std::string& directory, const Options& options) {
   if (const auto made_with = read_params(directory)) {
-    for (const Rule& rule : kRules) {
-      const std::optional<uint32_t> asked = options.*rule.asked;
-      const uint32_t value = *made_with.*rule.value;
-      if (asked && *asked != value) {
-        throw std::runtime_error("data directory " + directory + " was made with --" + rule.name + " " +
-                                 std::to_string(value) + ", not " + std::to_string(*asked));
-      }
-    }
+    refuse_other_rules(directory, *made_with, options);
     return *made_with;
   }
   NodeParams params;

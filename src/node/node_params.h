@@ -33,6 +33,10 @@ struct NodeParams {
 // std::runtime_error ("FILE:LINE: ...") for a file that does not read back.
 std::optional<NodeParams> read_params(const std::string& directory);
 
+// The rules to check the directory by: those that it was made with, or for one
+// without any the defaults. Throws as settle_params() and writes nothing.
+NodeParams read_params_for_check(const std::string& directory, const Options& options);
+
 // The rules to run with: those of the directory, or for a new one `options` over
 // the defaults, which are then written. Under the directory's lock. Throws
 // std::runtime_error with a line for the user when the options ask for others,

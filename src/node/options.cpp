@@ -1,15 +1,12 @@
 #include "node/options.h"
 
-#include <pwd.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 #include <map>
 #include <stdexcept>
 
-#include "node/option_table.h"
+#include "core/home_directory.h"
 #include "core/settings_file.h"
+#include "node/option_table.h"
 
 namespace norvel::node {
 
@@ -29,15 +26,6 @@ struct CommandLine {
   bool check = false;
 };
 
-std::string home_directory() {
-  const char* home = std::getenv("HOME");
-  if (home != nullptr && *home != '\0') {
-    return home;
-  }
-  const passwd* user = getpwuid(getuid());
-  return user != nullptr && user->pw_dir != nullptr ? user->pw_dir : "";
-}
-
 std::string without_trailing_slashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') {
     path.pop_back();
@@ -45,14 +33,20 @@ std::string without_trailing_slashes(std::string path) {
   return path;
 }
 
-void describe(CLI::App& app, CommandLine& line, std::map<std::string, bool>& flags) {
+struct Flag {
+  bool value = false;
+  const CLI::Option* option = nullptr;  // knows whether it was given
+};
+
+void describe(CLI::App& app, CommandLine& line, std::map<std::string, Flag>& flags) {
   app.set_version_flag("--version", std::string("norveld ") + NORVEL_VERSION);
   app.add_option("--config", line.config_file, "Config file [norvel.conf in the data directory]")->type_name("FILE");
   app.add_flag("--check", line.check, "Verify files, index and snapshot without changing anything, then exit");
   for (const OptionRow& row : option_table()) {
     const std::string name = "--" + row.name;
     if (row.kind == OptionKind::FLAG) {
-      app.add_flag(name, flags[row.name], row.help);
+      Flag& flag = flags[row.name];
+      flag.option = app.add_flag(name, flag.value, row.help);
       continue;
     }
     CLI::Option* option = app.add_option(name, line.values[row.name], row.help)->type_name(row.value_name);
@@ -71,13 +65,13 @@ void describe(CLI::App& app, CommandLine& line, std::map<std::string, bool>& fla
 // Throws CLI::Error; also for --help and --version.
 CommandLine parse_command_line(CLI::App& app, std::vector<std::string> arguments) {
   CommandLine line;
-  std::map<std::string, bool> flags;
+  std::map<std::string, Flag> flags;
   describe(app, line, flags);
   std::reverse(arguments.begin(), arguments.end());  // as CLI11 takes them
   app.parse(std::move(arguments));
-  for (const auto& [name, given] : flags) {
-    if (given) {
-      line.values[name] = {"true"};
+  for (const auto& [name, flag] : flags) {
+    if (flag.option->count() > 0) {
+      line.values[name] = {flag.value ? "true" : "false"};
     }
   }
   std::erase_if(line.values, [](const auto& entry) { return entry.second.empty(); });
@@ -136,14 +130,16 @@ std::string find_contradiction(const Options& options) {
   if (options.mining_bind != kMiningBindDefault && options.rpc_trust.empty()) {
     return "--mining-bind " + options.mining_bind + " needs --rpc-trust: who may mine from other machines";
   }
+  if (options.check && options.rebuild) {
+    return "--check changes nothing and --rebuild does: give one of them";
+  }
   return "";
 }
 
 // Throws std::runtime_error with a line for the user.
 Options resolve(const CommandLine& line) {
   Options options;
-  const std::string home = home_directory();
-  options.data_dir = home.empty() ? "" : home + "/.norvel";
+  options.data_dir = default_data_directory();
   store(options, line.values);
   const bool is_named = !line.config_file.empty();
   if (options.data_dir.empty() && !is_named) {

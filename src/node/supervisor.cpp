@@ -31,14 +31,22 @@ sigset_t watched_signals() {
   return set;
 }
 
+// Calls what may fail for lack of memory; the wait for the work goes on.
+void call_quietly(const std::function<void()>& function) noexcept {
+  try {
+    function();
+  } catch (...) {
+  }
+}
+
 // Signals that have come since the last call.
 void read_signals(int fd, const Supervised& supervised, StopRequest& stop) {
   signalfd_siginfo info = {};
   while (read(fd, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
     if (info.ssi_signo == SIGHUP) {
-      supervised.on_hangup();
+      call_quietly(supervised.on_hangup);
     } else {
-      stop.request(0);
+      stop.request(supervised.signalled_status);
     }
   }
 }
@@ -47,7 +55,7 @@ int run_work(const Supervised& supervised) {
   try {
     return supervised.work();
   } catch (const std::exception& failure) {
-    console::error_line(std::string("[Node] ") + failure.what());
+    call_quietly([&] { console::error_line(std::string("[Node] ") + failure.what()); });
     return 1;
   }
 }
@@ -85,7 +93,7 @@ int supervise(const Supervised& supervised, StopRequest& stop, int64_t deadline_
     read_signals(signals.get(), supervised, stop);
     if (stop.is_requested() && !deadline) {
       deadline = Clock::now() + std::chrono::milliseconds(deadline_ms);
-      supervised.on_stop();
+      call_quietly(supervised.on_stop);
     }
     if (deadline && Clock::now() >= *deadline && !finished.is_requested()) {
       _exit(stop.exit_status());  // what was synced is enough to start from

@@ -26,9 +26,11 @@ struct Supervised {
   std::function<int()> work;        // returns the exit status; its exceptions end the node with status 1
   std::function<void()> on_stop;    // once, when a stop was requested; must not wait
   std::function<void()> on_hangup;  // at each SIGHUP
+  int signalled_status = 0;         // the exit status that SIGINT and SIGTERM ask for
 };
 
-// Runs the work to its end and returns its status. When it has not ended
+// Runs the work to its end and returns its status; what the other two throw is
+// passed over. When it has not ended
 // `deadline_ms` after the request, ends the process with the request's.
 int supervise(const Supervised& supervised, StopRequest& stop, int64_t deadline_ms = kStopDeadlineMs);
 

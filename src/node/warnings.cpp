@@ -24,6 +24,10 @@ Warnings::Texts Warnings::collect(const NodeHealth& health) {
   if (!health.refused_branch.empty()) {
     texts[Kind::DEPTH] = "A heavier branch was refused because its fork lies too deep: " + health.refused_branch;
   }
+  if (health.deaf_port) {
+    texts[Kind::LISTEN] = "No peer can connect: port " + std::to_string(*health.deaf_port) +
+                          " is not listened on; start again once it is free";
+  }
   return texts;
 }
 

@@ -22,8 +22,9 @@ inline constexpr int64_t kClockOffsetMaxS = 600;
 // What the warnings follow from.
 struct NodeHealth {
   std::optional<uint64_t> free_disk_bytes;
-  int64_t clock_offset_s = 0;  // most peers' clocks minus this machine's
-  std::string refused_branch;  // tip of a heavier branch refused for its depth; empty: none
+  int64_t clock_offset_s = 0;         // most peers' clocks minus this machine's
+  std::string refused_branch;         // tip of a heavier branch refused for its depth; empty: none
+  std::optional<uint16_t> deaf_port;  // for peers: meant to be listened on, and is not
 };
 
 class Warnings {
@@ -38,7 +39,7 @@ class Warnings {
   std::vector<std::string> standing() const EXCLUDES(mutex_);
 
  private:
-  enum class Kind { DISK, CLOCK, DEPTH };
+  enum class Kind { DISK, CLOCK, DEPTH, LISTEN };
   using Texts = std::map<Kind, std::string>;
 
   static Texts collect(const NodeHealth& health);

@@ -8,13 +8,13 @@ namespace norvel::cli {
 namespace {
 
 TEST(IsJson, OneWholeValueAndNothingElse) {
-  const char* const whole[] = {
-      "0", "-1.5", "true", "null", "\"a\\\"b\"", "[]", " [1, [2], {}] ", "{}", "{\"a\":1,\"b\":[\"c\"]}"};
+  const char* const whole[] = {"0",    "-1.5",       "2.4e-05", "1E+9",           "[0e0]", "true",
+                               "null", "\"a\\\"b\"", "[]",      " [1, [2], {}] ", "{}",    "{\"a\":1,\"b\":[\"c\"]}"};
   for (const char* text : whole) {
     EXPECT_TRUE(is_json(text)) << text;
   }
-  const char* const not_whole[] = {"",      "01",  "1.",  "-",     "1x",       "[1",    "[1,]", "{\"a\"}",
-                                   "{1:2}", "\"a", "tru", "[1] 2", "{\"a\":1", "\"a\\", "1e5"};
+  const char* const not_whole[] = {"",    "01",  "1.",    "-",        "1x",    "[1", "[1,]", "{\"a\"}", "{1:2}",
+                                   "\"a", "tru", "[1] 2", "{\"a\":1", "\"a\\", "1e", "1e+",  "1.e5"};
   for (const char* text : not_whole) {
     EXPECT_FALSE(is_json(text)) << text;
   }
@@ -35,6 +35,35 @@ TEST(IsJson, EveryCutOfAReplyIsSeen) {
   }
 }
 
+TEST(ReadJson, KnowsExponents) {
+  const struct {
+    const char* text;
+    std::optional<double> want;
+  } rows[] = {
+      {"2.4e-05", 0.000024},
+      {"-1.90735E-06", -0.00000190735},
+      {"1e+20", 100'000'000'000'000'000'000.0},
+      {"0e999", 0},
+      {"1e308", 1e308},
+      {"1e309", std::nullopt},
+      {"2.3e-308", 2.3e-308},
+      {"1e-308", std::nullopt},  // held by a subnormal number only
+      {"1e-999999999999", std::nullopt},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    const auto value = read_json(row.text);
+    ASSERT_EQ(value.has_value(), row.want.has_value());
+    if (row.want) {
+      EXPECT_EQ(value->number, *row.want);
+    }
+  }
+  const auto reply = read_json(R"({"1e5":"2e-5","a":[1.5e1,7,-2E-1]} )");
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->to_string(), R"({"1e5":"2e-5","a":[15,7,-0.2]})");
+  EXPECT_FALSE(read_json(std::string(400, '9')));
+}
+
 TEST(Parameter, IsJsonWhereItSurvivesAndTextOtherwise) {
   const struct {
     const char* text;
@@ -46,6 +75,7 @@ TEST(Parameter, IsJsonWhereItSurvivesAndTextOtherwise) {
       {"1NorvelAddress", "\"1NorvelAddress\""},
       {"007", "\"007\""},
       {"1.50", "\"1.50\""},
+      {"1e3", "\"1e3\""},
       {"9007199254740993", "\"9007199254740993\""},
       {"1111111111111111111111111111111111111111111111111111111111111111",
        "\"1111111111111111111111111111111111111111111111111111111111111111\""},
@@ -62,6 +92,7 @@ TEST(Result, IsIndentedAndCannotSteerTheTerminal) {
   const auto shown = [](const char* json) { return result_text(rpc::JsonValue::parse(json)); };
   EXPECT_EQ(shown("\"plain\x1b[2J\""), "plain?[2J");
   EXPECT_EQ(shown("7"), "7");
+  EXPECT_EQ(shown("[0.000024,-12.5]"), "[\n  0.000024,\n  -12.5\n]");
   EXPECT_EQ(shown("[]"), "[]");
   EXPECT_EQ(shown("{\"b\":[1,{}],\"a\\n\":\"x\\ty\x07\"}"),
             "{\n  \"a\\n\": \"x\\ty?\",\n  \"b\": [\n    1,\n    {}\n  ]\n}");

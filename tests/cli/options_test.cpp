@@ -18,8 +18,14 @@ TEST(CommandLine, OptionsStandBeforeTheMethodAndParametersBehind) {
   EXPECT_EQ(line.method, "getblock");
   EXPECT_EQ(line.params, (std::vector<std::string>{"-3", "x", "-h"}));
   EXPECT_TRUE(parse_command_line({"--help"}).text_to_print.starts_with("Asks a Norvel node"));
-  const std::vector<std::string> refused[] = {
-      {}, {"--rpcport", "70000", "x"}, {"--rpcport"}, {"--no-such", "x"}, {"getinfo", "--rpcport", "1"}};
+  const std::vector<std::string> refused[] = {{},
+                                              {"--rpcport", "70000", "x"},
+                                              {"--rpcport", "0", "x"},
+                                              {"--rpcport", "0x20", "x"},
+                                              {"--rpcport", "", "x"},
+                                              {"--rpcport"},
+                                              {"--no-such", "x"},
+                                              {"getinfo", "--rpcport", "1"}};
   for (const auto& arguments : refused) {
     EXPECT_THROW(parse_command_line(arguments), UsageError);
   }
@@ -84,8 +90,11 @@ TEST_F(FindNode, CommandLineOverFileOverDefault) {
   EXPECT_EQ(given.host, "h");
   EXPECT_EQ(given.port, 18);
   EXPECT_EQ(given.user, "v");
+  EXPECT_EQ(given.password, "");
+  EXPECT_EQ(find(full, {"--rpchost", "h"}).user, "");
   EXPECT_EQ(given.ca_file, "");  // the local node's certificate says nothing of another host
   EXPECT_EQ(find("rpc-bind = 0.0.0.0\n").host, "127.0.0.1");
+  EXPECT_EQ(find("rpc-port = 0\n", {"--rpcport", "010"}).port, 10);
 }
 
 TEST_F(FindNode, NamesFileAndLineOfWhatIsWrong) {
@@ -97,7 +106,7 @@ TEST_F(FindNode, NamesFileAndLineOfWhatIsWrong) {
     }
     return "";
   };
-  EXPECT_EQ(reason("\nrpc-port = 0\n"), path("norvel.conf") + ":2: bad value of rpc-port: 0");
+  EXPECT_EQ(reason("\nrpc-port = 0\n"), path("norvel.conf") + ": rpc-port = 0 is any free port; give --rpcport");
   EXPECT_EQ(reason("rpc-port = 80x\n"), path("norvel.conf") + ":1: bad value of rpc-port: 80x");
   EXPECT_TRUE(reason("rpc-port 17\n").starts_with(path("norvel.conf") + ":1: "));
   EXPECT_NE(reason("rpc-password-file = " + path("none") + "\n").find(path("none")), std::string::npos);

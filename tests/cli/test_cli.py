@@ -99,15 +99,28 @@ def cli(directory: Path, *args: object) -> Tuple[int, str, str]:
 
 def test_any_method(node: StandIn, tmp_path: Path) -> None:
     at = ("--rpcport", node.port)
-    node.results = {"getblockcount": 7, "getbestblockhash": "00ab", "getpeerinfo": [{"addr": "a\x1b"}],
+    node.results = {"getblockcount": 7, "getbestblockhash": "00ab", "getmempoolinfo": {"fee": 2.4e-05}, "getpeerinfo": [{"addr": "a\x1b"}],
                     "getblock": RuntimeError("Block\x07 not found")}
     assert cli(tmp_path, *at, "getblockcount") == (0, "7\n", "")
     assert cli(tmp_path, *at, "getbestblockhash") == (0, "00ab\n", "")
+    assert cli(tmp_path, *at, "getmempoolinfo") == (0, '{\n  "fee": 0.000024\n}\n', "")
     assert cli(tmp_path, *at, "getpeerinfo") == (0, '[\n  {\n    "addr": "au001b"\n  }\n]\n', "")
     assert cli(tmp_path, *at, "getblock", "1" * 64, "2", "[true]") == (1, "", "Block? not found\n".replace("?", "u0007"))
     assert cli(tmp_path, *at, "getbalance", '{"address":"1A"}')[0] == 0
-    assert node.calls[3:] == [("getblock", ["1" * 64, 2, [True]]), ("getbalance", {"address": "1A"})]
+    assert node.calls[4:] == [("getblock", ["1" * 64, 2, [True]]), ("getbalance", {"address": "1A"})]
     assert all("Authorization" not in head for head in node.heads)
+
+
+def test_results_go_out_whole_or_not_at_all(node: StandIn, tmp_path: Path) -> None:
+    node.results = {"getrawmempool": ["ab" * 32] * 5_000}
+    command = [PROGRAM, "--datadir", tmp_path, "--rpcport", str(node.port), "getrawmempool"]
+    with subprocess.Popen(command, stdout=subprocess.PIPE) as slow:
+        time.sleep(2)  # more than a node waits for its reader
+        assert slow.stdout and len(json.loads(slow.stdout.read())) == 5_000
+    assert slow.returncode == 0
+    with open("/dev/full", "wb") as full:
+        done = subprocess.run(command, stdout=full, stderr=subprocess.PIPE, timeout=60)
+    assert (done.returncode, done.stderr) == (1, b"Standard output: No space left on device\n")
 
 
 def test_usage_and_no_connection(node: StandIn, tmp_path: Path) -> None:
@@ -185,6 +198,8 @@ def test_keys_and_addresses_need_no_node(tmp_path: Path) -> None:
     path, address = new_key(tmp_path)
     assert stat.S_IMODE(path.stat().st_mode) == 0o600
     assert cli(tmp_path, "newkey", path)[0] == 1
+    path.write_text(path.read_text().splitlines()[2] + "\n")
+    assert cli(tmp_path, "keyaddress", path) == (0, address + "\n", "")
     assert cli(tmp_path, "validateaddress", address) == (0, "valid\n", "")
     for spoilt in (address[:-1] + "0", address + "1", "", "1" * 65):
         assert cli(tmp_path, "validateaddress", spoilt)[0] == 1

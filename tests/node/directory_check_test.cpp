@@ -48,6 +48,11 @@ class DirectoryCheck : public testing::Test {
     }
   }
 
+  int check(const std::string& directory) {
+    options_.data_dir = directory;
+    return check_directory(options_, stop_);
+  }
+
   // The exit status for a copy that `damage` was done to.
   int check_copy(const std::function<void(const std::string&)>& damage) {
     const std::string copy = root_ / "copy";
@@ -55,12 +60,13 @@ class DirectoryCheck : public testing::Test {
     std::filesystem::copy(root_ / "whole", copy, std::filesystem::copy_options::recursive);
     damage(copy);
     const Files before = read_files(copy);
-    const int status = check_directory(copy, stop_);
+    const int status = check(copy);
     EXPECT_EQ(read_files(copy), before);
     return status;
   }
 
   const TemporaryDirectory root_;
+  Options options_;
   StopRequest stop_;
 };
 
@@ -110,7 +116,8 @@ TEST_F(DirectoryCheck, FindsWhatIsWrongAndChangesNothing) {
       {"no database", [](const std::string& d) { std::filesystem::remove_all(d + "/chainstate"); }, "no database"},
       {"no CURRENT", [](const std::string& d) { std::ofstream(d + "/chainstate/CURRENT") << "x\n"; }, "damaged"},
       {"marker", [](const std::string& d) { std::ofstream(d + "/rebuild-needed") << ""; }, "the state was lost"},
-      {"no node was here", [](const std::string& d) { std::filesystem::remove(d + "/.lock"); }, "No such file"},
+      {"no node was here", [](const std::string& d) { std::filesystem::remove(d + "/.lock"); },
+       "copy/.lock: No such file"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
@@ -123,10 +130,19 @@ TEST_F(DirectoryCheck, FindsWhatIsWrongAndChangesNothing) {
 TEST_F(DirectoryCheck, WaitsForNobody) {
   const CapturedStderr lines;
   ChainScene running;
-  EXPECT_EQ(check_directory(running.directory().path(), stop_), 1);
+  EXPECT_EQ(check(running.directory().path()), 1);
   EXPECT_NE(lines.text().find("another process uses"), std::string::npos);
   stop_.request(0);
-  EXPECT_EQ(check_directory(root_ / "whole", stop_), 1);
+  EXPECT_EQ(check(root_ / "whole"), 1);
+}
+
+TEST_F(DirectoryCheck, RefusesOtherRulesThanThoseOfTheDirectory) {
+  const CapturedStderr lines;
+  options_.retarget_interval = 7;
+  EXPECT_EQ(check(root_ / "whole"), 1);
+  EXPECT_NE(lines.text().find("was made with --retarget-interval 6, not 7"), std::string::npos);
+  options_.retarget_interval = 6;
+  EXPECT_EQ(check(root_ / "whole"), 0);
 }
 
 }  // namespace

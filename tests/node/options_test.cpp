@@ -44,6 +44,7 @@ TEST_F(NodeOptions, TakesTheCommandLineOverTheFileOverTheDefaults) {
   EXPECT_TRUE(options.no_listen);
   EXPECT_TRUE(options.rebuild);
   EXPECT_EQ(options.log_file, "/x#y");
+  EXPECT_FALSE(read({"--no-listen=false"}).options.no_listen);
 }
 
 TEST_F(NodeOptions, NamesFileAndLineOfABadSetting) {
@@ -93,6 +94,7 @@ TEST_F(NodeOptions, RefusesWhatCannotStandTogether) {
       {{"--mining-port", "1", "--mining-bind", "0.0.0.0"}, true},
       {{"--mining-port", "1", "--mining-bind", "127.0.0.2"}, true},
       {{"--mining-port", "1", "--mining-bind", "0.0.0.0", "--rpc-trust", "10.0.0.1"}, false},
+      {{"--check", "--rebuild"}, true},
       {{"--config", "/nowhere/at.all"}, true},
   };
   for (const auto& row : rows) {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <new>
 #include <stdexcept>
 #include <thread>
 
@@ -46,9 +47,13 @@ TEST_F(Supervisor, PassesSignalsOn) {
       }
       kill(getpid(), SIGTERM);
       kill(getpid(), SIGINT);
-      return stop.wait(60'000) && stop.exit_status() == 0 ? 3 : 4;
+      return stop.wait(60'000) && stop.exit_status() == 6 ? 3 : 4;
     };
-    const int status = supervise({work, [&] { ++stops; }, [&] { ++hangups; }}, stop);
+    const auto on_hangup = [&] {
+      ++hangups;
+      throw std::bad_alloc();  // no memory for a line is no end
+    };
+    const int status = supervise({work, [&] { ++stops; }, on_hangup, 6}, stop);
     return hangups == 1 && stops <= 1 ? status : 5;
   };
   EXPECT_EXIT(_exit(in_child(body)), testing::ExitedWithCode(3), "");
