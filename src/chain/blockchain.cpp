@@ -17,7 +17,7 @@ Blockchain::WriteScope::WriteScope(Blockchain& chain) : chain_(chain) {
 }
 
 Blockchain::WriteScope::~WriteScope() {
-  if (--chain_.open_scopes_ > 0) {
+  if (--chain_.open_scopes_ > 0 || !chain_.save_noted_) {
     return;
   }
   try {

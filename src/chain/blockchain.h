@@ -79,6 +79,7 @@ enum class BlockFate {
 // As of the end of add_block(): what waited for the block may have moved the chain.
 struct BlockReport {
   BlockFate fate = BlockFate::INCIDENT;
+  bool parked = false;  // of an ORPHAN: the chain keeps it until its parent comes
   // Blocks that waited for this one and are on the active chain now, lowest first.
   std::vector<uint256> from_orphans;
 };
@@ -260,8 +261,8 @@ class Blockchain {
 
   // ---- Acceptance (blockchain_acceptance.cpp)
   bool accept(const Block& block, std::string& error, BlockReport& report) REQUIRES(mutex_);
-  bool accept_one(const Block& block, std::string& error, BlockFate& fate) REQUIRES(mutex_);
-  BlockFate accept_orphan(const Block& block, std::string& error) REQUIRES(mutex_);
+  bool accept_one(const Block& block, std::string& error, BlockReport& report) REQUIRES(mutex_);
+  bool park_orphan(const Block& block) REQUIRES(mutex_);
   void settle_report(const uint256& hash, BlockReport& report) REQUIRES(mutex_);
   void save_after_block(uint32_t height) REQUIRES(mutex_);
   bool has_bits(const Block& block, const BlockIndex& parent, consensus::RetargetReport report, std::string& error)
@@ -342,6 +343,12 @@ class Blockchain {
   // worst writes once too often.
   std::atomic<int> open_scopes_{0};
 
+  // What a save_state() inside a write scope left to do. Written with mutex_ held,
+  // read without it by the last scope to end, which thus waits for nobody when
+  // there is nothing to write. A note is made before the scopes are counted, so
+  // that either that scope sees it or its maker sees none open and writes itself.
+  std::atomic<bool> save_noted_{false};
+
   mutable VerifiedInputs verified_;
   PoolEvents events_;
 
@@ -361,7 +368,6 @@ class Blockchain {
   // ran out they name some too many: what the tree says counts.
   std::set<uint256> unsaved_ GUARDED_BY(mutex_);
   std::set<uint256> dropped_ GUARDED_BY(mutex_);
-  bool save_noted_ GUARDED_BY(mutex_) = false;  // by a save_state() inside a write scope
   bool broken_ GUARDED_BY(mutex_) = false;
   bool rebuilding_ GUARDED_BY(mutex_) = false;
   std::optional<ChainTip> saved_tip_ GUARDED_BY(mutex_);  // what the database named at the start

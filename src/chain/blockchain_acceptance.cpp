@@ -64,7 +64,7 @@ bool Blockchain::add_block(const Block& block, std::string& error, BlockReport& 
 }
 
 bool Blockchain::accept(const Block& block, std::string& error, BlockReport& report) {
-  const bool accepted = accept_one(block, error, report.fate);
+  const bool accepted = accept_one(block, error, report);
   const uint256 hash = block.get_hash();
   // A block stored on a side chain is a parent too when its branch failed to become the active one.
   if (report.fate == BlockFate::KNOWN || tree_.find(hash) == nullptr) {
@@ -90,7 +90,8 @@ void Blockchain::settle_report(const uint256& hash, BlockReport& report) {
   }
 }
 
-bool Blockchain::accept_one(const Block& block, std::string& error, BlockFate& fate) {
+bool Blockchain::accept_one(const Block& block, std::string& error, BlockReport& report) {
+  BlockFate& fate = report.fate;
   fate = BlockFate::INCIDENT;
   if (broken_) {
     error = "Chain state is lost, restart the node to rebuild it from disk";
@@ -114,7 +115,9 @@ bool Blockchain::accept_one(const Block& block, std::string& error, BlockFate& f
   }
   const BlockIndex* parent = tree_.find(block.header.prev_hash);
   if (parent == nullptr) {
-    fate = accept_orphan(block, error);
+    error = "orphan: parent block not known yet (height " + std::to_string(block.height) + ")";
+    report.parked = park_orphan(block);
+    fate = BlockFate::ORPHAN;
     return false;
   }
   if (auto failure = check_child(block, *parent)) {
@@ -127,17 +130,13 @@ bool Blockchain::accept_one(const Block& block, std::string& error, BlockFate& f
   return fate == BlockFate::CONNECTED || fate == BlockFate::SIDE_CHAIN;
 }
 
-BlockFate Blockchain::accept_orphan(const Block& block, std::string& error) {
-  std::string reason;
+bool Blockchain::park_orphan(const Block& block) {
+  std::string ignored;
   const uint64_t now_s = steady_seconds();
   orphans_.remove_expired(now_s);
   // A refused parent never comes, so its children need not wait for it.
-  if (!verdicts_.find(block.header.prev_hash) && difficulty::verify_bits(block.header.bits) &&
-      validate_context_free(block, ClockRule::APPLY, reason)) {
-    orphans_.park(block, now_s);
-  }
-  error = "orphan: parent block not known yet (height " + std::to_string(block.height) + ")";
-  return BlockFate::ORPHAN;
+  return !verdicts_.find(block.header.prev_hash) && difficulty::verify_bits(block.header.bits) &&
+         validate_context_free(block, ClockRule::APPLY, ignored) && orphans_.park(block, now_s);
 }
 
 // What must hold before anything about the block is remembered or written.
@@ -327,13 +326,13 @@ void Blockchain::connect_waiting(const uint256& parent_hash, BlockReport& report
   for (; !parents.empty(); parents.pop_front()) {
     while (const std::optional<Block> child = orphans_.take_child(parents.front())) {
       std::string ignored;
-      BlockFate fate = BlockFate::INCIDENT;
+      BlockReport of_child;
       try {
-        accept_one(*child, ignored, fate);
+        accept_one(*child, ignored, of_child);
       } catch (const std::exception&) {
         // Out of memory: the block is fetched again.
       }
-      if (fate != BlockFate::KNOWN && tree_.find(child->get_hash()) != nullptr) {
+      if (of_child.fate != BlockFate::KNOWN && tree_.find(child->get_hash()) != nullptr) {
         report.from_orphans.push_back(child->get_hash());
         parents.push_back(child->get_hash());
       }

@@ -73,7 +73,7 @@ std::mt19937_64& thread_generator() {
 bool AddressBook::add(const KnownPeer& peer) {
   const std::string key = make_key(peer.address, peer.port);
   const MutexLock lock(mutex_);
-  if (self_.contains(key) || known_.contains(key)) {
+  if (is_own(key) || known_.contains(key)) {
     return false;
   }
   insert(key, peer);
@@ -83,7 +83,7 @@ bool AddressBook::add(const KnownPeer& peer) {
 void AddressBook::add_seed(const std::string& host, uint16_t port) {
   const std::string key = make_key(host, port);
   const MutexLock lock(mutex_);
-  if (self_.contains(key)) {
+  if (is_own(key)) {
     return;
   }
   KnownPeer peer{.address = host, .port = port, .last_seen = clock_.now()};
@@ -116,14 +116,17 @@ void AddressBook::note_version(const std::string& ip, uint16_t old_port, uint16_
     return;
   }
   peer.last_seen = now;
-  peer.services = std::max<uint64_t>(1, peer.services);
+  peer.services = std::max<uint32_t>(1, peer.services);
   insert(key, peer);
 }
 
-void AddressBook::mark_self(const std::string& key, const std::string& other_key) {
+void AddressBook::mark_self(const std::string& key, const std::string& other_key, bool dialled) {
   const MutexLock lock(mutex_);
-  if (self_.size() < kSelfAddressesMax) {
-    self_.insert(key);
+  if (dialled) {
+    dialled_self_.insert(key);
+    dialled_self_.insert(other_key);
+  } else {
+    told_self_.insert(key);
   }
   erase(key);
   erase(other_key);
@@ -131,7 +134,7 @@ void AddressBook::mark_self(const std::string& key, const std::string& other_key
 
 bool AddressBook::is_self(const std::string& key) const {
   const MutexLock lock(mutex_);
-  return self_.contains(key);
+  return is_own(key);
 }
 
 size_t AddressBook::size() const {
@@ -153,20 +156,20 @@ std::vector<AddressEntry> AddressBook::sample(const std::string& except_key) con
   std::vector<AddressEntry> entries;
   {
     const MutexLock lock(mutex_);
-    for (const auto& [key, record] : known_) {
+    for (auto at = known_.begin(); at != known_.end() && entries.size() < kAddressesMax; ++at) {
+      const auto& [key, record] = *at;
       const auto ip = parse_ipv4(record.peer.address);
       if (ip && record.peer.port != 0 && key != except_key) {
-        entries.push_back({*ip, record.peer.port, static_cast<uint64_t>(record.peer.last_seen),
-                           static_cast<uint32_t>(record.peer.services)});
+        entries.push_back({*ip, record.peer.port, static_cast<uint64_t>(record.peer.last_seen), record.peer.services});
       }
     }
   }
   std::ranges::shuffle(entries, thread_generator());
-  entries.resize(std::min(entries.size(), kAddressesMax));
   return entries;
 }
 
 bool AddressBook::save(const std::string& path) const {
+  const MutexLock one_at_a_time(save_mutex_);
   std::string text(kFileTitle);
   for (const KnownPeer& peer : list()) {
     if (peer.port != 0) {
@@ -192,6 +195,21 @@ std::optional<size_t> AddressBook::load(const std::string& path) {
     }
   }
   return count;
+}
+
+void AddressBook::OwnKeys::insert(const std::string& key) {
+  if (!keys.insert(key).second) {
+    return;
+  }
+  order.push_back(key);
+  if (order.size() > kSelfAddressesMax) {
+    keys.erase(order.front());
+    order.pop_front();
+  }
+}
+
+bool AddressBook::is_own(const std::string& key) const {
+  return dialled_self_.keys.contains(key) || told_self_.keys.contains(key);
 }
 
 void AddressBook::insert(const std::string& key, const KnownPeer& peer) {

@@ -4,6 +4,7 @@
 #include <exception>
 #include <limits>
 #include <new>
+#include <set>
 
 #include "consensus/difficulty.h"
 #include "core/console.h"
@@ -47,7 +48,7 @@ void announce(const RelayContext& context, uint8_t type, const uint256& hash) {
 
 // ---- Blocks that come in
 
-std::set<uint256> BlockRelay::receive(const PeerPtr& sender, const Bytes& payload) {
+void BlockRelay::receive(const PeerPtr& sender, const Bytes& payload) {
   Block block;
   try {
     block = Block::deserialize(payload);
@@ -56,7 +57,7 @@ std::set<uint256> BlockRelay::receive(const PeerPtr& sender, const Bytes& payloa
   } catch (const std::exception& failure) {
     context_.log.error("block decode", "[Network] Block decode error from " + sender->address + ": " + failure.what());
     context_.peers.add_misbehavior(*sender, kDecodePoints);
-    return {};
+    return;
   }
   BlockSync::DeliveryOutcome outcome;
   const bool accepted = validate_and_relay_block(block, sender, outcome);
@@ -72,7 +73,6 @@ std::set<uint256> BlockRelay::receive(const PeerPtr& sender, const Bytes& payloa
   if (accepted) {
     request_from_tip(false);
   }
-  return std::move(outcome.forgotten);
 }
 
 bool BlockRelay::validate_and_relay_block(const Block& block, const PeerPtr& sender,
@@ -83,14 +83,15 @@ bool BlockRelay::validate_and_relay_block(const Block& block, const PeerPtr& sen
   const uint256 hash = block.get_hash();
   BlockSync::Delivery delivery{hash, block.header.prev_hash, block.height, Fate::TAKEN};
   std::string error;
-  BlockReport report{BlockFate::KNOWN, {}};
+  BlockReport report;
+  report.fate = BlockFate::KNOWN;
   const bool accepted = !context_.chain->has_block(hash) && offer(block, error, report);
   if (!accepted) {
     delivery = describe_refusal(block, report);
   }
   outcome = sync_.delivered(sender, delivery, context_.clock.now_ms());
   if (delivery.fate == Fate::ORPHAN) {
-    request_missing_parent(block, sender, outcome.parent_is_nowhere);
+    request_missing_parent(block, sender, outcome.parent_is_nowhere && delivery.has_work);
   } else if (!accepted && delivery.fate != Fate::KNOWN) {
     context_.log.error("block rejected", "[Network] Block rejected (height=" + std::to_string(block.height) +
                                              "): " + console::printable(error));
@@ -133,9 +134,8 @@ BlockSync::Delivery BlockRelay::describe_refusal(const Block& block, const Block
   }
   delivery.has_work = has_work(block);
   if (report.fate == BlockFate::ORPHAN) {
-    std::string ignored;
     delivery.fate = Fate::ORPHAN;
-    delivery.parked = delivery.has_work && context_.chain->validate_block_context_free(block, ignored);
+    delivery.parked = report.parked;
     delivery.parent_known = context_.chain->has_block(block.header.prev_hash);
   } else if (report.fate == BlockFate::INVALID && hash_binds_body(block)) {
     delivery.fate = Fate::VERDICT;
@@ -185,16 +185,21 @@ bool BlockRelay::is_known(const InvVector& item) const {
           (context_.chain != nullptr && context_.chain->get_transaction_height(item.hash).has_value()));
 }
 
-bool BlockRelay::is_needed(const PeerPtr& peer, const InvVector& item) {
+BlockSync::Request BlockRelay::check_request(const PeerPtr& peer, const InvVector& item) {
+  const int64_t now_ms = context_.clock.now_ms();
   if (!is_known(item)) {
-    return true;
+    return item.type == kInvBlock ? sync_.check_request(peer, item.hash, now_ms) : BlockSync::Request::SEND;
   }
   if (item.type == kInvBlock) {
-    if (const auto ask = sync_.not_needed(peer, item.hash, context_.clock.now_ms())) {
+    if (const auto ask = sync_.not_needed(peer, item.hash, now_ms)) {
       send(*ask);
     }
   }
-  return false;
+  return BlockSync::Request::DROP;
+}
+
+void BlockRelay::requested(const PeerPtr& peer, const InvVector& item) {
+  sync_.requested(peer, item, context_.clock.now_ms());
 }
 
 void BlockRelay::check_sync_with_peer(const PeerPtr& peer) {
@@ -275,8 +280,10 @@ void BlockRelay::send(const Ask& ask) {
 void BlockRelay::send(const Ask& ask, const uint256& start, const uint256& stop) {
   const auto entry = context_.chain != nullptr ? context_.chain->get_block_index(start) : std::nullopt;
   const uint32_t start_height = entry ? entry->height : std::numeric_limits<uint32_t>::max();
-  if (sync_.begin(ask, start, start_height, context_.clock.now_ms())) {
-    context_.peers.send_message_to_peer(ask.peer, {MessageType::GETBLOCKS, encode_get_blocks({start, stop})});
+  const int64_t now_ms = context_.clock.now_ms();
+  if (sync_.begin(ask, start, start_height, now_ms) &&
+      !context_.peers.send_message_to_peer(ask.peer, {MessageType::GETBLOCKS, encode_get_blocks({start, stop})})) {
+    sync_.take_back(ask, start, now_ms);
   }
 }
 

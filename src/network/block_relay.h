@@ -8,7 +8,6 @@
 
 #pragma once
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -24,14 +23,14 @@ class BlockRelay {
 
   // ---- Message handler's thread
 
-  // Returns the blocks that are no longer wanted from the sender.
-  std::set<uint256> receive(const PeerPtr& sender, const Bytes& payload);
+  void receive(const PeerPtr& sender, const Bytes& payload);
 
   // Returns what is to be requested of the peer, at most `room` items.
   std::vector<InvVector> receive_inv(const PeerPtr& peer, const Bytes& payload, size_t room);
 
-  // Whether the item is still worth a GETDATA to the peer.
-  bool is_needed(const PeerPtr& peer, const InvVector& item);
+  // What to do with a wanted item, and that its GETDATA has gone to the peer.
+  BlockSync::Request check_request(const PeerPtr& peer, const InvVector& item);
+  void requested(const PeerPtr& peer, const InvVector& item);
 
   // Sends the requests that have become due.
   void tick();
@@ -41,7 +40,10 @@ class BlockRelay {
   // ---- Any thread
 
   void check_sync_with_peer(const PeerPtr& peer);
+
+  // A request that must wait goes later, from what then is our tip and without a stop.
   void request_blocks(const uint256& start, const uint256& stop);
+
   void push_missing_blocks_to_peer(const PeerPtr& peer);
   bool accept_block(const Block& block, std::string& error);
 

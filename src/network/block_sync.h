@@ -6,7 +6,9 @@
 //
 // A peer's GETBLOCKS: open by begin() -> answered by the next INV with a block
 // item, or given up after 30 s. Its batch: owed by receive_inv() -> come by
-// delivered(), forgotten when one of it is refused, or given up.
+// delivered(), forgotten when one of it is refused, or given up. A wanted block:
+// waiting by receive_inv() -> in flight by requested() -> come by delivered() or
+// not_needed(), or forgotten with all others when 30 s passed without any.
 //
 // Threads: safe from any thread; one mutex, a leaf.
 
@@ -40,8 +42,19 @@ inline constexpr int64_t kDeliveryWaitMs = 30'000;   // after a peer's last bloc
 inline constexpr int64_t kBatchWaitMs = 120'000;     // after the answer, for all of it
 inline constexpr int64_t kVerdictHoldMs = 600'000;   // a block that broke a rule
 inline constexpr int64_t kIncidentHoldMs = 60'000;   // a block refused for anything else, from its sender
-inline constexpr int64_t kDiscreditMs = 600'000;     // doubled with each time in a row
+inline constexpr int64_t kDiscreditMs = 600'000;     // a peer's word counts for nothing
 inline constexpr int64_t kParkedHoldMs = 600'000;    // as long as the chain keeps orphans
+
+// Blocks asked of one peer and not come yet: as many as come within kInFlightMs,
+// between these. More would only be sent twice should another peer be asked too.
+inline constexpr size_t kInFlightMin = 16;
+inline constexpr size_t kInFlightMax = 128;
+inline constexpr int64_t kInFlightMs = 2'000;
+
+// How long a request from our tip may bring nothing before others are asked in
+// turn: halved with each such request in a row, down to the smaller.
+inline constexpr int64_t kFruitlessMs = 10'000;
+inline constexpr int64_t kFruitlessMinMs = 1'000;
 
 class BlockSync {
  public:
@@ -96,22 +109,41 @@ class BlockSync {
 
   struct DeliveryOutcome {
     std::optional<Ask> ask;          // for what follows the batch
-    std::set<uint256> forgotten;     // no longer wanted from that peer
     bool parent_is_nowhere = false;  // of an ORPHAN: neither known, parked nor requested
+  };
+
+  // What to do with a wanted block.
+  enum class Request {
+    SEND,
+    WAIT,  // enough is in flight
+    DROP,  // no longer wanted
   };
 
   // The peer for the next request, of `peers` in the order of their keys: the
   // greatest height, the first among equals. A peer that was discredited counts
-  // with the height it has proven; when all are, the one asked longest ago.
-  // Null for no peers.
+  // with the height it has proven; when all are, the one asked longest ago. After
+  // a request from our tip that brought nothing, every second choice, and any
+  // that would have to wait, is the idle one asked longest ago, whatever its
+  // height; a newcomer counts as asked when it came, so that reconnecting gains
+  // nothing. Null for no peers.
   PeerPtr choose(const std::vector<PeerPtr>& peers, int64_t now_ms) EXCLUDES(mutex_);
 
   // Whether the GETBLOCKS for `ask` may go now; it then counts as open. Otherwise
-  // the ask comes back from tick() when it may. `start_height` is the largest
-  // number for a start that is not in the index.
+  // the ask comes back from tick() when it may, one from TIP perhaps for another
+  // peer. `start_height` is the largest number for a start that is not in the index.
   bool begin(const Ask& ask, const uint256& start, uint32_t start_height, int64_t now_ms) EXCLUDES(mutex_);
 
+  // Takes back a begin() whose message the connection did not take; the ask comes
+  // back from tick().
+  void take_back(const Ask& ask, const uint256& start, int64_t now_ms) EXCLUDES(mutex_);
+
   InvOutcome receive_inv(const PeerPtr& peer, const Inv& inv, int64_t now_ms) EXCLUDES(mutex_);
+
+  // Whether the GETDATA for a wanted block of the peer may go now.
+  Request check_request(const PeerPtr& peer, const uint256& block, int64_t now_ms) EXCLUDES(mutex_);
+
+  // The GETDATA for a wanted item has gone.
+  void requested(const PeerPtr& peer, const InvVector& item, int64_t now_ms) EXCLUDES(mutex_);
 
   // `sender` may be null: a block that no peer sent.
   DeliveryOutcome delivered(const PeerPtr& sender, const Delivery& block, int64_t now_ms) EXCLUDES(mutex_);
@@ -157,23 +189,27 @@ class BlockSync {
     int64_t deadline_ms = 0;
 
     // What its word counts.
-    int64_t last_asked_ms = 0;
+    int64_t last_asked_ms = 0;  // before that, when it came
+    bool was_asked = false;
     int64_t unpaid_since_ms = 0;  // asked, nothing taken since; 0: no
     uint32_t proven_height = 0;
     int64_t discredited_until_ms = 0;
-    uint32_t failures_in_row = 0;
+
+    // Wanted blocks that have not come.
+    std::set<uint256> waiting;
+    std::map<uint256, int64_t> in_flight;  // since when
+    size_t window = kInFlightMin;
+    int64_t moving_ms = 0;  // one of them came, or the first of them was asked for
 
     TimedMemory<ItemKey> requested{kWantedItemsMax, kSameItemMs};
-    TimedMemory<uint256> arrived{kWantedItemsMax, kSameItemMs};  // blocks of those
     TimedMemory<uint256> incidents{kRefusedHashesMax, kIncidentHoldMs};
 
     bool is_open(int64_t now_ms) const { return now_ms < open_until_ms; }
     bool owes(int64_t now_ms) const {
       return !owed.empty() && now_ms < deadline_ms && now_ms < last_delivery_ms + kDeliveryWaitMs;
     }
-    bool is_due(const uint256& block, int64_t now_ms) const {
-      return requested.contains({kInvBlock, block}, now_ms) && !arrived.contains(block, now_ms);
-    }
+    bool is_busy(int64_t now_ms) const { return is_open(now_ms) || owes(now_ms); }
+    bool is_due(const uint256& block) const { return waiting.contains(block) || in_flight.contains(block); }
   };
 
   struct Parked {
@@ -184,8 +220,12 @@ class BlockSync {
 
   using States = std::map<std::weak_ptr<Peer>, PeerState, std::owner_less<std::weak_ptr<Peer>>>;
 
+  PeerState& state_of(const PeerPtr& peer, int64_t now_ms) REQUIRES(mutex_);
   PeerPtr choose_locked(const std::vector<PeerPtr>& peers, int64_t now_ms) REQUIRES(mutex_);
-  void discredit(PeerState& state, int64_t now_ms) REQUIRES(mutex_);
+  bool is_fruitless(int64_t now_ms) const REQUIRES(mutex_);
+  void defer(const Ask& ask, PeerState& state, int64_t tip_due_ms, int64_t other_due_ms) REQUIRES(mutex_);
+  void note_arrival(PeerState& state, const uint256& block, int64_t now_ms) REQUIRES(mutex_);
+  void forget_batch(PeerState& state) REQUIRES(mutex_);
   void expire(PeerState& state, int64_t now_ms) REQUIRES(mutex_);
   bool is_parked(const uint256& hash, int64_t now_ms) const REQUIRES(mutex_);
   void park(const Delivery& block, int64_t now_ms) REQUIRES(mutex_);
@@ -193,6 +233,7 @@ class BlockSync {
       REQUIRES(mutex_);
   std::optional<Ask> take_answer(const PeerPtr& peer, PeerState& state, const Inv& inv, bool complete, int64_t now_ms)
       REQUIRES(mutex_);
+  void begin_batch(PeerState& state, const Inv& inv, int64_t now_ms) REQUIRES(mutex_);
   std::optional<Ask> next_step(const PeerPtr& peer, PeerState& state, uint32_t our_height) REQUIRES(mutex_);
   std::optional<Ask> go_on(const PeerPtr& peer, PeerState& state) REQUIRES(mutex_);
   std::optional<Ask> settle(const PeerPtr& peer, PeerState& state, const uint256& hash, int64_t now_ms)
@@ -204,6 +245,11 @@ class BlockSync {
   TimedMemory<uint256> verdicts_ GUARDED_BY(mutex_){kRefusedHashesMax, kVerdictHoldMs};
   bool pending_ GUARDED_BY(mutex_) = false;  // a request from our tip waits for its peer
   int64_t pending_due_ms_ GUARDED_BY(mutex_) = 0;
+
+  // The last request from our tip, as long as no peer that was asked brought anything.
+  int64_t tip_asked_ms_ GUARDED_BY(mutex_) = 0;  // 0: something came
+  uint32_t fruitless_count_ GUARDED_BY(mutex_) = 0;
+  bool in_turn_ GUARDED_BY(mutex_) = false;  // the next goes to the one asked longest ago
 };
 
 }  // namespace norvel::network

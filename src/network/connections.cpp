@@ -128,7 +128,7 @@ void Connections::increment_misbehavior(const std::string& key, uint32_t points)
 
 void Connections::lift_expired_bans() {
   for (const std::string& ip : bans_.expire()) {
-    console::write_out("[Network] Ban expired for " + console::printable(ip) + "\n");
+    log_.out("ban expired", "[Network] Ban expired for " + console::printable(ip));
   }
 }
 

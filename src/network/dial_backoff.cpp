@@ -11,6 +11,12 @@ bool DialBackoff::may_dial(const std::string& key, int64_t delay_max_ms) const {
   return at == records_.end() || now - at->second.since_ms >= std::min(at->second.delay_ms, delay_max_ms);
 }
 
+int64_t DialBackoff::last_dial_ms(const std::string& key) const {
+  const MutexLock lock(mutex_);
+  const auto at = records_.find(key);
+  return at == records_.end() ? 0 : at->second.since_ms;
+}
+
 void DialBackoff::note_dial(const std::string& key) {
   const int64_t now = clock_.now_ms();
   const MutexLock lock(mutex_);

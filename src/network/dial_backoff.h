@@ -30,6 +30,10 @@ class DialBackoff {
   // Whether the delay of `key`, at most `delay_max_ms`, is over.
   bool may_dial(const std::string& key, int64_t delay_max_ms) const EXCLUDES(mutex_);
 
+  // Milliseconds, NetworkClock, of the last dial or completed handshake; 0 when none
+  // is remembered.
+  int64_t last_dial_ms(const std::string& key) const EXCLUDES(mutex_);
+
   void note_dial(const std::string& key) EXCLUDES(mutex_);
 
   // The next dial waits kDialDelayMinMs from now.

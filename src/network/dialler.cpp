@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <utility>
@@ -45,12 +46,12 @@ bool await_connection(int fd, const StopSignal& stop) {
 
 }  // namespace
 
-// One of the dials under way, while it lives.
+// What is dialled, by key, while it lives.
 class Dialler::InFlight {
  public:
-  InFlight(Dialler& dialler, std::string key, size_t keys_max) : dialler_(dialler), key_(std::move(key)) {
+  InFlight(Dialler& dialler, std::string key) : dialler_(dialler), key_(std::move(key)) {
     const MutexLock lock(dialler_.mutex_);
-    admitted_ = dialler_.in_flight_.size() < keys_max && dialler_.in_flight_.insert(key_).second;
+    admitted_ = dialler_.in_flight_.insert(key_).second;
   }
   ~InFlight() {
     if (admitted_) {
@@ -66,6 +67,35 @@ class Dialler::InFlight {
  private:
   Dialler& dialler_;
   const std::string key_;
+  bool admitted_ = false;
+};
+
+// A dial on its caller's thread, while it lives.
+class Dialler::CallersDial {
+ public:
+  explicit CallersDial(Dialler& dialler) : dialler_(dialler) {
+    const MutexLock lock(dialler_.mutex_);
+    admitted_ = dialler_.workers_ + dialler_.callers_ < kDialsMax;
+    dialler_.callers_ += admitted_ ? 1 : 0;
+  }
+  ~CallersDial() {
+    if (admitted_) {
+      give_back();
+      dialler_.start_worker();
+    }
+  }
+  CallersDial(const CallersDial&) = delete;
+  CallersDial& operator=(const CallersDial&) = delete;
+
+  bool admitted() const { return admitted_; }
+
+ private:
+  void give_back() {
+    const MutexLock lock(dialler_.mutex_);
+    --dialler_.callers_;
+  }
+
+  Dialler& dialler_;
   bool admitted_ = false;
 };
 
@@ -89,25 +119,58 @@ void Dialler::stop() {
 }
 
 bool Dialler::dial(const std::string& host, uint16_t port, Urgency urgency) {
+  const CallersDial place(*this);
+  return place.admitted() && dial_now(host, port, urgency);
+}
+
+bool Dialler::dial_now(const std::string& host, uint16_t port, Urgency urgency) {
   const std::string key = make_key(host, port);
-  const InFlight flight(*this, key, kDialsMax);
+  const InFlight flight(*this, key);
   if (!flight.admitted() || stop_.is_raised() || book_.is_self(key) || !connections_.has_outbound_room() ||
       !is_due(key, urgency)) {
     return false;
   }
-  if (parse_ipv4(host)) {
-    return is_wanted(host, port, urgency) && dial_resolved(host, port);
+  if (!parse_ipv4(host)) {
+    return dial_name(host, port, urgency);
   }
-  backoff_.note_dial(key);
-  const auto found = lookup_.resolve(host, stop_);
+  return is_wanted(host, port, urgency) && dial_resolved(host, port);
+}
+
+bool Dialler::dial_name(const std::string& name, uint16_t port, Urgency urgency) {
+  const std::string name_key = make_key(name, port);
+  if (is_name_connected(name_key)) {
+    return false;
+  }
+  backoff_.note_dial(name_key);
+  const auto found = lookup_.resolve(name, stop_);
   if (!found) {
     return false;
   }
   const std::string ip = format_ipv4(*found);
-  const std::string resolved_key = make_key(ip, port);
-  const InFlight resolved(*this, resolved_key, 2 * kDialsMax);  // beside the name
-  return resolved.admitted() && is_wanted(ip, port, urgency) && is_due(resolved_key, urgency) &&
-         dial_resolved(ip, port);
+  const std::string key = make_key(ip, port);
+  {
+    const MutexLock lock(mutex_);
+    if (resolved_.size() >= kNamesMax && !resolved_.contains(name_key)) {
+      resolved_.clear();
+    }
+    resolved_[name_key] = key;
+  }
+  const InFlight flight(*this, key);
+  return flight.admitted() && is_wanted(ip, port, urgency) && is_due(key, urgency) && dial_resolved(ip, port);
+}
+
+// So that a name is not looked up again and again while its host is connected.
+bool Dialler::is_name_connected(const std::string& name_key) {
+  std::string key;
+  {
+    const MutexLock lock(mutex_);
+    const auto at = resolved_.find(name_key);
+    if (at == resolved_.end()) {
+      return false;
+    }
+    key = at->second;
+  }
+  return connections_.table().connected_keys().contains(key);
 }
 
 bool Dialler::is_due(const std::string& key, Urgency urgency) const {
@@ -130,11 +193,11 @@ bool Dialler::dial_resolved(const std::string& ip, uint16_t port) {
   if (!connections_.has_outbound_room()) {
     return false;
   }
+  backoff_.note_dial(make_key(ip, port));  // also when it is refused at once
   auto slot = connections_.reserve_outbound(ip);
   if (!slot) {
     return false;
   }
-  backoff_.note_dial(make_key(ip, port));
   FileDescriptor connection = connect(ip, port);
   if (!connection.is_open() || stop_.is_raised()) {
     return false;
@@ -176,18 +239,43 @@ void Dialler::bind_outbound(int fd) const {
 }
 
 void Dialler::enqueue(const std::string& host, uint16_t port, Urgency urgency) {
-  const std::string key = make_key(host, port);
   if (stop_.is_raised()) {
     return;
   }
+  Job job{make_key(host, port), host, port, urgency};
   {
     const MutexLock lock(mutex_);
-    if (queue_.size() >= kDialQueueMax || queued_.contains(key)) {
+    add_job(std::move(job));
+  }
+  start_worker();
+}
+
+void Dialler::add_job(Job job) {
+  const bool urgent = job.urgency != Urgency::NORMAL;
+  if (queued_.contains(job.key)) {
+    const auto at = std::ranges::find(queue_, job.key, &Job::key);
+    if (!urgent || at == queue_.end() || at->urgency != Urgency::NORMAL) {
       return;
     }
-    queue_.push_back({key, host, port, urgency});
-    queued_.insert(key);
-    if (workers_ == kDialsMax) {
+    queued_.erase(job.key);
+    queue_.erase(at);
+  }
+  if (queue_.size() >= kDialQueueMax) {
+    if (!urgent || queue_.back().urgency != Urgency::NORMAL) {
+      return;
+    }
+    queued_.erase(queue_.back().key);
+    queue_.pop_back();
+  }
+  const std::string key = job.key;
+  queue_.insert(urgent ? std::ranges::find(queue_, Urgency::NORMAL, &Job::urgency) : queue_.end(), std::move(job));
+  queued_.insert(key);
+}
+
+void Dialler::start_worker() {
+  {
+    const MutexLock lock(mutex_);
+    if (queue_.empty() || workers_ == kQueueDialsMax || workers_ + callers_ >= kDialsMax) {
       return;
     }
     ++workers_;
@@ -201,9 +289,9 @@ void Dialler::enqueue(const std::string& host, uint16_t port, Urgency urgency) {
 void Dialler::work_queue() {
   while (const auto job = next_job()) {
     try {
-      dial(job->host, job->port, job->urgency);
+      dial_now(job->host, job->port, job->urgency);
     } catch (const std::exception& error) {
-      console::error_line(std::string("[Network] Dial given up: ") + error.what());
+      log_.failure("dial", "Dial given up", error.what());
     }
   }
 }

@@ -78,9 +78,9 @@ void Handshake::on_version(const PeerPtr& peer, ByteView payload) {
     greet(peer);
     return;
   }
-  if (!peer->handshake_complete.exchange(true)) {
-    complete(peer);
-  }
+  // Also when its VERACK came first: then its height was not known yet.
+  peer->handshake_complete = true;
+  complete(peer);
 }
 
 void Handshake::note_version(Peer& peer, const VersionPayload& version) {
@@ -99,10 +99,7 @@ void Handshake::note_version(Peer& peer, const VersionPayload& version) {
 void Handshake::leave_self(const PeerPtr& peer, uint16_t announced_port) {
   const std::string key = make_key(peer->address, announced_port);
   const std::string connection_key = key_of_peer(*peer);
-  parts_.book.mark_self(key, connection_key);
-  if (peer->outbound) {
-    parts_.book.mark_self(connection_key, key);
-  }
+  parts_.book.mark_self(key, connection_key, peer->outbound);
   parts_.log.out("self-connection",
                  "[Network] Self-connect detectado (" + key + " somos nosotros): cerrando y vetando la direccion");
   parts_.connections.disconnect(*peer);

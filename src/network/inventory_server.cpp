@@ -1,7 +1,6 @@
 #include "network/inventory_server.h"
 
 #include <algorithm>
-#include <limits>
 
 namespace norvel::network {
 
@@ -9,11 +8,12 @@ namespace {
 
 constexpr size_t kMempoolItemsPerInv = 500;
 constexpr size_t kBlockItemsMax = 500;
+constexpr size_t kListedPoolBytesMax = 314'572'800;
 
-// A pool up to this size is listed in the order of its fee rates; ordering means
-// copying, so a larger one is listed by id, this many at a time.
-constexpr uint64_t kOrderedPoolBytesMax = 8 << 20;
-constexpr size_t kListedIdsMax = 100'000;
+// Listing a large pool costs about a second, and a list some tens of megabytes:
+// peers share it, and at most kListMaxAgeMs / kListIntervalMs + 1 live.
+constexpr int64_t kListIntervalMs = 15'000;
+constexpr int64_t kListMaxAgeMs = 60'000;
 
 }  // namespace
 
@@ -50,16 +50,25 @@ void InventoryServer::ask_for_blocks(PendingAnswers& pending, const Bytes& paylo
   }
 }
 
-void InventoryServer::ask_for_mempool(PendingAnswers& pending) const {
+void InventoryServer::ask_for_mempool(PendingAnswers& pending) {
   const int64_t now_ms = context_.clock.now_ms();
   const bool too_soon = pending.mempool_asked_ms && now_ms < *pending.mempool_asked_ms + kMempoolIntervalMs;
   if (context_.pool == nullptr || pending.mempool || too_soon) {
     return;
   }
   pending.mempool_asked_ms = now_ms;
-  pending.mempool = true;
-  pending.total = 0;
-  list_mempool(pending);
+  if (!list_ || now_ms >= list_->made_ms + kListIntervalMs) {
+    list_ = std::make_shared<const MempoolList>(
+        MempoolList{context_.pool->get_txids_for_block(kListedPoolBytesMax), now_ms});
+  }
+  pending.mempool = list_;
+  pending.announced = 0;
+}
+
+void InventoryServer::drop_old_list() {
+  if (list_ && context_.clock.now_ms() >= list_->made_ms + kListIntervalMs) {
+    list_.reset();
+  }
 }
 
 void InventoryServer::answer(PendingAnswers& pending, PassBudget& budget) const {
@@ -69,13 +78,16 @@ void InventoryServer::answer(PendingAnswers& pending, PassBudget& budget) const 
   while (!pending.items.empty() && budget.allows_more() && answer_item(pending.items.front(), budget)) {
     pending.items.pop_front();
   }
+  if (pending.mempool && context_.clock.now_ms() >= pending.mempool->made_ms + kListMaxAgeMs) {
+    end_mempool(pending, budget.peer());
+  }
   while (pending.mempool && budget.allows_more() && answer_mempool(pending, budget)) {
   }
 }
 
 // False only when it was found and could not be sent.
 bool InventoryServer::answer_item(const InvVector& item, PassBudget& budget) const {
-  if (item.type == kInvBlock && context_.chain != nullptr) {
+  if (item.type == kInvBlock && context_.chain != nullptr && context_.chain->has_block(item.hash)) {
     const auto block = context_.chain->load_block_from_disk(item.hash);
     return !block || budget.send(MessageType::BLOCK, block->serialize());
   }
@@ -108,52 +120,27 @@ bool InventoryServer::answer_blocks(const GetBlocksPayload& range, PassBudget& b
   return items.empty() || budget.send(MessageType::INV, encode_inventory(items));
 }
 
-// One INV, or the line at the end. False when the INV could not be sent.
+// One INV, the last with the line behind it. False when it could not be sent.
 bool InventoryServer::answer_mempool(PendingAnswers& pending, PassBudget& budget) const {
-  if (pending.announced == pending.txids.size() && pending.more) {
-    list_next(pending);
-  }
-  const size_t count = std::min(kMempoolItemsPerInv, pending.txids.size() - pending.announced);
-  if (count == 0) {
-    context_.log.out("mempool sent", "[Network] Sent " + std::to_string(pending.total) + " mempool TX INVs to " +
-                                         budget.peer()->address);
-    pending.mempool = false;
-    pending.txids = {};
-    return true;
-  }
+  const std::vector<uint256>& txids = pending.mempool->txids;
   std::vector<InvVector> items;
-  for (size_t i = 0; i < count; ++i) {
-    items.push_back({kInvTransaction, pending.txids[pending.announced + i]});
+  for (size_t at = pending.announced; at < txids.size() && items.size() < kMempoolItemsPerInv; ++at) {
+    items.push_back({kInvTransaction, txids[at]});
   }
-  if (!budget.send(MessageType::INV, encode_inventory(items))) {
+  if (!items.empty() && !budget.send(MessageType::INV, encode_inventory(items))) {
     return false;
   }
-  pending.announced += count;
-  pending.total += count;
+  pending.announced += items.size();
+  if (pending.announced == txids.size()) {
+    end_mempool(pending, budget.peer());
+  }
   return true;
 }
 
-void InventoryServer::list_mempool(PendingAnswers& pending) const {
-  pending.announced = 0;
-  pending.txids.clear();
-  pending.more = context_.pool->size_bytes() > kOrderedPoolBytesMax;
-  if (pending.more) {
-    list_next(pending);
-    return;
-  }
-  for (const Transaction& tx : context_.pool->get_transactions_for_block(std::numeric_limits<uint32_t>::max())) {
-    pending.txids.push_back(tx.get_txid());
-  }
-}
-
-// The ids behind the last one listed.
-void InventoryServer::list_next(PendingAnswers& pending) const {
-  const std::vector<uint256> all = context_.pool->get_txids();
-  const auto first = pending.txids.empty() ? all.begin() : std::ranges::upper_bound(all, pending.txids.back());
-  const auto count = std::min<std::ptrdiff_t>(kListedIdsMax, all.end() - first);
-  pending.txids.assign(first, first + count);
-  pending.announced = 0;
-  pending.more = first + count != all.end();
+void InventoryServer::end_mempool(PendingAnswers& pending, const PeerPtr& peer) const {
+  context_.log.out("mempool sent",
+                   "[Network] Sent " + std::to_string(pending.announced) + " mempool TX INVs to " + peer->address);
+  pending.mempool.reset();
 }
 
 }  // namespace norvel::network

@@ -2,7 +2,9 @@
 // is pending, piece by piece.
 //
 // Limits for each peer: kPendingItemsMax items of GETDATA; one GETBLOCKS, the
-// newest; one MEMPOOL at a time, once in kMempoolIntervalMs.
+// newest; one MEMPOOL at a time, once in kMempoolIntervalMs. Peers share the
+// list of the pool, which is made once in 15 s; an answer ends, whole or not,
+// when its list is 60 s old.
 //
 // Errors: std::bad_alloc at most. Threads: message handler's thread only.
 
@@ -11,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -45,17 +48,19 @@ class PassBudget {
   size_t sent_bytes_ = 0;
 };
 
+// The pool's ids, best fee rate first.
+struct MempoolList {
+  std::vector<uint256> txids;
+  int64_t made_ms = 0;
+};
+
 // What a peer has asked for and not got yet.
 struct PendingAnswers {
   std::deque<InvVector> items;
   std::optional<GetBlocksPayload> blocks;
 
-  // MEMPOOL: the ids listed so far, those of them announced, and in all.
-  bool mempool = false;
-  std::vector<uint256> txids;
-  size_t announced = 0;
-  uint64_t total = 0;
-  bool more = false;  // of a pool listed piece by piece
+  std::shared_ptr<const MempoolList> mempool;  // null: no MEMPOOL is being answered
+  size_t announced = 0;                        // of its ids
   std::optional<int64_t> mempool_asked_ms;
 };
 
@@ -65,19 +70,22 @@ class InventoryServer {
 
   void ask_for_items(PendingAnswers& pending, const Bytes& payload) const;
   void ask_for_blocks(PendingAnswers& pending, const Bytes& payload) const;
-  void ask_for_mempool(PendingAnswers& pending) const;
+  void ask_for_mempool(PendingAnswers& pending);
 
   // Answers until nothing is pending or the budget is used up.
   void answer(PendingAnswers& pending, PassBudget& budget) const;
+
+  // Lets go of a list that is not handed out any more.
+  void drop_old_list();
 
  private:
   bool answer_item(const InvVector& item, PassBudget& budget) const;
   bool answer_blocks(const GetBlocksPayload& range, PassBudget& budget) const;
   bool answer_mempool(PendingAnswers& pending, PassBudget& budget) const;
-  void list_mempool(PendingAnswers& pending) const;
-  void list_next(PendingAnswers& pending) const;
+  void end_mempool(PendingAnswers& pending, const PeerPtr& peer) const;
 
   const RelayContext& context_;
+  std::shared_ptr<const MempoolList> list_;  // the last one made
 };
 
 }  // namespace norvel::network

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <utility>
 
@@ -97,37 +98,43 @@ bool Listener::open(const std::string& bind_address, uint16_t port) {
 
 void Listener::run(StopSignal& stop, const Accept& accept) {
   std::chrono::milliseconds backoff = kBackoffMin;
-  bool in_trouble = false;
   while (!stop.is_raised()) {
     pollfd waiting{socket_.get(), POLLIN, 0};
     if (::poll(&waiting, 1, kWaitMs) <= 0) {
       continue;
     }
-    sockaddr_in address{};
-    socklen_t address_bytes = sizeof address;
-    FileDescriptor connection(
-        ::accept4(socket_.get(), reinterpret_cast<sockaddr*>(&address), &address_bytes, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (connection.is_open()) {
-      in_trouble = false;
+    int error = ENOMEM;
+    try {
+      error = accept_one(accept);
+    } catch (const std::exception&) {  // no memory: the connection is closed, the next may fare better
+    }
+    if (error == 0) {
       backoff = kBackoffMin;
-      const int on = 1;
-      ::setsockopt(connection.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-      Ipv4 ip;
-      std::memcpy(ip.data(), &address.sin_addr, ip.size());
-      accept(std::move(connection), format_ipv4(ip), ntohs(address.sin_port));
-      continue;
+    } else if (!is_passing(error)) {
+      if (backoff == kBackoffMin && !stop.is_raised()) {
+        log_.failure("accept", "Cannot accept connections", std::strerror(error));
+      }
+      stop.wait_for(backoff);
+      backoff = std::min(2 * backoff, kBackoffMax);
     }
-    const int error = errno;
-    if (is_passing(error)) {
-      continue;
-    }
-    if (!in_trouble && !stop.is_raised()) {
-      console::error_line("[Network] Cannot accept connections: " + std::string(std::strerror(error)));
-    }
-    in_trouble = true;
-    stop.wait_for(backoff);
-    backoff = std::min(2 * backoff, kBackoffMax);
   }
+}
+
+// 0, or the error of the attempt.
+int Listener::accept_one(const Accept& accept) {
+  sockaddr_in address{};
+  socklen_t address_bytes = sizeof address;
+  FileDescriptor connection(
+      ::accept4(socket_.get(), reinterpret_cast<sockaddr*>(&address), &address_bytes, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (!connection.is_open()) {
+    return errno;
+  }
+  const int on = 1;
+  ::setsockopt(connection.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  Ipv4 ip;
+  std::memcpy(ip.data(), &address.sin_addr, ip.size());
+  accept(std::move(connection), format_ipv4(ip), ntohs(address.sin_port));
+  return 0;
 }
 
 void Listener::interrupt() {

@@ -1,5 +1,7 @@
 #include "network/log_limiter.h"
 
+#include <exception>
+
 #include "core/console.h"
 
 namespace norvel::network {
@@ -25,6 +27,14 @@ void LogLimiter::out(std::string_view kind, std::string_view text) {
 void LogLimiter::error(std::string_view kind, std::string_view text) {
   if (const int64_t left_out = admit(kind); left_out >= 0) {
     console::error_line(with_count(text, left_out));
+  }
+}
+
+void LogLimiter::failure(std::string_view kind, std::string_view what, std::string_view reason) noexcept {
+  try {
+    error(kind, "[Network] " + std::string(what) + ": " + std::string(reason));
+  } catch (const std::exception&) {
+    return;  // no memory for the line either
   }
 }
 

@@ -26,6 +26,10 @@ class LogLimiter {
   void out(std::string_view kind, std::string_view text) EXCLUDES(mutex_);
   void error(std::string_view kind, std::string_view text) EXCLUDES(mutex_);
 
+  // The same for "[Network] ", `what`, ": " and `reason`; prints nothing when there
+  // is no memory for the line. For places that must go on whatever was thrown.
+  void failure(std::string_view kind, std::string_view what, std::string_view reason) noexcept EXCLUDES(mutex_);
+
  private:
   struct Window {
     int64_t second = 0;

@@ -22,6 +22,10 @@ constexpr std::chrono::milliseconds kPassGap{1};  // so that bytes that trickle 
 // What the frames of one peer may take of a pass, but for the last of them.
 constexpr std::chrono::milliseconds kPeerTime{5};
 
+// For the frames that can cost much, of all peers together in one pass, so that
+// everybody else's are answered however many peers send them.
+constexpr std::chrono::milliseconds kCostlyTime{200};
+
 // A pass that lasted longer excuses the peers' silence.
 constexpr int64_t kStallMs = 1'000;
 
@@ -67,7 +71,7 @@ bool guarded(LogLimiter& log, Step step) {
     step();
     return true;
   } catch (const std::exception& error) {
-    log.error("handler", std::string("[Network] Message handling failed: ") + error.what());
+    log.failure("handler", "Message handling failed", error.what());
     return false;
   }
 }
@@ -88,6 +92,7 @@ void MessageHandler::run(StopSignal& stop) {
       stop.wait_for(kPassGap);
     }
   }
+  let_go();
 }
 
 void MessageHandler::pass(int wait_ms) {
@@ -100,6 +105,8 @@ void MessageHandler::pass(int wait_ms) {
     if (chain_ != nullptr) {
       scope.emplace(*chain_);
     }
+    refused_.reset();
+    costly_end_ = std::chrono::steady_clock::now() + kCostlyTime;
     for (size_t i = 0; i < peers_.size(); ++i) {
       if (!guarded(log_, [&] { serve(i); })) {
         doomed_.push_back(peers_[i]);
@@ -150,7 +157,7 @@ void MessageHandler::take_snapshot() {
     }
   }
   if (!now.empty()) {
-    first_ = (first_ + 1) % now.size();
+    first_ = (first_ + refused_.value_or(1)) % now.size();
     std::rotate(now.begin(), now.begin() + static_cast<std::ptrdiff_t>(first_), now.end());
   }
   peers_ = std::move(now);
@@ -172,6 +179,7 @@ void MessageHandler::wait_readable(int wait_ms) {
 
 void MessageHandler::serve(size_t index) {
   const PeerPtr& peer = peers_[index];
+  const bool had_refusal = refused_.has_value();
   const int events = polls_[index].revents;
   if (peer->is_closed) {
     return;
@@ -185,6 +193,9 @@ void MessageHandler::serve(size_t index) {
   }
   if (!peer->reading_paused && !cut_frames(peer)) {
     sound = false;
+  }
+  if (!had_refusal && refused_) {
+    refused_ = index;
   }
   if (!sound) {
     doomed_.push_back(peer);
@@ -210,9 +221,9 @@ bool MessageHandler::receive(Peer& peer) {
 bool MessageHandler::cut_frames(const PeerPtr& peer) {
   const auto end = std::chrono::steady_clock::now() + kPeerTime;
   size_t offset = 0;
-  bool sound = true;
+  Cut cut = Cut::NEXT;
   peer->has_whole_frame = false;
-  while (sound && !peer->is_closed) {
+  while (cut == Cut::NEXT && !peer->is_closed) {
     if (peer->queued_bytes >= kPauseQueuedBytes) {
       peer->reading_paused = true;
       break;
@@ -222,55 +233,64 @@ bool MessageHandler::cut_frames(const PeerPtr& peer) {
       work_left_ = true;
       break;
     }
-    const size_t before = offset;
-    sound = cut_frame(peer, offset);
-    if (offset == before) {
-      break;
-    }
+    cut = cut_frame(peer, offset);
+  }
+  if (cut == Cut::WAIT) {
+    peer->has_whole_frame = true;
+    work_left_ = true;
+    refused_ = refused_.value_or(0);
   }
   Bytes& buffer = peer->recv_buffer;
   buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(offset));
   if (buffer.size() < kReceiveBytesMax && buffer.capacity() > kIdleBufferBytes) {
     buffer.shrink_to_fit();
   }
-  if (sound && buffer.size() > kUnparsedBytesMax) {
+  if (cut != Cut::END && buffer.size() > kUnparsedBytesMax) {
     connections_.add_misbehavior(*peer, kOversizedPoints);
     return false;
   }
-  return sound;
+  return cut != Cut::END;
 }
 
 // Handles the frame at `offset`, which moves behind it; stays when the frame is
-// not whole. False when the peer is to be disconnected.
-bool MessageHandler::cut_frame(const PeerPtr& peer, size_t& offset) {
+// not whole.
+MessageHandler::Cut MessageHandler::cut_frame(const PeerPtr& peer, size_t& offset) {
   const ByteView rest = ByteView(peer->recv_buffer).subspan(offset);
   if (rest.size() < kFrameHeaderBytes) {
-    return true;
+    return Cut::PAUSE;
   }
   if (!std::ranges::equal(rest.first(constants::MAGIC.size()), constants::MAGIC)) {
     connections_.add_misbehavior(*peer, kBadMagicPoints);
-    return false;
+    return Cut::END;
   }
   size_t length_at = kFrameHeaderBytes - sizeof(uint32_t);
   const size_t length = read_le<uint32_t>(rest, length_at);
   if (length > kPayloadBytesMax) {
     connections_.add_misbehavior(*peer, kOversizedPoints);
-    return false;
+    return Cut::END;
   }
   if (length > rest.size() - kFrameHeaderBytes) {
-    return true;
+    return Cut::PAUSE;
+  }
+  if (has_to_wait(static_cast<MessageType>(rest[constants::MAGIC.size()]))) {
+    return Cut::WAIT;
   }
   const auto message = Message::deserialize(rest, kPayloadBytesMax);
   offset += kFrameHeaderBytes + length;
   if (!message) {
     connections_.add_misbehavior(*peer, kUndecodablePoints);
-    return true;
+    return Cut::PAUSE;
   }
   if (!is_spam(*peer, message->type)) {
     ++peer->messages_received;
     handle(peer, *message);
   }
-  return true;
+  return Cut::NEXT;
+}
+
+bool MessageHandler::has_to_wait(MessageType type) const {
+  const bool is_costly = type == MessageType::INV || type == MessageType::BLOCK || type == MessageType::TX;
+  return is_costly && std::chrono::steady_clock::now() >= costly_end_;
 }
 
 bool MessageHandler::is_spam(Peer& peer, MessageType type) {
@@ -406,6 +426,16 @@ void MessageHandler::disconnect_doomed() {
   for (const PeerPtr& peer : std::exchange(doomed_, {})) {
     guarded(log_, [&] { connections_.disconnect(*peer); });
   }
+}
+
+// So that nothing of this run stays open or counts in the next.
+void MessageHandler::let_go() {
+  for (const PeerPtr& peer : std::exchange(peers_, {})) {
+    relay_.forget(peer);
+  }
+  doomed_.clear();
+  work_left_ = false;
+  pass_start_ms_ = 0;
 }
 
 }  // namespace norvel::network

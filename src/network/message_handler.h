@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "chain/blockchain.h"
@@ -51,7 +52,12 @@ class MessageHandler {
   bool is_stalled() const;
 
  private:
-  using SteadyTime = std::chrono::steady_clock::time_point;
+  enum class Cut {
+    NEXT,   // another frame may follow
+    PAUSE,  // nothing more in this pass
+    WAIT,   // a whole frame is there, but costly ones have had their time in this pass
+    END,    // the peer is to be disconnected
+  };
 
   void take_snapshot();
   void excuse_stall();
@@ -59,7 +65,8 @@ class MessageHandler {
   void serve(size_t index);
   bool receive(Peer& peer);
   bool cut_frames(const PeerPtr& peer);
-  bool cut_frame(const PeerPtr& peer, size_t& offset);
+  Cut cut_frame(const PeerPtr& peer, size_t& offset);
+  bool has_to_wait(MessageType type) const;
   bool is_spam(Peer& peer, MessageType type);
   void handle(const PeerPtr& peer, const Message& message);
   void answer_addresses(const PeerPtr& peer, int& answers_left);
@@ -68,6 +75,7 @@ class MessageHandler {
   void refill_write_buffer(Peer& peer);
   bool is_overdue(const Peer& peer) const;
   void disconnect_doomed();
+  void let_go();
 
   const NetworkClock& clock_;
   LogLimiter& log_;
@@ -80,8 +88,10 @@ class MessageHandler {
   std::vector<pollfd> polls_;  // of peers_
   PeerList doomed_;            // to be disconnected at the end of the pass
   size_t first_ = 0;
-  int64_t now_ms_ = 0;      // NetworkClock, at the start of the pass
-  bool work_left_ = false;  // whole frames wait in some buffer
+  std::optional<size_t> refused_;                     // the first of peers_ whose costly frame has to wait
+  std::chrono::steady_clock::time_point costly_end_;  // of the time for costly frames in this pass
+  int64_t now_ms_ = 0;                                // NetworkClock, at the start of the pass
+  bool work_left_ = false;                            // whole frames wait in some buffer
   std::array<uint8_t, kReceiveBytesMax> chunk_{};
 
   // Steady clock in milliseconds, 0 before the first pass. Written by the handler,

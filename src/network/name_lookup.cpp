@@ -5,7 +5,7 @@
 #include <sys/socket.h>
 
 #include <cstring>
-#include <system_error>
+#include <exception>
 #include <thread>
 
 namespace norvel::network {
@@ -60,7 +60,7 @@ std::optional<Ipv4> NameLookup::resolve(const std::string& host, StopSignal& sto
       look_up(host, *lookup);
       --*running;
     }).detach();
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {  // no thread or no memory for one
     --*running_;
     return std::nullopt;
   }

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <exception>
+#include <random>
+#include <tuple>
 
 #include "core/console.h"
 #include "network/network_state.h"
@@ -25,8 +27,16 @@ void guarded(LogLimiter& log, Step step) {
   try {
     step();
   } catch (const std::exception& error) {
-    log.error("checks", std::string("[Network] Check failed: ") + error.what());
+    log.failure("checks", "Check failed", error.what());
   }
+}
+
+// Of one generator for the whole process, whatever managers it has.
+uint64_t draw_ping_nonce() {
+  static Mutex mutex;  // leaf
+  static std::mt19937_64 generator{std::random_device()()};
+  const MutexLock lock(mutex);
+  return generator();
 }
 
 }  // namespace
@@ -78,7 +88,7 @@ void NetworkManager::State::check_peer_timeouts() {
 
 void NetworkManager::State::send_ping_to_peers() {
   Message ping{MessageType::PING, {}};
-  append_le(ping.payload, static_cast<uint64_t>(ping_nonces()));
+  append_le(ping.payload, draw_ping_nonce());
   for (const PeerPtr& peer : connections.handshaken_peers()) {
     if (clock.now() - peer->last_pong >= kPongAgeS) {
       connections.send_message_to_peer(peer, ping);
@@ -107,16 +117,28 @@ void NetworkManager::State::reconnect_known_peers() {
   if (!fixed_peers.empty()) {
     return;
   }
+  // Seeds first, then those that have waited longest, so that addresses where
+  // nobody answers do not keep the others from their turn.
+  std::vector<Candidate> due = list_due_peers();
+  std::ranges::stable_sort(due, {}, [](const Candidate& each) { return std::tuple(!each.peer.seed, each.dialled_ms); });
+  for (const auto& [peer, dialled_ms] : due) {
+    dialler.enqueue(peer.address, peer.port, peer.seed ? Dialler::Urgency::URGENT : Dialler::Urgency::NORMAL);
+  }
+}
+
+// In key order.
+std::vector<NetworkManager::State::Candidate> NetworkManager::State::list_due_peers() {
+  std::vector<Candidate> due;
   const auto connected = connections.table().connected_keys();
   const bool none_up = connections.table().outbound_count() == 0;
-  for (const KnownPeer& peer : book.list()) {
+  for (KnownPeer& peer : book.list()) {
     const std::string key = make_key(peer.address, peer.port);
-    const bool urgent = peer.seed || none_up;
     if (peer.port != 0 && !connected.contains(key) && !book.is_self(key) &&
-        backoff.may_dial(key, urgent ? kDialDelayUrgentMs : kDialDelayMaxMs)) {
-      dialler.enqueue(peer.address, peer.port, urgent ? Dialler::Urgency::URGENT : Dialler::Urgency::NORMAL);
+        backoff.may_dial(key, peer.seed || none_up ? kDialDelayUrgentMs : kDialDelayMaxMs)) {
+      due.push_back({std::move(peer), backoff.last_dial_ms(key)});
     }
   }
+  return due;
 }
 
 }  // namespace norvel::network

@@ -1,7 +1,7 @@
 #include "network/network_manager.h"
 
 #include <algorithm>
-#include <exception>
+#include <cstdlib>
 #include <utility>
 
 #include "core/clock.h"
@@ -36,36 +36,45 @@ NetworkManager::State::~State() {
 }
 
 bool NetworkManager::State::start(bool listen) {
-  if (!threads.is_finished() || running.exchange(true)) {
+  const MutexLock lock(life_mutex);
+  if (running || !threads.is_finished()) {
     return false;
   }
+  running = true;
   stop_signal.lower();
   attach();
   load_peer_list();
   console::write_out("[Network] P2P bind=" + make_key(bind_address, port) + " in=" +
                      std::to_string(limits.inbound_max) + " out=" + std::to_string(limits.outbound_max) + "\n");
+  listener.close();  // of a run whose threads outlived their stop
   const bool listens = listen && listener.open(bind_address, port);
   dialler.start();
   connections.open();
-  const int64_t now_ms = clock.now_ms();
-  bool started = true;
-  if (listens) {
-    started = threads.run([this] {
-      listener.run(stop_signal, [this](FileDescriptor connection, const std::string& ip, uint16_t peer_port) {
-        accept(std::move(connection), ip, peer_port);
-      });
-    });
-  }
-  started = started && threads.run([this] { handler.run(stop_signal); }) &&
-            threads.run([this, now_ms] { check_loop(now_ms); });
-  if (!started) {
+  if (!start_threads(listens)) {
     console::error_line("[Network] Cannot start threads");
-    stop();
+    stop_threads();
+    return false;
   }
-  return started;
+  return true;
+}
+
+bool NetworkManager::State::start_threads(bool listens) {
+  const int64_t now_ms = clock.now_ms();
+  const auto listen = [this] {
+    listener.run(stop_signal, [this](FileDescriptor connection, const std::string& ip, uint16_t peer_port) {
+      connections.admit_inbound(std::move(connection), ip, peer_port);
+    });
+  };
+  return (!listens || threads.run(listen)) && threads.run([this] { handler.run(stop_signal); }) &&
+         threads.run([this, now_ms] { check_loop(now_ms); });
 }
 
 void NetworkManager::State::stop() {
+  const MutexLock lock(life_mutex);
+  stop_threads();
+}
+
+void NetworkManager::State::stop_threads() {
   if (!running.exchange(false)) {
     return;
   }
@@ -105,14 +114,6 @@ void NetworkManager::State::attach() {
 void NetworkManager::State::greet(const PeerPtr& peer) {
   log.out("connected", "[Network] Connected to peer: " + key_of_peer(*peer));
   handshake.greet(peer);
-}
-
-void NetworkManager::State::accept(FileDescriptor connection, const std::string& ip, uint16_t peer_port) noexcept {
-  try {
-    connections.admit_inbound(std::move(connection), ip, peer_port);
-  } catch (const std::exception&) {  // no memory: the connection is closed, the next may fare better
-    return;
-  }
 }
 
 NetworkManager::NetworkManager(uint16_t port, std::string bind_address, std::string data_dir, uint64_t max_inbound,
@@ -227,28 +228,43 @@ std::vector<PeerInfo> NetworkManager::get_peers() const {
   return infos;
 }
 
+bool NetworkManager::is_listening() const {
+  return state_->listener.is_listening();
+}
+
 uint32_t NetworkManager::get_best_known_height() const {
-  uint32_t best = 0;
+  std::vector<uint32_t> heights;
+  const bool dialled_only = state_->connections.table().outbound_count() > 0;
   for (const PeerPtr& peer : state_->connections.table().snapshot()) {
-    best = std::max<uint32_t>(best, peer->best_height);
+    if (peer->version_received && (peer->outbound || !dialled_only)) {
+      heights.push_back(peer->best_height);
+    }
   }
-  return best;
+  const uint32_t ours = state_->chain == nullptr ? 0 : state_->chain->get_best_height();
+  if (heights.empty()) {
+    return ours;
+  }
+  const auto middle = heights.begin() + static_cast<std::ptrdiff_t>((heights.size() - 1) / 2);
+  std::ranges::nth_element(heights, middle);
+  return std::max(ours, *middle);
 }
 
 int64_t NetworkManager::get_clock_offset_s() const {
+  // The peers' times are kept against NetworkClock, which goes on as before when the machine's clock is set.
+  const int64_t correction = state_->clock.now() - utils::get_current_timestamp();
   std::vector<int64_t> offsets;
   for (const PeerPtr& peer : state_->connections.table().snapshot()) {
     if (peer->version_received) {
-      offsets.push_back(peer->clock_offset_s);
+      offsets.push_back(peer->clock_offset_s + correction);
     }
   }
   if (offsets.size() < kClockPeersMin) {
     return 0;
   }
-  const auto middle = offsets.begin() + static_cast<std::ptrdiff_t>(offsets.size() / 2);
-  std::ranges::nth_element(offsets, middle);
-  // The peers' times are kept against NetworkClock, which goes on as before when the machine's clock is set.
-  return *middle + (state_->clock.now() - utils::get_current_timestamp());
+  std::ranges::sort(offsets);
+  const int64_t low = offsets[(offsets.size() - 1) / 2];
+  const int64_t high = offsets[offsets.size() / 2];
+  return std::abs(low) < std::abs(high) ? low : high;
 }
 
 void NetworkManager::save_peer_list() {

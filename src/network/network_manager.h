@@ -71,15 +71,23 @@ class NetworkManager {
 
   // ---- Life
 
-  // False when running already. With `listen` false nobody can connect.
+  // False when running already, while threads of an earlier run are not over, and
+  // when the system gives no threads. With `listen` false nobody can connect; a
+  // listener that cannot be set up prints a line and is no reason to fail.
   bool start(bool listen);
 
-  // Ends all threads within 5 s: sockets that dial are shut down, name look-ups
-  // are left to threads that own their data. Saves peers.dat.
+  // Tells all threads to end, wakes them and waits for them for 4.5 s at most: what
+  // is inside the chain or a callback may take longer (see is_finished()), and name
+  // look-ups are left to threads that own their data. Saves peers.dat. Waits for a
+  // start() or stop() under way.
   void stop();
 
-  // Whether every thread that was started has ended.
+  // Whether every thread that was started has ended, name look-ups included. The
+  // destructor waits for all but those.
   bool is_finished() const;
+
+  // Whether a listener was set up and the manager runs.
+  bool is_listening() const;
 
   // ---- Peers
 
@@ -97,11 +105,14 @@ class NetworkManager {
   PeerCounts get_peer_counts() const;
   std::vector<PeerInfo> get_peers() const;  // in the order of their keys
 
-  // The greatest height that a live peer has announced or shown; 0 without one.
+  // The median of the heights that peers announced or have shown since, of those
+  // that were dialled if there are any; the lower one of two in the middle. So no
+  // single claim counts where there are others. At least the chain's own height.
   uint32_t get_best_known_height() const;
 
   // Median, in seconds, of the peers' VERSION times minus this machine's; 0 for
-  // fewer than three peers.
+  // fewer than three peers. Of two in the middle the one closer to 0, so that more
+  // than half of the peers are at least so far away.
   int64_t get_clock_offset_s() const;
 
   void save_peer_list();

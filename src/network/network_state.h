@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -35,15 +34,16 @@ struct NetworkManager::State {
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
-  bool start(bool listen);
-  void stop();
+  bool start(bool listen) EXCLUDES(life_mutex);
+  void stop() EXCLUDES(life_mutex);
+  bool start_threads(bool listens) REQUIRES(life_mutex);
+  void stop_threads() REQUIRES(life_mutex);
   bool is_finished() const { return threads.is_finished() && dialler.is_finished(); }
 
   void save_peer_list() const;
   void load_peer_list();
   void attach();
   void greet(const PeerPtr& peer);
-  void accept(FileDescriptor connection, const std::string& ip, uint16_t peer_port) noexcept;
 
   // ---- Timeout checker (network_checks.cpp)
 
@@ -53,6 +53,12 @@ struct NetworkManager::State {
   void send_ping_to_peers();
   void check_sync_with_peers();
   void reconnect_known_peers();
+
+  struct Candidate {
+    KnownPeer peer;
+    int64_t dialled_ms = 0;  // the last time; 0 for never
+  };
+  std::vector<Candidate> list_due_peers();
 
   const uint16_t port;
   const std::string bind_address;
@@ -70,7 +76,7 @@ struct NetworkManager::State {
   Connections connections{limits, clock, log, callbacks};
   AddressBook book{clock};
   DialBackoff backoff{clock};
-  Listener listener;
+  Listener listener{log};
   Relay relay{connections, clock, log, callbacks};
   Dialler dialler{
       bind_address, connections, book, backoff, listener, log, [this](const PeerPtr& peer) { greet(peer); }};
@@ -79,9 +85,11 @@ struct NetworkManager::State {
 
   // Timeout checker's thread only.
   uint64_t check_count = 0;
-  std::mt19937_64 ping_nonces{std::random_device()()};
 
-  std::atomic<bool> running{false};  // by start() and stop(), each of which acts on the change only
+  // One start or stop at a time; held until the threads have ended or their time is up.
+  Mutex life_mutex;
+
+  std::atomic<bool> running{false};  // written with life_mutex held; a stale value dials once too often
   StopSignal stop_signal;
   ThreadGroup threads{3};  // listener, message handler, timeout checker
 };

@@ -72,7 +72,7 @@ struct Peer {
   bool wants_addresses = false;        // a GETADDR waits for its answer
   Bytes write_buffer;                  // frames taken from the queue
   size_t written_bytes = 0;            // of write_buffer
-  int64_t write_blocked_since_ms = 0;  // 0: the last write went on or nothing waited
+  int64_t write_blocked_since_ms = 0;  // when the last bytes went while more wait; 0 when nothing waits
 
   mutable Mutex user_agent_mutex;  // leaf
   std::string user_agent GUARDED_BY(user_agent_mutex);

@@ -13,11 +13,14 @@ namespace norvel::network {
 
 namespace {
 
+using Request = BlockSync::Request;
+
 constexpr int64_t kPassMs = 200;  // for the queued work of all peers together
 
 // What waits for one peer; message handler's thread only.
 struct PeerWork {
   std::deque<InvVector> wanted;
+  std::deque<InvVector> held;  // blocks of those that wait until fewer are in flight
   PendingAnswers answers;
 };
 
@@ -28,8 +31,10 @@ struct Relay::State {
       : context{peers, clock, log, callbacks} {}
 
   void receive_inv(const PeerPtr& peer, const Bytes& payload);
-  void receive_block(const PeerPtr& peer, const Bytes& payload);
   void work_for(const PeerPtr& peer, int64_t deadline_ms);
+  void request_wanted(const PeerPtr& peer, PeerWork& waiting, PassBudget& budget);
+  void request_held(const PeerPtr& peer, PeerWork& waiting, PassBudget& budget);
+  bool send_request(const PeerPtr& peer, const InvVector& item, PassBudget& budget);
 
   RelayContext context;
   BlockRelay blocks{context};
@@ -63,7 +68,7 @@ void Relay::handle(const std::shared_ptr<Peer>& peer, const Message& message) {
       state_->server.ask_for_blocks(state_->work[peer].answers, message.payload);
       break;
     case MessageType::BLOCK:
-      state_->receive_block(peer, message.payload);
+      state_->blocks.receive(peer, message.payload);
       break;
     case MessageType::TX:
       state_->txs.receive(peer, message.payload);
@@ -77,28 +82,22 @@ void Relay::handle(const std::shared_ptr<Peer>& peer, const Message& message) {
 }
 
 void Relay::State::receive_inv(const PeerPtr& peer, const Bytes& payload) {
-  std::deque<InvVector>& wanted = work[peer].wanted;
-  const std::vector<InvVector> items = blocks.receive_inv(peer, payload, kWantedItemsMax - wanted.size());
+  auto& [wanted, held, answers] = work[peer];
+  const std::vector<InvVector> items = blocks.receive_inv(peer, payload, kWantedItemsMax - wanted.size() - held.size());
   wanted.insert(wanted.end(), items.begin(), items.end());
 }
 
-void Relay::State::receive_block(const PeerPtr& peer, const Bytes& payload) {
-  const std::set<uint256> forgotten = blocks.receive(peer, payload);
-  if (!forgotten.empty()) {
-    std::erase_if(work[peer].wanted, [&forgotten](const InvVector& item) {
-      return item.type == kInvBlock && forgotten.contains(item.hash);
-    });
-  }
-}
-
 void Relay::work_off(const std::vector<std::shared_ptr<Peer>>& peers) {
-  const int64_t deadline_ms = state_->context.clock.now_ms() + kPassMs;
+  const int64_t start_ms = state_->context.clock.now_ms();
   std::erase_if(state_->work, [](const auto& entry) {
     const PeerPtr peer = entry.first.lock();
     return !peer || peer->is_closed;
   });
   state_->blocks.tick();
+  state_->server.drop_old_list();
   state_->txs.go_on();
+  // Whatever one transaction cost, what is queued gets its share.
+  const int64_t deadline_ms = std::max(start_ms + kPassMs, state_->context.clock.now_ms() + kPassMs - kOrphanShareMs);
   const auto first = std::ranges::find(peers, state_->next.lock());
   const auto offset = first == peers.end() ? 0 : static_cast<size_t>(first - peers.begin());
   state_->next.reset();
@@ -117,16 +116,44 @@ void Relay::State::work_for(const PeerPtr& peer, int64_t deadline_ms) {
   if (at == work.end()) {
     return;
   }
-  auto& [wanted, answers] = at->second;
   PassBudget budget(context, peer, deadline_ms);
-  while (!wanted.empty() && budget.allows_more()) {
-    if (blocks.is_needed(peer, wanted.front()) &&
-        !budget.send(MessageType::GETDATA, encode_inventory({wanted.front()}))) {
-      break;
+  request_held(peer, at->second, budget);
+  request_wanted(peer, at->second, budget);
+  server.answer(at->second.answers, budget);
+}
+
+void Relay::State::request_held(const PeerPtr& peer, PeerWork& waiting, PassBudget& budget) {
+  while (!waiting.held.empty() && budget.allows_more()) {
+    const Request request = blocks.check_request(peer, waiting.held.front());
+    if (request == Request::WAIT || (request == Request::SEND && !send_request(peer, waiting.held.front(), budget))) {
+      return;
     }
-    wanted.pop_front();
+    waiting.held.pop_front();
   }
-  server.answer(answers, budget);
+}
+
+// Blocks that must wait step aside, so that what stands behind them need not.
+void Relay::State::request_wanted(const PeerPtr& peer, PeerWork& waiting, PassBudget& budget) {
+  while (!waiting.wanted.empty() && budget.allows_more()) {
+    const InvVector item = waiting.wanted.front();
+    const bool behind_held = item.type == kInvBlock && !waiting.held.empty();
+    const Request request = behind_held ? Request::WAIT : blocks.check_request(peer, item);
+    if (request == Request::SEND && !send_request(peer, item, budget)) {
+      return;
+    }
+    if (request == Request::WAIT) {
+      waiting.held.push_back(item);
+    }
+    waiting.wanted.pop_front();
+  }
+}
+
+bool Relay::State::send_request(const PeerPtr& peer, const InvVector& item, PassBudget& budget) {
+  if (!budget.send(MessageType::GETDATA, encode_inventory({item}))) {
+    return false;
+  }
+  blocks.requested(peer, item);
+  return true;
 }
 
 void Relay::forget(const std::shared_ptr<Peer>& peer) {

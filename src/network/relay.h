@@ -57,7 +57,11 @@ class Relay {
   // ---- Any thread
 
   void check_sync_with_peer(const std::shared_ptr<Peer>& peer);
+
+  // Asks the best peer for what follows `start`. When that must wait, what goes
+  // later starts at what then is our tip and has no stop.
   void request_blocks(const uint256& start, const uint256& stop);
+
   void push_missing_blocks_to_peer(const std::shared_ptr<Peer>& peer);
 
   // Offers a block to the chain; when it was taken, announces it and the blocks

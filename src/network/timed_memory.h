@@ -29,6 +29,8 @@ class TimedMemory {
     }
   }
 
+  void forget(const Key& key) { until_.erase(key); }
+
   bool contains(const Key& key, int64_t now_ms) const {
     const auto at = until_.find(key);
     return at != until_.end() && now_ms < at->second;

@@ -13,14 +13,18 @@ constexpr size_t kTxidDigitsShown = 16;
 constexpr uint32_t kDecodePoints = 20;
 constexpr uint32_t kInvalidPoints = 10;
 
-// Scripts of an orphan may cost a good part of it.
-constexpr int64_t kOrphanPassMs = 200;
+constexpr int64_t kOrphanPassMs = 200;  // off the message handler's thread
+
+constexpr size_t kCostlyMax = 10'000;
+constexpr int64_t kCostlyHoldMs = 60'000;
 
 std::string shown(const uint256& txid) {
   return txid.to_hex().substr(0, kTxidDigitsShown);
 }
 
 }  // namespace
+
+TxRelay::TxRelay(const RelayContext& context) : context_(context), costly_(kCostlyMax, kCostlyHoldMs) {}
 
 void TxRelay::receive(const PeerPtr& sender, const Bytes& payload) {
   Transaction tx;
@@ -34,12 +38,12 @@ void TxRelay::receive(const PeerPtr& sender, const Bytes& payload) {
     return;
   }
   std::string reason;
-  switch (try_accept(tx, reason)) {
+  switch (accept_once(tx, reason)) {
     case AdmissionOutcome::ACCEPTED:
       if (context_.callbacks.transaction_received) {
         context_.callbacks.transaction_received(tx);
       }
-      process_orphans();
+      process_in_share();
       break;
     case AdmissionOutcome::MISSING_PARENT:
       add_orphan(tx, context_.peers.key_of(*sender));
@@ -71,6 +75,39 @@ AdmissionOutcome TxRelay::try_accept(const Transaction& tx, std::string& reason)
   return outcome;
 }
 
+// What passed its checks is remembered by the chain and costs little when it is
+// offered again; what was not taken before it passed would cost all of it anew.
+AdmissionOutcome TxRelay::accept_once(const Transaction& tx, std::string& reason) {
+  {
+    const MutexLock lock(mutex_);
+    if (costly_.contains(tx.get_txid(), context_.clock.now_ms())) {
+      return AdmissionOutcome::NOT_TAKEN;
+    }
+  }
+  const AdmissionOutcome outcome = try_accept(tx, reason);
+  if (outcome == AdmissionOutcome::NOT_TAKEN && !is_verified(tx)) {
+    const MutexLock lock(mutex_);
+    costly_.remember(tx.get_txid(), context_.clock.now_ms());
+  }
+  return outcome;
+}
+
+bool TxRelay::is_verified(const Transaction& tx) const {
+  if (context_.pool == nullptr || context_.chain == nullptr) {
+    return true;
+  }
+  for (size_t i = 0; i < tx.inputs.size(); ++i) {
+    auto output = context_.chain->get_utxo_set().get_utxo(tx.inputs[i].prevout);
+    if (!output) {
+      output = context_.pool->get_output(tx.inputs[i].prevout);
+    }
+    if (output && !context_.chain->get_verified_inputs().contains(tx, i, *output)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 void TxRelay::add_orphan(const Transaction& tx, const std::string& peer_key) {
   if (!keeps_rules_without_inputs(tx)) {
     return;
@@ -84,18 +121,34 @@ void TxRelay::add_orphan(const Transaction& tx, const std::string& peer_key) {
 }
 
 void TxRelay::process_orphans() {
-  for (const uint256& txid : orphans_.remove_expired(context_.clock.now())) {
-    context_.log.out("orphan tx expired", "[Network] Orphan TX " + shown(txid) + "... expired");
-  }
+  remove_expired();
   if (context_.chain != nullptr && context_.pool != nullptr) {
     offer_orphans(context_.clock.now_ms() + kOrphanPassMs);
   }
 }
 
+void TxRelay::remove_expired() {
+  for (const uint256& txid : orphans_.remove_expired(context_.clock.now())) {
+    context_.log.out("orphan tx expired", "[Network] Orphan TX " + shown(txid) + "... expired");
+  }
+}
+
 void TxRelay::go_on() {
   if (pass_due_.exchange(false)) {
-    process_orphans();
+    process_in_share();
   }
+  share_left_ms_ = kOrphanShareMs;
+}
+
+// What the share does not allow is left to the next pass of the handler.
+void TxRelay::process_in_share() {
+  remove_expired();
+  if (context_.chain == nullptr || context_.pool == nullptr) {
+    return;
+  }
+  const int64_t start_ms = context_.clock.now_ms();
+  offer_orphans(start_ms + share_left_ms_);
+  share_left_ms_ -= context_.clock.now_ms() - start_ms;
 }
 
 void TxRelay::offer_orphans(int64_t deadline_ms) {
@@ -123,7 +176,7 @@ bool TxRelay::offer_again(const TxOrphanPool::Waiting& waiting) {
     return false;
   }
   std::string ignored;
-  const AdmissionOutcome outcome = try_accept(*tx, ignored);
+  const AdmissionOutcome outcome = accept_once(*tx, ignored);
   if (outcome == AdmissionOutcome::MISSING_PARENT) {
     if (const auto missing = find_missing(*tx)) {
       orphans_.set_missing(waiting.txid, *missing);

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <set>
 
 #include "network/address_text.h"
 #include "network/dial_backoff.h"
@@ -68,7 +69,16 @@ TEST_F(AddressBookTest, StaysBelowItsLimitUnderAFlood) {
   }
   EXPECT_EQ(book_.size(), kKnownPeersMax);
   EXPECT_TRUE(knows("seed.example.org:8333"));
-  EXPECT_EQ(book_.sample("").size(), kAddressesMax);
+  const auto told = book_.sample("");
+  ASSERT_EQ(told.size(), kAddressesMax);
+  std::set<std::string> keys;
+  for (const KnownPeer& peer : book_.list()) {
+    keys.insert(make_key(peer.address, peer.port));
+  }
+  const std::string last_told = *std::next(keys.begin(), kAddressesMax);  // one name and all addresses before it
+  for (const AddressEntry& entry : told) {
+    EXPECT_LE(make_key(format_ipv4(entry.ip), entry.port), last_told);
+  }
 }
 
 TEST_F(AddressBookTest, MovesARecordWithItsPort) {
@@ -89,11 +99,19 @@ TEST_F(AddressBookTest, MovesARecordWithItsPort) {
 TEST_F(AddressBookTest, NeverKnowsItself) {
   book_.add(seen("203.0.113.7", 5, 1));
   book_.add(seen("203.0.113.7", 5, 2));
-  book_.mark_self("203.0.113.7:1", "203.0.113.7:2");
+  book_.mark_self("203.0.113.7:1", "203.0.113.7:2", false);
   EXPECT_EQ(book_.size(), 0u);
   EXPECT_FALSE(book_.add(seen("203.0.113.7", 5, 1)));
   book_.add_seed("203.0.113.7", 1);
   EXPECT_EQ(book_.size(), 0u);
+  EXPECT_FALSE(book_.is_self("203.0.113.7:2")) << "the source port of a peer";
+  book_.mark_self("203.0.113.7:3", "203.0.113.7:4", true);
+  for (size_t i = 0; i < kSelfAddressesMax; ++i) {
+    book_.mark_self("203.0.113.8:" + std::to_string(i), "203.0.113.8:0", false);
+  }
+  EXPECT_FALSE(book_.is_self("203.0.113.7:1")) << "the oldest claim made room";
+  EXPECT_TRUE(book_.is_self("203.0.113.8:1"));
+  EXPECT_TRUE(book_.is_self("203.0.113.7:3") && book_.is_self("203.0.113.7:4"));
 }
 
 TEST_F(AddressBookTest, TellsAllButNamesAndTheAsker) {

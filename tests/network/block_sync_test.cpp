@@ -45,6 +45,18 @@ class Sync : public testing::Test {
                           now);
   }
 
+  // Sends what may be sent of blocks first to last; returns how many.
+  size_t request(const PeerPtr& of, uint64_t first, uint64_t last) {
+    size_t count = 0;
+    for (uint64_t i = first; i <= last; ++i) {
+      if (sync.check_request(of, block(i), now) == BlockSync::Request::SEND) {
+        sync.requested(of, {kInvBlock, block(i)}, now);
+        ++count;
+      }
+    }
+    return count;
+  }
+
   BlockSync sync;
   int64_t now = kStart;
 };
@@ -99,12 +111,90 @@ TEST_F(Sync, AnAnswerWithoutNewsLeadsDownOurChain) {
   EXPECT_EQ(inv(one, 1, 3, 3).ask->height, 92u);
 }
 
+TEST_F(Sync, AFullAnswerAtTheEndOfTheStepsGoesOn) {
+  const PeerPtr one = peer(20'000);
+  uint64_t start = 10'000;
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(ask(one, start++, false, Ask::From::HASH));
+    ASSERT_TRUE(inv(one, 1, 3, 3).ask);
+  }
+  ASSERT_TRUE(ask(one, start++, false, Ask::From::HASH));
+  EXPECT_EQ(inv(one, 1, 1).wanted.size(), 1u) << "pushed, before the answer";
+  EXPECT_FALSE(inv(one, 2, 501, 501).ask);
+  const auto next = deliver(one, 1).ask;
+  ASSERT_TRUE(next);
+  EXPECT_EQ(next->hash, block(501));
+}
+
+TEST_F(Sync, OnlyFiveHundredItemsAreAnAnswer) {
+  const PeerPtr one = peer(2'000);
+  ASSERT_TRUE(ask(one, 0));
+  EXPECT_EQ(inv(one, 1, 600).wanted.size(), 600u);
+  for (uint64_t i = 1; i < kAnswerBlocksMax; ++i) {
+    ASSERT_FALSE(deliver(one, i).ask);
+  }
+  EXPECT_EQ(deliver(one, kAnswerBlocksMax).ask->hash, block(kAnswerBlocksMax));
+}
+
+TEST_F(Sync, WhatCouldNotBeSentIsAskedAgain) {
+  const PeerPtr one = peer(200);
+  for (const Ask::From from : {Ask::From::TIP, Ask::From::HASH}) {
+    const Ask lost{one, from, 0, {}, false};
+    ASSERT_TRUE(sync.begin(lost, block(1), 100, now));
+    sync.take_back(lost, block(1), now);
+    EXPECT_TRUE(sync.tick({one}, now).empty());
+    now += 1'000;
+    const auto asks = sync.tick({one}, now);
+    ASSERT_EQ(asks.size(), 1u);
+    EXPECT_EQ(asks[0].from, from);
+    EXPECT_TRUE(sync.begin(asks[0], block(1), 100, now));
+    now += kAnswerWaitMs;
+  }
+}
+
+TEST_F(Sync, BlocksInFlightAreFew) {
+  const PeerPtr one = peer(200);
+  ASSERT_EQ(inv(one, 1, 400).wanted.size(), 400u);
+  EXPECT_EQ(request(one, 1, 400), kInFlightMin);
+  now += kInFlightMs;
+  deliver(one, 1);
+  deliver(one, 2);
+  EXPECT_EQ(request(one, 1, 400), 4u) << "two more than before, as both came soon";
+  now += 1;
+  deliver(one, 3);
+  EXPECT_EQ(request(one, 1, 400), 0u) << "16 again";
+  now += kDeliveryWaitMs - 1;
+  EXPECT_TRUE(inv(one, 1, 400).wanted.size() < 20u) << "all but those that came";
+  now += 1;
+  EXPECT_EQ(sync.check_request(one, block(300), now), BlockSync::Request::DROP) << "nothing came for 30 s";
+  EXPECT_TRUE(inv(one, 300, 300).wanted.size() == 1u);
+}
+
+TEST_F(Sync, OthersAreAskedInTurnWhenNothingComes) {
+  const PeerPtr boaster = peer(4'294'967'295);
+  const PeerPtr honest = peer(300);
+  const std::vector<PeerPtr> peers = {boaster, honest};
+  EXPECT_EQ(sync.choose(peers, now), boaster);
+  ASSERT_TRUE(ask(boaster, 1));
+  now += kFruitlessMs - 1;
+  EXPECT_EQ(sync.choose(peers, now), boaster);
+  now += 1;
+  const PeerPtr newcomer = peer(4'294'967'295);
+  const std::vector<PeerPtr> more = {newcomer, boaster, honest};
+  EXPECT_EQ(sync.choose(more, now), honest);
+  ASSERT_TRUE(ask(honest, 1));
+  deliver(honest, 101);
+  now += kFruitlessMs;
+  EXPECT_EQ(sync.choose(more, now), newcomer) << "that helped, so the heights count";
+}
+
 TEST_F(Sync, ItemsAreRequestedOnceInThirtySecondsOfEachPeer) {
   const PeerPtr one = peer(200);
   const PeerPtr two = peer(200);
   EXPECT_EQ(inv(one, 1, 2).wanted.size(), 2u);
   EXPECT_EQ(inv(one, 1, 3).wanted.size(), 1u);
   EXPECT_EQ(inv(two, 1, 3).wanted.size(), 3u);
+  EXPECT_EQ(request(one, 1, 2), 2u);
   now += kSameItemMs;
   EXPECT_EQ(inv(one, 1, 3).wanted.size(), 3u);
 }
@@ -130,10 +220,13 @@ TEST_F(Sync, RefusedBlocksAreLeftAloneWithWhatFollows) {
     };
     ASSERT_TRUE(fresh.begin({one}, block(0), 100, now));
     ASSERT_EQ(named(one, now), 4u);
-    EXPECT_EQ(fresh.delivered(one, {block(2), block(1), 0, row.fate, true}, now).forgotten.size(), 3u);
+    fresh.delivered(one, {block(2), block(1), 0, row.fate, true}, now);
+    for (uint64_t i = 1; i <= 4; ++i) {
+      EXPECT_EQ(fresh.check_request(one, block(i), now), BlockSync::Request::DROP) << i;
+    }
     EXPECT_EQ(named(two, now), row.from_others);
     EXPECT_EQ(named(one, now + row.hold_ms - 1), 1u);
-    EXPECT_EQ(named(one, now + row.hold_ms + kSameItemMs), 4u);
+    EXPECT_EQ(named(one, now + row.hold_ms + kSameItemMs), 3u) << "all but the one wanted by then";
     fresh.delivered(one, {block(9), block(8), 0, row.fate, false}, now);
     EXPECT_FALSE(fresh.receive_inv(one, {{{{kInvBlock, block(9)}, false}}}, now).wanted.empty()) << "no work";
   }
@@ -147,9 +240,9 @@ TEST_F(Sync, WordsWithoutBlocksDoNotCountForTenMinutes) {
   EXPECT_EQ(sync.choose(peers, now), boaster);
   ASSERT_TRUE(ask(boaster, 1));
   now += kAnswerWaitMs;
-  EXPECT_EQ(sync.choose(peers, now), slow);
-  // One block, and never the rest of the batch.
   ASSERT_TRUE(ask(slow, 1));
+  EXPECT_EQ(sync.choose({honest, boaster}, now), honest);
+  // One block, and never the rest of the batch.
   inv(slow, 101, 102);
   deliver(slow, 101);
   now += kBatchWaitMs - 1;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <set>
 
 #include "chain/chain_scene.h"
@@ -16,6 +17,29 @@ namespace norvel::network {
 namespace {
 
 constexpr int kQuietMs = 400;  // long enough for what must not come
+
+std::ptrdiff_t count_descriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+// Nobody accepts and its queue is full: the system drops what comes, and dials wait.
+class FullListener {
+ public:
+  explicit FullListener(const std::string& ip) : listener_(RawListener(ip, 0)) {
+    for (int i = 0; i < 4; ++i) {
+      waiting_.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+      const sockaddr_in address = loopback(ip, port());
+      ::connect(waiting_.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+  }
+
+  uint16_t port() const { return listener_->port(); }
+  void end() { listener_.reset(); }
+
+ private:
+  std::optional<RawListener> listener_;
+  std::vector<FileDescriptor> waiting_;
+};
 
 class Manager : public testing::Test {
  protected:
@@ -240,11 +264,41 @@ TEST_F(Manager, TakesAndTellsAddresses) {
   EXPECT_EQ(manager_->get_peer_count(), 2u) << "its own listener is not dialled";
 }
 
+TEST_F(Manager, DialsSeedsAndForCallersWhileOthersDoNotAnswer) {
+  start(50, 20);
+  FullListener dead("0.0.0.0");
+  RawListener live("0.0.0.0", 100);
+  RawPeer teller("127.0.0.8", port_);
+  teller.shake_hands(std::nullopt);
+  const auto tell = [&](uint8_t net, uint8_t count, uint16_t port) {
+    std::vector<AddressEntry> entries;
+    for (uint8_t i = 1; i <= count; ++i) {
+      entries.push_back({{127, 1, net, i}, port, 5, 1});
+    }
+    teller.send(Message{MessageType::ADDR, encode_addresses(entries)});
+  };
+  tell(1, 30, dead.port());
+  tell(2, 100, live.port());
+  ASSERT_TRUE(teller.is_served());
+  EXPECT_TRUE(manager_->connect_to_peer("127.0.0.9", live.port())) << "the queue leaves some dials to callers";
+  manager_->add_seed_node("127.0.0.10", live.port());
+  EXPECT_EQ(keys().count(make_key("127.0.0.10", live.port())), 0u) << "all workers wait";
+  dead.end();
+  EXPECT_TRUE(eventually([&] { return keys().contains(make_key("127.0.0.10", live.port())); }))
+      << "before 20 of the others";
+}
+
 TEST_F(Manager, RemembersPeersAndDialsThemAgain) {
   RawListener listener("127.0.0.9");
+  manager_->stop();
+  const std::ptrdiff_t descriptors = count_descriptors();
+  start();
+  EXPECT_TRUE(manager_->is_listening());
   RawPeer peer("127.0.0.9", port_);
   peer.shake_hands(listener.port());
   manager_->stop();
+  EXPECT_FALSE(manager_->is_listening());
+  EXPECT_EQ(count_descriptors(), descriptors + 1) << "the other end of the connection";
   EXPECT_TRUE(peer.is_closed());
   EXPECT_TRUE(is_empty());
   EXPECT_TRUE(manager_->is_finished());
@@ -304,15 +358,7 @@ TEST_F(Manager, StopsReadingAPeerThatTakesNothing) {
 }
 
 TEST_F(Manager, StopsWhileItDials) {
-  // A listener whose queue is full: the system drops what comes, and the dial waits.
-  RawListener full("127.0.0.9", 0);
-  RawPeer filler("127.0.0.1", port_);
-  std::vector<FileDescriptor> waiting;
-  for (int i = 0; i < 4; ++i) {
-    waiting.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = loopback("127.0.0.9", full.port());
-    ::connect(waiting.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  }
+  const FullListener full("127.0.0.9");
   std::thread caller([&] { EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", full.port())); });
   manager_->add_seed_node("no-such-host.invalid", 8333);
   manager_->add_seed_node("127.0.0.9", full.port());
@@ -324,18 +370,57 @@ TEST_F(Manager, StopsWhileItDials) {
   EXPECT_TRUE(is_empty());
 }
 
-TEST_F(Manager, TakesTheMedianOfThePeersClocks) {
-  const auto peer_at = [&](const char* ip, int64_t offset_s) {
-    RawPeer peer(ip, port_);
-    peer.send(version_message(std::nullopt, 5, unix_time_seconds() + static_cast<uint64_t>(offset_s)));
-    peer.await(MessageType::VERSION);
-    return peer;
+TEST_F(Manager, TakesTheMiddleOfWhatPeersSay) {
+  const struct {
+    const char* ip;
+    int64_t offset_s;
+    uint32_t height;
+    double want_s;  // with those before
+    uint32_t want_height;
+  } rows[] = {
+      {"127.0.0.2", 1'000, 0xffffffff, 0, 0xffffffff},
+      {"127.0.0.3", -5'000'000'000, 40, 0, 40},  // before 1970, which reads as far ahead
+      {"127.0.0.4", 2'000, 50, 2'000, 50},
+      {"127.0.0.5", 100, 60, 1'000, 50},
+      {"127.0.0.6", -1'800, 30, 1'000, 50},
+      {"127.0.0.7", -900, 0, 100, 40},
   };
-  const RawPeer first = peer_at("127.0.0.2", 1'000);
-  const RawPeer second = peer_at("127.0.0.3", -5'000'000'000);
-  EXPECT_EQ(manager_->get_clock_offset_s(), 0) << "two say nothing";
-  const RawPeer third = peer_at("127.0.0.4", 2'000);
-  EXPECT_NEAR(static_cast<double>(manager_->get_clock_offset_s()), 1'000 + 1'000, 1'003);
+  std::vector<RawPeer> peers;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.ip);
+    RawPeer& peer = peers.emplace_back(row.ip, port_);
+    const uint64_t time_s = unix_time_seconds() + static_cast<uint64_t>(row.offset_s);
+    peer.send(version_message(std::nullopt, 5, time_s, row.height));
+    ASSERT_TRUE(peer.await(MessageType::VERSION));
+    EXPECT_NEAR(static_cast<double>(manager_->get_clock_offset_s()), row.want_s, 3);
+    EXPECT_EQ(manager_->get_best_known_height(), row.want_height);
+  }
+  RawListener listener("127.0.0.9");
+  ASSERT_TRUE(manager_->connect_to_peer("127.0.0.9", listener.port()));
+  auto dialled = listener.accept();
+  dialled->send(version_message(std::nullopt, 5, 0, 70));
+  EXPECT_TRUE(eventually([&] { return manager_->get_best_known_height() == 70; })) << "whom this node chose counts";
+}
+
+TEST(ManagerWithAChain, CatchesUpAlsoWhenVerackComesFirst) {
+  const TemporaryDirectory directory;
+  ChainScene scene;
+  for (const bool verack_first : {false, true}) {
+    SCOPED_TRACE(verack_first);
+    RawListener listener("127.0.0.9");
+    NetworkManager manager(free_port(), "127.0.0.1", directory.path(), 8, 8, 600);
+    manager.set_blockchain(&scene.chain());
+    ASSERT_TRUE(manager.start(false));
+    EXPECT_FALSE(manager.is_listening());
+    ASSERT_TRUE(manager.connect_to_peer("127.0.0.9", listener.port()));
+    auto peer = listener.accept();
+    ASSERT_TRUE(peer);
+    const Message verack{MessageType::VERACK, {}};
+    const Message version = version_message(std::nullopt, 5, 0, 1'000);
+    peer->send(verack_first ? verack : version);
+    peer->send(verack_first ? version : verack);
+    EXPECT_TRUE(peer->await(MessageType::GETBLOCKS));
+  }
 }
 
 TEST(TwoManagers, RelayABlockFromOneChainToTheOther) {
@@ -359,7 +444,7 @@ TEST(TwoManagers, RelayABlockFromOneChainToTheOther) {
   std::string error;
   EXPECT_TRUE(managers[1]->accept_block(block, error)) << error;
   EXPECT_TRUE(eventually([&] { return scenes[0].chain().get_best_height() == 6; }));
-  EXPECT_EQ(managers[1]->get_best_known_height(), 5u);
+  EXPECT_EQ(managers[1]->get_best_known_height(), 6u) << "its own";
 }
 
 }  // namespace

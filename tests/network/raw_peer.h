@@ -66,11 +66,12 @@ inline uint16_t free_port() {
   return port_of(fd.get());
 }
 
-inline Message version_message(std::optional<uint16_t> port, uint64_t nonce = 5, uint64_t timestamp_s = 0) {
+inline Message version_message(std::optional<uint16_t> port, uint64_t nonce = 5, uint64_t timestamp_s = 0,
+                               uint32_t start_height = 0) {
   return {MessageType::VERSION, encode_version({.version = 70'015,
                                                 .services = 1,
                                                 .timestamp_s = timestamp_s,
-                                                .start_height = 0,
+                                                .start_height = start_height,
                                                 .port = port,
                                                 .user_agent = "raw",
                                                 .nonce = nonce})};

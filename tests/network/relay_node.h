@@ -32,6 +32,7 @@ class RelayNode : public PeerAccess {
   void add_misbehavior(const Peer& peer, uint32_t count) override { points[peer.address] += count; }
   bool send_message_to_peer(const PeerPtr& peer, const Message& message) override {
     sent[peer].push_back(message);
+    peer->queued_bytes += message.type == MessageType::BLOCK ? queued_per_block : 0;
     bytes_sent += message.serialize().size();
     return true;
   }
@@ -43,6 +44,17 @@ class RelayNode : public PeerAccess {
     peers.back()->best_height = height;
     peers.back()->handshake_complete = true;
     return peers.back();
+  }
+
+  // The peer at this place goes and comes again, with the same words.
+  void reconnect(size_t index) {
+    const PeerPtr old = peers[index];
+    old->is_closed = true;
+    relay.forget(old);
+    peers[index] = std::make_shared<Peer>(FileDescriptor(), old->address, old->dialled_port, true);
+    peers[index]->best_height = old->best_height.load();
+    peers[index]->handshake_complete = true;
+    relay.check_sync_with_peer(peers[index]);
   }
 
   void handle(const PeerPtr& peer, MessageType type, Bytes payload) { relay.handle(peer, {type, std::move(payload)}); }
@@ -69,6 +81,7 @@ class RelayNode : public PeerAccess {
   std::map<PeerPtr, std::vector<Message>> sent;
   std::map<std::string, uint32_t> points;  // by address
   uint64_t bytes_sent = 0;
+  size_t queued_per_block = 0;  // counted as waiting to be written, until a test says otherwise
 };
 
 }  // namespace norvel::network

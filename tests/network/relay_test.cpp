@@ -7,6 +7,7 @@
 #include "network/block_sync.h"
 #include "network/inventory_server.h"
 #include "network/relay_node.h"
+#include "script/script.h"
 
 namespace norvel::network {
 namespace {
@@ -76,6 +77,7 @@ TEST_F(RelayMessages, GetDataIsAnsweredWithWhatThereIs) {
   ASSERT_EQ(node.relay.try_accept_tx(pooled, reason), ACCEPTED);
   node.take_sent(peer);
   const Transaction& mined = blocks[1].transactions[0];
+  testing::internal::CaptureStderr();
   node.handle(peer, MessageType::GETDATA,
               encode_inventory({{kInvBlock, blocks[4].get_hash()},
                                 {kInvBlock, mined.get_txid()},
@@ -83,6 +85,7 @@ TEST_F(RelayMessages, GetDataIsAnsweredWithWhatThereIs) {
                                 {3, blocks[4].get_hash()},
                                 {kInvTransaction, mined.get_txid()}}));
   const std::vector<Message> sent = node.take_sent(peer);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   ASSERT_EQ(sent.size(), 3u);
   EXPECT_EQ(sent[0].payload, blocks[4].serialize());
   EXPECT_EQ(sent[0].type, MessageType::BLOCK);
@@ -150,6 +153,24 @@ TEST_F(RelayMessages, AnOrphanAsksTheHighestPeerAndItsParentBringsItIn) {
   EXPECT_EQ(announced, (std::vector<std::vector<InvVector>>{{{kInvBlock, next[0].get_hash()}},
                                                             {{kInvBlock, next[1].get_hash()}}}));
   EXPECT_FALSE(node.relay.validate_and_relay_block(next[0])) << "known";
+}
+
+TEST_F(RelayMessages, OrphansWithoutWorkWaitTheirTurn) {
+  const std::vector<Block> next = make_branch(blocks.back(), 6);
+  send_block(next[3]);
+  EXPECT_EQ(node.take_sent(peer).size(), 1u);
+  for (uint64_t i = 0; i < 100; ++i) {
+    Block junk = next[5];
+    junk.header.prev_hash = uint256(i + 1);
+    junk.header.bits = 0x01000000;
+    if (i == 50) {
+      node.scene.add(next[0]);
+    }
+    send_block(junk);
+  }
+  EXPECT_TRUE(node.take_sent(peer).empty()) << "one request is open";
+  send_block(next[5]);
+  EXPECT_EQ(node.take_sent(peer).size(), 1u) << "work speaks for a parent that is nowhere";
 }
 
 TEST_F(RelayMessages, BadPayloadsCostPoints) {
@@ -233,6 +254,53 @@ TEST_F(RelayMessages, ThePoolIsListedByFeeRateOnceAMinute) {
   node.clock.advance_ms(kMempoolIntervalMs);
   node.handle(peer, MessageType::MEMPOOL, {});
   EXPECT_EQ(node.take_sent(peer).size(), 1u);
+}
+
+TEST_F(RelayMessages, OneListOfThePoolServesAllForAMinute) {
+  const PeerPtr other = node.add_peer(0);
+  const PeerPtr late = node.add_peer(0);
+  std::string reason;
+  ASSERT_EQ(node.relay.try_accept_tx(payment(1), reason), ACCEPTED);
+  node.take_sent(peer);
+  peer->queued_bytes = kQueuedBytesMax;
+  node.handle(peer, MessageType::MEMPOOL, {});
+  ASSERT_EQ(node.relay.try_accept_tx(payment(2), reason), ACCEPTED);
+  node.take_sent(other);
+  node.take_sent(late);
+  node.handle(other, MessageType::MEMPOOL, {});
+  EXPECT_EQ(sent_items(MessageType::INV, other)[0].size(), 1u) << "as listed for the first";
+  node.clock.advance_ms(15'000);
+  node.handle(late, MessageType::MEMPOOL, {});
+  EXPECT_EQ(sent_items(MessageType::INV, late)[0].size(), 2u);
+  node.clock.advance_ms(45'000);
+  testing::internal::CaptureStdout();
+  node.take_sent(peer);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[Network] Sent 0 mempool TX INVs to 10.0.0.1\n");
+}
+
+TEST_F(RelayMessages, ScriptsOverTheBudgetAreCheckedOnceAMinute) {
+  Transaction funding = payment(1);
+  funding.outputs[0].script_pubkey = {0x51};
+  for (int i = 0; i < 2'001; ++i) {
+    append(funding.outputs[0].script_pubkey, Bytes{0x76, 0x76, 0xac, 0x75});  // DUP DUP CHECKSIG DROP
+  }
+  const auto coin = output_of(blocks[0].transactions[0]);
+  funding.sign_input(0, sample_key(1).private_key, Script(coin.second.locking_script()));
+  send_tx(funding);
+  ASSERT_EQ(node.pool.size(), 1u);
+  Transaction costly = child_of(funding);
+  costly.inputs[0].signature.clear();
+  costly.inputs[0].pubkey.assign(TxIn::kHtlcMarker.begin(), TxIn::kHtlcMarker.end());
+  costly.invalidate_cache();
+  send_tx(costly);
+  EXPECT_EQ(node.pool.size(), 1u);
+  // From here on a check would let it pass.
+  node.scene.chain().get_verified_inputs().remember(costly, 0, funding.outputs[0]);
+  send_tx(costly);
+  EXPECT_EQ(node.pool.size(), 1u);
+  node.clock.advance_ms(60'000);
+  send_tx(costly);
+  EXPECT_EQ(node.pool.size(), 2u);
 }
 
 TEST_F(RelayMessages, AnswersWaitWhileMuchIsQueued) {

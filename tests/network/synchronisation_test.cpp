@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "network/inventory_server.h"
 #include "network/relay_node.h"
 
 namespace norvel::network {
@@ -157,15 +158,67 @@ TEST(Synchronisation, CostsLittleMoreThanTheBlocks) {
   EXPECT_LE(pair.a.bytes_sent + pair.b.bytes_sent, block_bytes * 13 / 10 + 100 * 1'120);
 }
 
+// Blocks as large as what may be queued, over a link that takes longer for 500
+// of them than a batch may.
+TEST(Synchronisation, ASlowLinkCarriesEachBlockOnce) {
+  constexpr size_t kBlocks = 600;
+  RelayNode a;
+  RelayNode b;
+  give(b, first(branches().common, kBlocks));
+  b.queued_per_block = kQueuedBytesMax;
+  const PeerPtr a_to_b = a.add_peer(kBlocks);
+  const PeerPtr b_to_a = b.add_peer(0);
+  a.relay.check_sync_with_peer(a_to_b);
+  const Blockchain::WriteScope quick(a.scene.chain());
+  size_t carried = 0;
+  for (size_t second = 0; second < 2 * kBlocks; ++second) {
+    for (const Message& message : a.take_sent(a_to_b)) {
+      b.relay.handle(b_to_a, message);
+    }
+    b_to_a->queued_bytes = 0;
+    for (const Message& message : b.take_sent(b_to_a)) {
+      carried += message.type == MessageType::BLOCK ? 1 : 0;
+      a.relay.handle(a_to_b, message);
+    }
+    for (RelayNode* node : {&a, &b}) {
+      node->clock.advance_ms(1'500);
+    }
+    if (second % 10 == 9 && a.height() < kBlocks) {
+      a.relay.check_sync_with_peer(a_to_b);
+    }
+  }
+  EXPECT_EQ(a.height(), kBlocks);
+  EXPECT_EQ(carried, kBlocks);
+}
+
 TEST(Synchronisation, LiarsHoldItUpForAWhileOnly) {
-  const Branches& made = branches();
-  Pair pair;
-  give(pair.b, made.common);
-  pair.a.add_peer(4'294'967'295);
-  pair.a.add_peer(4'294'967'295);
-  pair.join();
-  pair.run(120);
-  EXPECT_TRUE(pair.agree());
+  const struct {
+    const char* label;
+    size_t liars;
+    int seconds;  // until they connect anew
+    int times;
+  } rows[] = {
+      {"two that stay", 2, 30, 1},
+      {"one that reconnects", 1, 25, 2},
+      {"a hundred that stay", 100, 600, 1},
+      {"twenty that reconnect", 20, 25, 5},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    Pair pair;
+    give(pair.b, branches().common);
+    for (size_t i = 0; i < row.liars; ++i) {
+      pair.a.add_peer(4'294'967'295);
+    }
+    pair.join();
+    for (int i = 0; i < row.times; ++i) {
+      pair.run(row.seconds);
+      for (size_t at = 0; at < row.liars; ++at) {
+        pair.a.reconnect(at);
+      }
+    }
+    EXPECT_TRUE(pair.agree()) << pair.a.height();
+  }
 }
 
 TEST(Synchronisation, KnownBlocksNamedOverAndOverAreNotAskedForEndlessly) {
