@@ -159,6 +159,18 @@ void UTXOSet::visit(const std::function<void(const OutPoint&, const TxOut&)>& vi
   }
 }
 
+std::optional<OutPoint> UTXOSet::visit_after(const std::optional<OutPoint>& outpoint, size_t count_max,
+                                             const std::function<void(const OutPoint&, const TxOut&)>& visitor) const {
+  const MutexLock lock(mutex_);
+  std::optional<OutPoint> last;
+  auto entry = outpoint ? outputs_.upper_bound(*outpoint) : outputs_.begin();
+  for (size_t count = 0; count < count_max && entry != outputs_.end(); ++count, ++entry) {
+    visitor(entry->first, entry->second);
+    last = entry->first;
+  }
+  return last;
+}
+
 void UTXOSet::assign(std::vector<std::pair<OutPoint, TxOut>> ascending) {
   std::map<OutPoint, TxOut> outputs;
   for (auto& [outpoint, output] : ascending) {

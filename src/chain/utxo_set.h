@@ -52,6 +52,13 @@ class UTXOSet {
   // The set is locked meanwhile, so the visitor must not call it.
   void visit(const std::function<void(const OutPoint&, const TxOut&)>& visitor) const EXCLUDES(mutex_);
 
+  // Calls `visitor` with the first `count_max` entries behind `outpoint`, or of all
+  // without one, under one lock as visit() does. The last of them; nothing at the
+  // end of the set.
+  std::optional<OutPoint> visit_after(const std::optional<OutPoint>& outpoint, size_t count_max,
+                                      const std::function<void(const OutPoint&, const TxOut&)>& visitor) const
+      EXCLUDES(mutex_);
+
   // Replaces the set by `ascending`, which is sorted by outpoint without
   // repetition; linear. The set is unchanged when memory runs out.
   void assign(std::vector<std::pair<OutPoint, TxOut>> ascending) EXCLUDES(mutex_);

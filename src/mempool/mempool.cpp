@@ -4,8 +4,8 @@
 #include <exception>
 #include <limits>
 
+#include "chain/transaction_rules.h"
 #include "core/clock.h"
-#include "mempool/mempool_selection.h"
 
 namespace norvel {
 
@@ -25,7 +25,7 @@ uint64_t size_or_estimate(const Transaction& tx) {
 }
 
 MempoolEntry make_entry(const Transaction& tx, int64_t fee, uint64_t size) {
-  MempoolEntry entry{tx, fee, size, static_cast<int64_t>(unix_time_seconds()), 0.0};
+  MempoolEntry entry{tx, fee, size, static_cast<int64_t>(unix_time_seconds()), 0.0, false};
   if (size != 0) {
     entry.fee_rate = static_cast<double>(fee) / static_cast<double>(size);
   }
@@ -71,7 +71,9 @@ bool Mempool::admit(const Transaction& tx, int64_t fee, std::string& error) {
     error = "Mempool full";
     return false;
   }
-  insert(txid, make_entry(tx, fee, size));
+  MempoolEntry entry = make_entry(tx, fee, size);
+  entry.may_have_parents = has_parents(tx);
+  insert(txid, std::move(entry));
   return true;
 }
 
@@ -89,10 +91,13 @@ void Mempool::evict_cheapest() {
 }
 
 void Mempool::insert(const uint256& txid, MempoolEntry entry) {
+  const auto of_size = size_counts_.try_emplace(entry.size, 0).first;
   const auto added = entries_.emplace(txid, std::move(entry)).first;
   const MempoolEntry& kept = added->second;
   total_size_ += kept.size;
+  ++of_size->second;
   try {
+    order_.emplace(kept);
     for (const TxIn& input : kept.tx.inputs) {
       spenders_.emplace(input.prevout, txid);
     }
@@ -105,6 +110,19 @@ void Mempool::insert(const uint256& txid, MempoolEntry entry) {
     entries_.erase(added);
     throw;
   }
+  note_parents(txid);
+}
+
+bool Mempool::has_parents(const Transaction& tx) const {
+  return std::any_of(tx.inputs.begin(), tx.inputs.end(),
+                     [this](const TxIn& input) REQUIRES(mutex_) { return entries_.contains(input.prevout.txid); });
+}
+
+// Tells those that came before their parent `txid`.
+void Mempool::note_parents(const uint256& txid) {
+  for (auto spent = spenders_.lower_bound({txid, 0}); spent != spenders_.end() && spent->first.txid == txid; ++spent) {
+    entries_.at(spent->second).may_have_parents = true;
+  }
 }
 
 // Takes an entry out of everything but the entries themselves.
@@ -113,6 +131,11 @@ void Mempool::unindex(const uint256& txid, const MempoolEntry& entry) {
     spenders_.erase(input.prevout);
   }
   by_fee_rate_.erase({entry.fee_rate, txid});
+  order_.erase(SelectionKey(entry));
+  const auto of_size = size_counts_.find(entry.size);
+  if (--of_size->second == 0) {
+    size_counts_.erase(of_size);
+  }
   time_locked_.erase({entry.tx.locktime, txid});
   total_size_ -= entry.size;
 }
@@ -160,9 +183,11 @@ size_t Mempool::remove_with_descendants(const uint256& txid) {
 
 void Mempool::clear() {
   const MutexLock lock(mutex_);
+  order_.clear();  // points into the entries
   entries_.clear();
   spenders_.clear();
   by_fee_rate_.clear();
+  size_counts_.clear();
   time_locked_.clear();
   evicted_.clear();
   total_size_ = 0;
@@ -179,9 +204,23 @@ std::optional<Transaction> Mempool::get_transaction(const uint256& txid) const {
   return found == entries_.end() ? std::nullopt : std::optional(found->second.tx);
 }
 
+std::vector<const MempoolEntry*> Mempool::select(SelectionLimits limits) const {
+  limits.least_size = size_counts_.empty() ? 0 : size_counts_.begin()->first;
+  return select_for_block({entries_, spenders_, order_}, limits);
+}
+
 std::vector<Transaction> Mempool::get_transactions_for_block(size_t max_bytes) const {
+  return copy_selected({.bytes = max_bytes});
+}
+
+std::vector<Transaction> Mempool::get_transactions_for_block(size_t max_bytes, uint32_t height, uint64_t time) const {
+  return copy_selected(
+      {.bytes = max_bytes, .may_enter = [=](const Transaction& tx) { return is_final(tx, height, time); }});
+}
+
+std::vector<Transaction> Mempool::copy_selected(SelectionLimits limits) const {
   const MutexLock lock(mutex_);
-  const std::vector<const MempoolEntry*> selected = select_for_block(entries_, spenders_, max_bytes);
+  const std::vector<const MempoolEntry*> selected = select(std::move(limits));
   std::vector<Transaction> txs;
   txs.reserve(selected.size());
   for (const MempoolEntry* entry : selected) {
@@ -190,9 +229,9 @@ std::vector<Transaction> Mempool::get_transactions_for_block(size_t max_bytes) c
   return txs;
 }
 
-std::vector<uint256> Mempool::get_txids_for_block(size_t max_bytes) const {
+std::vector<uint256> Mempool::get_txids_for_block(size_t max_bytes, size_t count_max) const {
   const MutexLock lock(mutex_);
-  const std::vector<const MempoolEntry*> selected = select_for_block(entries_, spenders_, max_bytes);
+  const std::vector<const MempoolEntry*> selected = select({.bytes = max_bytes, .count = count_max});
   std::vector<uint256> txids;
   txids.reserve(selected.size());
   for (const MempoolEntry* entry : selected) {

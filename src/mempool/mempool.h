@@ -7,8 +7,9 @@
 // There is no replacement: of two that conflict the first stays.
 //
 // Cost: admission, eviction, removal and the look-ups are O(log n) for each
-// transaction and outpoint concerned; the selection, the statistics and the
-// search for an address read the whole pool.
+// transaction and outpoint concerned; the selection for a block reads the best
+// entries until the rest cannot fit any more; the statistics and the search for
+// an address read the whole pool.
 //
 // Errors: refusals are texts. At most std::bad_alloc is thrown; a transaction
 // that was to be added is then not in the pool, though one may have been evicted
@@ -21,6 +22,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <list>
 #include <map>
 #include <optional>
@@ -34,6 +36,7 @@
 #include "core/transaction.h"
 #include "core/uint256.h"
 #include "mempool/mempool_entry.h"
+#include "mempool/mempool_selection.h"
 
 namespace norvel {
 
@@ -72,8 +75,16 @@ class Mempool {
   // descendants.
   std::vector<Transaction> get_transactions_for_block(size_t max_bytes) const EXCLUDES(mutex_);
 
-  // The ids of the same, without copying them.
-  std::vector<uint256> get_txids_for_block(size_t max_bytes) const EXCLUDES(mutex_);
+  // The same without those, and their descendants, that a block of `height`
+  // stamped `time` (seconds) cannot hold: they use none of the bytes up.
+  std::vector<Transaction> get_transactions_for_block(size_t max_bytes, uint32_t height, uint64_t time) const
+      EXCLUDES(mutex_);
+
+  // The ids of the first `count_max` that get_transactions_for_block(max_bytes)
+  // would return.
+  std::vector<uint256> get_txids_for_block(size_t max_bytes,
+                                           size_t count_max = std::numeric_limits<size_t>::max()) const
+      EXCLUDES(mutex_);
 
   // Outputs paid to `pubkey_hash` that no pool transaction spends, by outpoint.
   std::vector<std::pair<OutPoint, TxOut>> get_unconfirmed_outputs_for_address(const Bytes& pubkey_hash) const
@@ -125,13 +136,19 @@ class Mempool {
   void remove(const uint256& txid) REQUIRES(mutex_);
   const TxOut* find_output(const OutPoint& outpoint) const REQUIRES(mutex_);
   bool has_children(const uint256& txid) const REQUIRES(mutex_);
+  bool has_parents(const Transaction& tx) const REQUIRES(mutex_);
+  void note_parents(const uint256& txid) REQUIRES(mutex_);
+  std::vector<const MempoolEntry*> select(SelectionLimits limits) const REQUIRES(mutex_);
+  std::vector<Transaction> copy_selected(SelectionLimits limits) const EXCLUDES(mutex_);
 
   const uint64_t max_size_;  // bytes; constant after construction
 
   mutable Mutex mutex_;  // leaf
   Entries entries_ GUARDED_BY(mutex_);
   OutpointSpenders spenders_ GUARDED_BY(mutex_);
-  std::set<std::pair<double, uint256>> by_fee_rate_ GUARDED_BY(mutex_);    // the next to evict first
+  std::set<std::pair<double, uint256>> by_fee_rate_ GUARDED_BY(mutex_);  // the next to evict first
+  SelectionOrder order_ GUARDED_BY(mutex_);
+  std::map<uint64_t, size_t> size_counts_ GUARDED_BY(mutex_);              // entries of each size; a 0 does no harm
   std::set<std::pair<uint32_t, uint256>> time_locked_ GUARDED_BY(mutex_);  // by lock time, where that counts
   std::list<uint256> evicted_ GUARDED_BY(mutex_);                          // those that left children behind
   uint64_t total_size_ GUARDED_BY(mutex_) = 0;                             // bytes

@@ -1,87 +1,107 @@
 #include "mempool/mempool_selection.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <queue>
 #include <tuple>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace norvel {
 
-namespace {
-
-// The pool's transactions by position in the order of their ids.
-struct DependencyGraph {
-  std::vector<const MempoolEntry*> entries;
-  std::vector<uint32_t> parent_counts;               // a parent counts once for each output that is spent
-  std::vector<std::pair<uint32_t, uint32_t>> edges;  // (parent, child), by parent
-};
-
-// Spenders and entries are both ordered by transaction id, so one walk over both
-// finds the parents.
-DependencyGraph make_graph(const std::map<uint256, MempoolEntry>& entries, const OutpointSpenders& spenders) {
-  DependencyGraph graph;
-  std::vector<const uint256*> ids;
-  graph.entries.reserve(entries.size());
-  ids.reserve(entries.size());
-  for (const auto& [txid, entry] : entries) {
-    ids.push_back(&txid);
-    graph.entries.push_back(&entry);
+bool SelectedBefore::operator()(const SelectionKey& left, const SelectionKey& right) const {
+  if (left.fee_rate != right.fee_rate || left.time != right.time) {
+    return std::tuple(right.fee_rate, left.time) < std::tuple(left.fee_rate, right.time);
   }
-  graph.parent_counts.resize(ids.size());
-  uint32_t parent = 0;
-  for (const auto& [outpoint, spender] : spenders) {
-    while (parent < ids.size() && *ids[parent] < outpoint.txid) {
-      ++parent;
-    }
-    if (parent == ids.size()) {
-      break;
-    }
-    if (*ids[parent] == outpoint.txid) {
-      const auto found = std::lower_bound(ids.begin(), ids.end(), spender,
-                                          [](const uint256* id, const uint256& sought) { return *id < sought; });
-      const auto child = static_cast<uint32_t>(found - ids.begin());
-      ++graph.parent_counts[child];
-      graph.edges.emplace_back(parent, child);
-    }
-  }
-  return graph;
+  return left.entry != right.entry && left.entry->tx.get_txid() < right.entry->tx.get_txid();
 }
 
-}  // namespace
+namespace {
 
-std::vector<const MempoolEntry*> select_for_block(const std::map<uint256, MempoolEntry>& entries,
-                                                  const OutpointSpenders& spenders, uint64_t max_bytes) {
-  DependencyGraph graph = make_graph(entries, spenders);
-  const auto is_worse = [&graph](uint32_t a, uint32_t b) {
-    const MempoolEntry& left = *graph.entries[a];
-    const MempoolEntry& right = *graph.entries[b];
-    return std::tuple(left.fee_rate, right.time, b) < std::tuple(right.fee_rate, left.time, a);
-  };
-  std::priority_queue<uint32_t, std::vector<uint32_t>, decltype(is_worse)> eligible(is_worse);
-  for (uint32_t i = 0; i < graph.entries.size(); ++i) {
-    if (graph.parent_counts[i] == 0) {
-      eligible.push(i);
+// One walk over the order. An entry met before a parent of it was selected waits;
+// once its last parent is selected it is ready, and comes before all that follow.
+class Selector {
+ public:
+  Selector(const PoolView& pool, const SelectionLimits& limits)
+      : pool_(pool), limits_(limits), bytes_left_(limits.bytes) {}
+
+  std::vector<const MempoolEntry*> run() {
+    auto next = pool_.order.begin();
+    while (bytes_left_ >= limits_.least_size && result_.size() < limits_.count) {
+      const bool is_at_end = next == pool_.order.end();
+      if (!ready_.empty() && (is_at_end || SelectedBefore()(*ready_.begin(), *next))) {
+        const SelectionKey best = ready_.extract(ready_.begin()).value();
+        consider(best);
+      } else if (!is_at_end) {
+        meet(*next++);
+      } else {
+        break;
+      }
+    }
+    return std::move(result_);
+  }
+
+ private:
+  void meet(const SelectionKey& key) {
+    if (key.size > bytes_left_) {
+      return;  // nor will it ever fit
+    }
+    const size_t missing = key.entry->may_have_parents ? count_missing(*key.entry) : 0;
+    if (missing > 0) {
+      waiting_.emplace(key.entry, missing);
+    } else {
+      consider(key);
     }
   }
-  std::vector<const MempoolEntry*> selected;
-  uint64_t bytes_left = max_bytes;
-  while (!eligible.empty()) {
-    const uint32_t best = eligible.top();
-    eligible.pop();
-    const MempoolEntry* entry = graph.entries[best];
-    if (entry->size > bytes_left) {
-      continue;
+
+  void consider(const SelectionKey& key) {
+    if (key.size > bytes_left_ || (limits_.may_enter && !limits_.may_enter(key.entry->tx))) {
+      return;
     }
-    bytes_left -= entry->size;
-    selected.push_back(entry);
-    for (auto edge = std::lower_bound(graph.edges.begin(), graph.edges.end(), std::pair(best, uint32_t{0}));
-         edge != graph.edges.end() && edge->first == best; ++edge) {
-      if (--graph.parent_counts[edge->second] == 0) {
-        eligible.push(edge->second);
+    bytes_left_ -= key.size;
+    result_.push_back(key.entry);
+    selected_.insert(key.entry);
+    if (!waiting_.empty()) {
+      release_children(key.entry->tx.get_txid());
+    }
+  }
+
+  // Outpoints of pool transactions that are not selected yet, each counted once.
+  size_t count_missing(const MempoolEntry& entry) const {
+    std::vector<OutPoint> missing;
+    for (const TxIn& input : entry.tx.inputs) {
+      const auto parent = pool_.entries.find(input.prevout.txid);
+      if (parent != pool_.entries.end() && !selected_.contains(&parent->second)) {
+        missing.push_back(input.prevout);
+      }
+    }
+    std::sort(missing.begin(), missing.end());
+    return static_cast<size_t>(std::unique(missing.begin(), missing.end()) - missing.begin());
+  }
+
+  void release_children(const uint256& parent) {
+    for (auto spent = pool_.spenders.lower_bound({parent, 0});
+         spent != pool_.spenders.end() && spent->first.txid == parent; ++spent) {
+      const MempoolEntry& child = pool_.entries.at(spent->second);
+      const auto waits = waiting_.find(&child);
+      if (waits != waiting_.end() && --waits->second == 0) {
+        waiting_.erase(waits);
+        ready_.emplace(child);
       }
     }
   }
-  return selected;
+
+  const PoolView pool_;
+  const SelectionLimits& limits_;
+  uint64_t bytes_left_;
+  std::vector<const MempoolEntry*> result_;
+  std::unordered_set<const MempoolEntry*> selected_;
+  std::unordered_map<const MempoolEntry*, size_t> waiting_;  // by count of missing outpoints
+  SelectionOrder ready_;
+};
+
+}  // namespace
+
+std::vector<const MempoolEntry*> select_for_block(const PoolView& pool, const SelectionLimits& limits) {
+  return Selector(pool, limits).run();
 }
 
 }  // namespace norvel

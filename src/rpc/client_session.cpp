@@ -29,31 +29,37 @@ constexpr std::string_view kUnauthorizedBody =
     R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"Unauthorized"},"id":null})";
 static_assert(kUnauthorizedBody.size() == 76 && kUnauthorized == -32600);
 
-std::string unauthorized_answer() {
-  std::string answer =
-      "HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"norvel\"\r\nContent-Type: application/json\r\n"
-      "Content-Length: " +
-      std::to_string(kUnauthorizedBody.size()) + "\r\nConnection: close\r\n\r\n";
-  return answer.append(kUnauthorizedBody);
+// Apart, since a large body is not to be copied.
+struct Answer {
+  std::string head;
+  std::string body;
+};
+
+// Up to here a body is sent in one piece with its header block: two short packets
+// would wait for each other.
+constexpr size_t kOnePieceBytesMax = 65'536;
+
+Answer unauthorized_answer() {
+  return {
+      "HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"norvel\"\r\n"
+      "Content-Type: application/json\r\nContent-Length: " +
+          std::to_string(kUnauthorizedBody.size()) + "\r\nConnection: close\r\n\r\n",
+      std::string(kUnauthorizedBody)};
 }
 
-std::string answer_of(const RpcResponse& response) {
-  return build_http_response(response.to_json(), kStatusOk);
+std::string http_head(size_t body_bytes, int status) {
+  return "HTTP/1.1 " + std::to_string(status) +
+         " OK\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body_bytes) +
+         "\r\nConnection: close\r\n\r\n";
+}
+
+Answer answer_of(const RpcResponse& response) {
+  std::string body = response.to_json();
+  return {http_head(body.size(), kStatusOk), std::move(body)};
 }
 
 Clock::time_point from_now(int64_t ms) {
   return Clock::now() + std::chrono::milliseconds(ms);
-}
-
-size_t count_values(const JsonValue& value) {
-  size_t count = 1;
-  for (const JsonValue& element : value.array) {
-    count += count_values(element);
-  }
-  for (const auto& [key, member] : value.object) {
-    count += count_values(member);
-  }
-  return count;
 }
 
 class ClientSession {
@@ -70,33 +76,47 @@ class ClientSession {
     if (context_.tls && !connection_.handshake(context_.tls.get(), deadline_)) {
       return;
     }
-    const std::optional<std::string> text = answer();
-    if (text && connection_.write(*text, from_now(context_.limits.answer_ms))) {
+    std::optional<Answer> text = answer();
+    if (text && ticket_.hold_answer(text->body.capacity()) && send(*text)) {
+      text.reset();
+      request_ = HttpRequest(context_.limits);
       ticket_.end_work();
       connection_.finish(context_.limits.closing_bytes_max, from_now(context_.limits.closing_ms));
     }
   }
 
  private:
-  enum class Received { kRequest, kTooLarge, kUnauthorized, kNothing };
+  enum class Received { kRequest, kTooLarge, kUnauthorized, kWebPage, kNothing };
 
   // Nothing closes the connection without a word.
-  std::optional<std::string> answer() {
+  std::optional<Answer> answer() {
     switch (receive()) {
       case Received::kRequest:
         return ticket_.begin_work() ? call() : std::nullopt;
       case Received::kTooLarge:
-        return answer_of(RpcResponse::failure(kParseError, kTooLargeText));
+        return too_large();
       case Received::kUnauthorized:
         return unauthorized_answer();
+      case Received::kWebPage:
+        return answer_of(RpcResponse::failure(kNotPermitted, kNotPermittedText));
       case Received::kNothing:
         break;
     }
     return std::nullopt;
   }
 
-  // The credentials are checked as soon as the header block is there, so that no
-  // body is held for a stranger. A request that its client ends early is taken
+  static Answer too_large() { return answer_of(RpcResponse::failure(kParseError, kTooLargeText)); }
+
+  bool send(const Answer& answer) {
+    const Clock::time_point deadline = from_now(context_.limits.answer_ms);
+    if (answer.body.size() <= kOnePieceBytesMax) {
+      return connection_.write(answer.head + answer.body, deadline);
+    }
+    return connection_.write(answer.head, deadline) && connection_.write(answer.body, deadline);
+  }
+
+  // Credentials and origin are looked at as soon as the header block is there, so
+  // that no body is held for a stranger or a web page. A request that its client ends early is taken
   // as it is.
   Received receive() {
     bool authorized = false;
@@ -105,6 +125,9 @@ class ClientSession {
       if (!authorized && request_.has_headers()) {
         if (!context_.auth.accepts(request_.headers())) {
           return Received::kUnauthorized;
+        }
+        if (request_.has_origin()) {
+          return Received::kWebPage;
         }
         authorized = true;
       }
@@ -127,33 +150,44 @@ class ClientSession {
     }
   }
 
-  std::optional<std::string> call() {
+  // The body's bytes and values stay counted until the call is done: its
+  // parameters hold as much.
+  std::optional<Answer> call() {
     const size_t values_max = context_.limits.values;
     // Each value takes a character at least.
-    auto share = context_.values.take(std::min(values_max, request_.body().size()), deadline_);
-    if (!share) {
+    const size_t characters = request_.body().size();
+    const size_t wanted = characters <= context_.limits.values_free ? 0 : std::min(values_max, characters);
+    auto values = context_.values.take(wanted, deadline_);
+    if (!values) {
       return std::nullopt;
     }
-    const bool has_origin = request_.has_origin();
     RpcRequest call;
     try {
       // One more than permitted tells a body at the limit from one beyond it.
-      JsonValue body = JsonValue::parse(request_.body(), {.values = values_max + 1});
-      const size_t value_count = count_values(body);
-      if (value_count > values_max) {
-        return answer_of(RpcResponse::failure(kParseError, kTooLargeText));
+      size_t values_read = 0;
+      call = RpcRequest::from_json(JsonValue::parse(request_.body(), {.values = values_max + 1}, values_read));
+      if (values_read > values_max || repeats_too_much(call)) {
+        return too_large();
       }
-      share->shrink(value_count);
-      call = RpcRequest::from_json(std::move(body));
+      values->shrink(std::min(values_read, wanted));
     } catch (const std::logic_error&) {  // a number that does not convert
       return answer_of(RpcResponse::failure(kParseError, "Parse error"));
     }
     request_ = HttpRequest(context_.limits);
-    ticket_.release_body();
-    if (has_origin) {
-      return answer_of(RpcResponse::failure(kNotPermitted, kNotPermittedText, std::move(call.id)));
+    const bool is_heavy = context_.methods.weight_of(call.method) == CallWeight::kHeavy;
+    const auto turn = (is_heavy ? context_.heavy_calls : context_.light_calls).take(1, deadline_);
+    if (!turn) {
+      return std::nullopt;
     }
-    return answer_of(context_.methods.handle(call, client_address_));
+    Answer answer = answer_of(context_.methods.handle(std::move(call), client_address_));
+    ticket_.release_body();
+    return answer;
+  }
+
+  // Whether the answer would repeat more of the request than it may.
+  bool repeats_too_much(const RpcRequest& call) const {
+    const size_t most = context_.limits.echo_bytes;
+    return call.method.size() > most || call.id.string.size() > most || call.id.to_string().size() > most;
   }
 
   SessionContext& context_;
@@ -167,9 +201,7 @@ class ClientSession {
 }  // namespace
 
 std::string build_http_response(const std::string& body, int status) {
-  return "HTTP/1.1 " + std::to_string(status) +
-         " OK\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\nConnection: close\r\n\r\n" + body;
+  return http_head(body.size(), status) + body;
 }
 
 void serve_connection(SessionContext& context, ConnectionTicket& ticket, const std::string& client_address) {

@@ -19,13 +19,21 @@
 namespace norvel::rpc {
 
 struct SessionContext {
-  explicit SessionContext(const ServerLimits& of_server) : limits(of_server), values(of_server.values_at_once) {}
+  explicit SessionContext(const ServerLimits& of_server)
+      : limits(of_server),
+        values(of_server.values_at_once),
+        light_calls(of_server.light_calls),
+        heavy_calls(of_server.heavy_calls) {}
 
   const ServerLimits limits;
   BasicAuth auth;  // set before the server starts, like `tls`
   TlsContext tls;  // null: plain connections
   MethodTable methods;
   WorkBudget values;  // JSON values of the requests that are worked on
+
+  // Calls that run, each until its answer is written down and its result gone.
+  WorkBudget light_calls;
+  WorkBudget heavy_calls;
 };
 
 // The reason phrase is " OK" for every status.

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace norvel::rpc {
@@ -17,23 +18,41 @@ ConnectionTicket::~ConnectionTicket() {
 
 bool ConnectionTicket::hold_body(size_t bytes) {
   const MutexLock lock(slots_->mutex_);
-  while (bytes > slots_->limits_.bodies_bytes - slots_->bodies_bytes_) {
-    if (!slots_->shed_one_body(id_)) {
-      return false;
-    }
-  }
   ConnectionSlots::Entry& entry = slots_->entries_.at(id_);
   if (entry.phase == ConnectionSlots::Phase::kGone) {
     return false;
   }
+  const size_t more = slots_->counted(entry.body_bytes + bytes) - slots_->counted(entry.body_bytes);
+  while (more > slots_->limits_.bodies_bytes - slots_->bodies_bytes_) {
+    if (!slots_->shed_one_body(id_)) {
+      return false;
+    }
+  }
   entry.body_bytes += bytes;
-  slots_->bodies_bytes_ += bytes;
+  slots_->bodies_bytes_ += more;
   return true;
 }
 
 void ConnectionTicket::release_body() {
   const MutexLock lock(slots_->mutex_);
-  slots_->bodies_bytes_ -= std::exchange(slots_->entries_.at(id_).body_bytes, 0);
+  const size_t body_bytes = std::exchange(slots_->entries_.at(id_).body_bytes, 0);
+  slots_->bodies_bytes_ -= slots_->counted(body_bytes);
+}
+
+bool ConnectionTicket::hold_answer(size_t bytes) {
+  const MutexLock lock(slots_->mutex_);
+  ConnectionSlots::Entry& entry = slots_->entries_.at(id_);
+  if (entry.phase == ConnectionSlots::Phase::kGone) {
+    return false;
+  }
+  while (bytes > slots_->limits_.answers_bytes - slots_->answers_bytes_) {
+    if (!slots_->shed_one_answer()) {
+      return false;
+    }
+  }
+  entry.answer_bytes = bytes;
+  slots_->answers_bytes_ += bytes;
+  return true;
 }
 
 bool ConnectionTicket::begin_work() {
@@ -49,6 +68,7 @@ bool ConnectionTicket::begin_work() {
 void ConnectionTicket::end_work() {
   const MutexLock lock(slots_->mutex_);
   ConnectionSlots::Entry& entry = slots_->entries_.at(id_);
+  slots_->release(entry);
   if (entry.phase != ConnectionSlots::Phase::kGone) {
     entry.phase = ConnectionSlots::Phase::kClosing;
   }
@@ -85,7 +105,16 @@ void ConnectionSlots::give_way(Entry& entry) {
   ::shutdown(entry.socket.get(), SHUT_RDWR);
   entry.phase = Phase::kGone;
   ++gone_count_;
-  bodies_bytes_ -= std::exchange(entry.body_bytes, 0);
+  release(entry);
+}
+
+size_t ConnectionSlots::counted(size_t body_bytes) const {
+  return body_bytes - std::min(body_bytes, limits_.body_bytes_free);
+}
+
+void ConnectionSlots::release(Entry& entry) {
+  bodies_bytes_ -= counted(std::exchange(entry.body_bytes, 0));
+  answers_bytes_ -= std::exchange(entry.answer_bytes, 0);
 }
 
 bool ConnectionSlots::shed_one() {
@@ -102,7 +131,17 @@ bool ConnectionSlots::shed_one() {
 
 bool ConnectionSlots::shed_one_body(uint64_t except) {
   for (auto& [id, entry] : entries_) {
-    if (id != except && entry.phase == Phase::kRequest && entry.body_bytes > 0) {
+    if (id != except && entry.phase == Phase::kRequest && counted(entry.body_bytes) > 0) {
+      give_way(entry);
+      return true;
+    }
+  }
+  return false;
+}
+
+bool ConnectionSlots::shed_one_answer() {
+  for (auto& [id, entry] : entries_) {
+    if (entry.answer_bytes > 0) {
       give_way(entry);
       return true;
     }
@@ -114,7 +153,7 @@ void ConnectionSlots::end(uint64_t id) {
   const MutexLock lock(mutex_);
   const auto entry = entries_.find(id);
   gone_count_ -= entry->second.phase == Phase::kGone ? 1 : 0;
-  bodies_bytes_ -= entry->second.body_bytes;
+  release(entry->second);
   entries_.erase(entry);
   ended_.notify_all();
 }

@@ -1,7 +1,8 @@
-// Who may hold a connection of a server, and how many bytes of bodies all of
-// them may hold together. Where room is short, connections that have not
-// delivered a complete request give way, those that wait longest first: they
-// are shut down, which their thread sees as the end of the stream.
+// Who may hold a connection of a server, and how many bytes of bodies and of
+// answers all of them may hold together. Where room is short, connections that
+// have not delivered a complete request give way, or, for an answer, those that
+// have not taken theirs; the oldest first. They are shut down, which their thread
+// sees as the end of the stream.
 //
 // Threads: ConnectionSlots is safe from any thread; a ticket belongs to the
 // connection's thread.
@@ -42,11 +43,15 @@ class ConnectionTicket {
   bool hold_body(size_t bytes);
   void release_body();
 
+  // Counts the one answer as held until end_work(). False when it is larger than
+  // all may be together, or the connection has given way.
+  bool hold_answer(size_t bytes);
+
   // The request is complete: this connection gives way no longer. False when it
   // has done so already; then what was read may lack its end.
   bool begin_work();
 
-  // The answer is sent: this connection is the first to give way.
+  // The answer is sent, nothing is held: this connection is the first to give way.
   void end_work();
 
  private:
@@ -83,11 +88,17 @@ class ConnectionSlots : public std::enable_shared_from_this<ConnectionSlots> {
     FileDescriptor socket;
     Phase phase = Phase::kRequest;
     size_t body_bytes = 0;
+    size_t answer_bytes = 0;
   };
+
+  // What of a body counts.
+  size_t counted(size_t body_bytes) const;
 
   void give_way(Entry& entry) REQUIRES(mutex_);
   bool shed_one() REQUIRES(mutex_);                      // for a newcomer
   bool shed_one_body(uint64_t except) REQUIRES(mutex_);  // for a body
+  bool shed_one_answer() REQUIRES(mutex_);               // for an answer
+  void release(Entry& entry) REQUIRES(mutex_);           // what it holds
   void end(uint64_t id) EXCLUDES(mutex_);
 
   const ServerLimits limits_;
@@ -99,7 +110,8 @@ class ConnectionSlots : public std::enable_shared_from_this<ConnectionSlots> {
   std::map<uint64_t, Entry> entries_ GUARDED_BY(mutex_);  // by admission, oldest first
   uint64_t next_id_ GUARDED_BY(mutex_) = 0;
   size_t gone_count_ GUARDED_BY(mutex_) = 0;
-  size_t bodies_bytes_ GUARDED_BY(mutex_) = 0;  // sum over the entries
+  size_t bodies_bytes_ GUARDED_BY(mutex_) = 0;   // sum over the entries, as far as they count
+  size_t answers_bytes_ GUARDED_BY(mutex_) = 0;  // sum over the entries
 };
 
 }  // namespace norvel::rpc

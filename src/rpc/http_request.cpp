@@ -1,7 +1,6 @@
 #include "rpc/http_request.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 namespace norvel::rpc {
 
@@ -30,10 +29,7 @@ uint64_t declared_length(std::string_view headers) {
   const size_t value = lowered.find_first_not_of(" \t", name + kContentLength.size());
   const size_t end = lowered.find(kLineEnd, value);  // there is one: the block ends with a blank line
   const long long length = std::stoll(lowered.substr(value, end - value));
-  if (length < 0) {
-    throw std::out_of_range("negative Content-Length");
-  }
-  return static_cast<uint64_t>(length);
+  return static_cast<uint64_t>(std::max(length, 0LL));
 }
 
 }  // namespace

@@ -31,7 +31,8 @@ class HttpRequest {
   void append(std::string_view piece);
 
   // Throws std::invalid_argument or std::out_of_range once the header block is
-  // there with a Content-Length that does not read as a number or is negative.
+  // there with a Content-Length that does not read as a number. A negative one is
+  // reached at once.
   // The first "content-length:" of the block counts, in any case, blanks and
   // tabs behind it skipped.
   Progress progress();

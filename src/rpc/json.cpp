@@ -48,6 +48,8 @@ class Parser {
     return parsed;
   }
 
+  size_t values_left() const { return values_left_; }
+
  private:
   // The current character; NUL, which begins nothing, at the end of the text.
   char peek() const { return position_ < text_.size() ? text_[position_] : '\0'; }
@@ -275,13 +277,25 @@ JsonValue JsonValue::make_object() {
 }
 
 JsonValue JsonValue::parse(std::string_view text, const JsonLimits& limits) {
-  return Parser(text, limits).value();
+  size_t values_read = 0;
+  return parse(text, limits, values_read);
+}
+
+JsonValue JsonValue::parse(std::string_view text, const JsonLimits& limits, size_t& values_read) {
+  Parser parser(text, limits);
+  JsonValue parsed = parser.value();
+  values_read = limits.values - parser.values_left();
+  return parsed;
 }
 
 std::string JsonValue::to_string() const {
   std::string out;
-  write_value(*this, out);
+  append_to(out);
   return out;
+}
+
+void JsonValue::append_to(std::string& out) const {
+  write_value(*this, out);
 }
 
 const JsonValue& JsonValue::get(const std::string& key) const {

@@ -99,11 +99,18 @@ struct JsonValue {
   // and std::out_of_range ("stod") for a number that does not convert.
   static JsonValue parse(std::string_view text, const JsonLimits& limits = {});
 
+  // The same; tells how many values were read, those that a repeated key replaced
+  // included. limits.values of them: the text may go on.
+  static JsonValue parse(std::string_view text, const JsonLimits& limits, size_t& values_read);
+
   // The value without blanks, members in ascending order of their keys. Integral
   // numbers of the signed 64-bit range are written in full, others with six
   // significant digits. Strings escape quote, backslash, LF, CR and tab only;
   // keys are written as they are.
   std::string to_string() const;
+
+  // Adds to_string() to `out`.
+  void append_to(std::string& out) const;
 
   // The member, or a null. The reference is good until this value changes.
   const JsonValue& get(const std::string& key) const;

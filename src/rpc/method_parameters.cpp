@@ -11,7 +11,10 @@ namespace norvel::rpc {
 
 namespace {
 
-constexpr size_t kHexPrefixCharacters = 2;  // "0x"
+// "0x" in front of hexadecimal digits, which the decoder drops.
+size_t prefix_characters(const std::string& text) {
+  return text.starts_with("0x") || text.starts_with("0X") ? 2 : 0;
+}
 
 }  // namespace
 
@@ -56,7 +59,7 @@ AddressParameter require_address(const JsonValue& params) {
 }
 
 Bytes read_hex(const std::string& text, size_t bytes_max, const char* too_long) {
-  if (text.size() > 2 * bytes_max + kHexPrefixCharacters) {
+  if (text.size() - prefix_characters(text) > 2 * bytes_max) {
     throw std::runtime_error(too_long);
   }
   try {

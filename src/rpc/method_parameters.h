@@ -43,7 +43,7 @@ struct AddressParameter {
 // The parameter "address". Throws "Address required" or "Invalid address".
 AddressParameter require_address(const JsonValue& params);
 
-// The bytes of `text`, of which there may be `bytes_max`. Throws `too_long`
+// The bytes of `text`, which may begin with "0x"; there may be `bytes_max`. Throws `too_long`
 // before decoding, or "invalid hexadecimal".
 Bytes read_hex(const std::string& text, size_t bytes_max, const char* too_long);
 

@@ -1,10 +1,8 @@
 #include <algorithm>
 #include <optional>
-#include <queue>
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -13,6 +11,7 @@
 #include "crypto/address.h"
 #include "crypto/hash.h"
 #include "crypto/hex.h"
+#include "rpc/http_reply.h"
 #include "rpc/method_parameters.h"
 #include "rpc/node_handlers.h"
 #include "rpc/transaction_reader.h"
@@ -21,75 +20,20 @@ namespace norvel::rpc {
 
 namespace {
 
-// Outputs that getutxos lists: the most valuable ones.
-constexpr size_t kOutputsListedMax = 10'000;
+// Outputs that getutxos lists: the most valuable ones. The client reads replies of
+// 64 MiB at most.
+constexpr size_t kOutputsListedMax = 200'000;
+constexpr size_t kListedOutputBytesMax = 192;
+static_assert(kOutputsListedMax * kListedOutputBytesMax < HttpReply::kBytesMax);
 
 // Transactions that listtransactions lists, and the hexadecimal digits in it
-// from which on it ends early; the client reads replies of 64 MiB at most.
+// from which on it ends early.
 constexpr size_t kTransactionsListedDefault = 10;
 constexpr size_t kTransactionsListedMax = 1'000;
 constexpr size_t kHexListedMax = size_t{16} * 1024 * 1024;
 
 // Blocks that one list reads for what its transactions spent.
 constexpr size_t kSpentReadsMax = 1'000;
-
-// How often a look at the outputs is repeated for a chain that changes meanwhile,
-// as it does while a node catches up.
-constexpr int kLooksMax = 4;
-
-struct ListedOutput {
-  int64_t value = 0;  // base units
-  OutPoint outpoint;
-};
-
-struct AddressOutputs {
-  int64_t balance = 0;  // base units
-  uint64_t count = 0;
-  std::vector<ListedOutput> largest;  // by outpoint
-};
-
-// One walk over the outputs, which keeps at most `listed_max` of them.
-AddressOutputs look_at_outputs(const UTXOSet& utxos, const Bytes& pubkey_hash, size_t listed_max) {
-  const auto is_larger = [](const ListedOutput& a, const ListedOutput& b) {
-    return std::tie(a.value, b.outpoint) > std::tie(b.value, a.outpoint);
-  };
-  std::priority_queue<ListedOutput, std::vector<ListedOutput>, decltype(is_larger)> largest(is_larger);
-  AddressOutputs found;
-  uint64_t balance = 0;
-  utxos.visit([&](const OutPoint& outpoint, const TxOut& output) {
-    if (output.get_pubkey_hash() != pubkey_hash) {
-      return;
-    }
-    balance += static_cast<uint64_t>(output.value);
-    ++found.count;
-    if (listed_max > 0) {
-      largest.push({output.value, outpoint});
-      if (largest.size() > listed_max) {
-        largest.pop();
-      }
-    }
-  });
-  found.balance = static_cast<int64_t>(balance);
-  for (; !largest.empty(); largest.pop()) {
-    found.largest.push_back(largest.top());
-  }
-  std::ranges::sort(found.largest, {}, &ListedOutput::outpoint);
-  return found;
-}
-
-// While a block is connected the outputs are of no single state, so they are
-// looked at again when the chain has changed meanwhile.
-AddressOutputs read_outputs(const Blockchain& chain, const Bytes& pubkey_hash, size_t listed_max) {
-  AddressOutputs found;
-  for (int i = 0; i < kLooksMax; ++i) {
-    const uint64_t change_number = chain.get_change_number();
-    found = look_at_outputs(chain.get_utxo_set(), pubkey_hash, listed_max);
-    if (chain.get_change_number() == change_number) {
-      break;
-    }
-  }
-  return found;
-}
 
 // What a transaction did to one address.
 struct Effect {
@@ -166,7 +110,7 @@ size_t read_count(const JsonValue& params) {
 JsonValue get_balance(const NodeContext& context, const JsonValue& params) {
   const Blockchain& chain = require_chain(context);
   const AddressParameter address = require_address(params);
-  const int64_t balance = read_outputs(chain, address.pubkey_hash, 0).balance;
+  const int64_t balance = context.outputs->read(chain, address.pubkey_hash, 0).balance;
   JsonValue result;
   result.set("address", address.text);
   result.set("balance", coins(balance));
@@ -177,8 +121,10 @@ JsonValue get_balance(const NodeContext& context, const JsonValue& params) {
 JsonValue get_utxos(const NodeContext& context, const JsonValue& params) {
   const Blockchain& chain = require_chain(context);
   const AddressParameter address = require_address(params);
+  const AddressOutputs found = context.outputs->read(chain, address.pubkey_hash, kOutputsListedMax);
   std::vector<JsonValue> outputs;
-  for (const ListedOutput& output : read_outputs(chain, address.pubkey_hash, kOutputsListedMax).largest) {
+  outputs.reserve(found.largest.size());
+  for (const ListedOutput& output : found.largest) {
     JsonValue entry;
     entry.set("txid", output.outpoint.txid.to_hex());
     entry.set("vout", output.outpoint.index);
@@ -192,7 +138,7 @@ JsonValue get_utxos(const NodeContext& context, const JsonValue& params) {
 JsonValue get_address_info(const NodeContext& context, const JsonValue& params) {
   const Blockchain& chain = require_chain(context);
   const AddressParameter address = require_address(params);
-  const AddressOutputs outputs = read_outputs(chain, address.pubkey_hash, 0);
+  const AddressOutputs outputs = context.outputs->read(chain, address.pubkey_hash, 0);
   JsonValue result;
   result.set("address", address.text);
   result.set("balance", coins(outputs.balance));

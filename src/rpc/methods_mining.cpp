@@ -49,7 +49,11 @@ double network_hash_rate(const Blockchain& chain, const BlockIndex& tip) {
 JsonValue get_block_template(const NodeContext& context, const JsonValue& params) {
   require_chain(context);
   require_pool(context);
-  return context.templates->get_template(require_text(params, "address", "Mining address required"));
+  const std::string& address = require_text(params, "address", "Mining address required");
+  if (address.size() > kAddressCharactersMax) {
+    throw std::runtime_error(kInvalidAddress);
+  }
+  return context.templates->get_template(address);
 }
 
 JsonValue submit_block(const NodeContext& context, const JsonValue& params) {

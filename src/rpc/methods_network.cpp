@@ -9,12 +9,6 @@
 
 namespace norvel::rpc {
 
-namespace {
-
-constexpr size_t kRawMempoolBytes = 536'870'912;
-
-}  // namespace
-
 JsonValue get_peer_info(const NodeContext& context, const JsonValue&) {
   std::vector<JsonValue> peers;
   for (const network::PeerInfo& info : require_network(context).get_peers()) {
@@ -46,11 +40,13 @@ JsonValue get_mempool_info(const NodeContext& context, const JsonValue&) {
 }
 
 JsonValue get_raw_mempool(const NodeContext& context, const JsonValue&) {
-  std::vector<std::string> txids;
-  for (const uint256& txid : require_pool(context).get_txids_for_block(kRawMempoolBytes)) {
-    txids.push_back(txid.to_hex());
+  const auto txids = context.pool_list->read(require_pool(context));
+  std::vector<JsonValue> texts;
+  texts.reserve(txids->size());
+  for (const uint256& txid : *txids) {
+    texts.emplace_back(txid.to_hex());
   }
-  return list_of(std::move(txids));
+  return texts;
 }
 
 }  // namespace norvel::rpc

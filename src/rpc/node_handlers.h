@@ -7,11 +7,11 @@
 // of one whose inputs lie in too many blocks. "message" is the serialized note.
 // listtransactions is newest first, and its "amount" the change of the address's
 // balance, so that the amounts of a whole list sum to the balance. Lists are
-// bounded: see methods_addresses.cpp.
+// bounded: see methods_addresses.cpp and pool_list.h.
 //
 // Errors: std::runtime_error with the reason. Threads: safe from any thread; no
-// lock is held while chain, pool or network are called, but the one of the
-// template builder.
+// lock is held while chain, pool or network are called, but those of the template
+// builder and of the readers of outputs and pool.
 
 #pragma once
 
@@ -21,8 +21,10 @@
 #include <vector>
 
 #include "core/bytes.h"
+#include "rpc/address_outputs.h"
 #include "rpc/json.h"
 #include "rpc/node_components.h"
+#include "rpc/pool_list.h"
 #include "rpc/template_builder.h"
 
 namespace norvel::rpc {
@@ -32,7 +34,9 @@ struct NodeContext {
   explicit NodeContext(NodeComponents components);
 
   const NodeComponents node;
-  const std::unique_ptr<TemplateBuilder> templates;  // null without chain or pool
+  const std::shared_ptr<TemplateBuilder> templates;  // null without chain or pool
+  const std::unique_ptr<AddressOutputReader> outputs;
+  const std::unique_ptr<PoolList> pool_list;
 };
 
 // Throw "Blockchain not initialized", "Mempool not initialized", "Network not initialized".

@@ -16,28 +16,29 @@ namespace {
 struct MethodRow {
   const char* name;
   JsonValue (*handle)(const NodeContext& context, const JsonValue& params);
+  CallWeight weight = CallWeight::kLight;
 };
 
 constexpr MethodRow kNodeMethods[] = {
     {"getblocktemplate", get_block_template},
     {"submitblock", submit_block},
-    {"getbalance", get_balance},
+    {"getbalance", get_balance, CallWeight::kHeavy},
     {"sendrawtransaction", send_raw_transaction},
     {"getblockcount", get_block_count},
     {"getbestblockhash", get_best_block_hash},
     {"getblock", get_block},
     {"getblockheader", get_block},
-    {"gettransaction", get_transaction},
+    {"gettransaction", get_transaction, CallWeight::kHeavy},
     {"getpeerinfo", get_peer_info},
     {"getnetworkinfo", get_network_info},
     {"getmininginfo", get_mining_info},
     {"getmempoolinfo", get_mempool_info},
-    {"getutxos", get_utxos},
+    {"getutxos", get_utxos, CallWeight::kHeavy},
     {"getpubkeyforaddress", get_pubkey_for_address},
-    {"listtransactions", list_transactions},
-    {"getaddressinfo", get_address_info},
+    {"listtransactions", list_transactions, CallWeight::kHeavy},
+    {"getaddressinfo", get_address_info, CallWeight::kHeavy},
     {"getblockhash", get_block_hash},
-    {"getrawmempool", get_raw_mempool},
+    {"getrawmempool", get_raw_mempool, CallWeight::kHeavy},
     {"getrawtransaction", get_raw_transaction},
 };
 
@@ -51,8 +52,9 @@ std::vector<NodeMethod> bind(std::span<const MethodRow> rows, const NodeComponen
   const auto context = std::make_shared<const NodeContext>(components);
   std::vector<NodeMethod> methods;
   for (const MethodRow& row : rows) {
-    methods.push_back(
-        {row.name, [context, handle = row.handle](const JsonValue& params) { return handle(*context, params); }});
+    methods.push_back({row.name,
+                       [context, handle = row.handle](const JsonValue& params) { return handle(*context, params); },
+                       row.weight});
   }
   return methods;
 }
@@ -69,9 +71,11 @@ Component& require(const std::shared_ptr<Component>& component, const char* miss
 
 NodeContext::NodeContext(NodeComponents components)
     : node(std::move(components)),
-      templates(node.chain != nullptr && node.pool != nullptr
-                    ? std::make_unique<TemplateBuilder>(*node.chain, *node.pool)
-                    : nullptr) {}
+      templates(node.templates == nullptr && node.chain != nullptr && node.pool != nullptr
+                    ? std::make_shared<TemplateBuilder>(*node.chain, *node.pool)
+                    : node.templates),
+      outputs(std::make_unique<AddressOutputReader>()),
+      pool_list(std::make_unique<PoolList>()) {}
 
 Blockchain& require_chain(const NodeContext& context) {
   return require(context.node.chain, "Blockchain not initialized");
@@ -108,13 +112,13 @@ std::vector<NodeMethod> make_mining_methods(const NodeComponents& components) {
 
 void RpcServer::register_default_handlers() {
   for (NodeMethod& method : make_node_methods(get_components())) {
-    register_method(method.name, std::move(method.handler));
+    register_method(method.name, std::move(method.handler), method.weight);
   }
 }
 
 void RpcServer::register_mining_handlers() {
   for (NodeMethod& method : make_mining_methods(get_components())) {
-    register_method(method.name, std::move(method.handler));
+    register_method(method.name, std::move(method.handler), method.weight);
   }
 }
 

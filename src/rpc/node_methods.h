@@ -16,6 +16,7 @@ namespace norvel::rpc {
 struct NodeMethod {
   std::string name;
   MethodHandler handler;
+  CallWeight weight = CallWeight::kLight;
 };
 
 // All methods. A handler whose component is missing refuses.

@@ -21,19 +21,25 @@ RpcResponse RpcResponse::failure(int32_t code, std::string message, JsonValue id
   return response;
 }
 
+// Written in one piece, since a result may be large.
 std::string RpcResponse::to_json() const {
-  JsonValue object = JsonValue::make_object();
-  object.set("jsonrpc", "2.0");
+  std::string text = "{";
   if (is_error) {
     JsonValue error = JsonValue::make_object();
     error.set("code", error_code);
     error.set("message", error_message);
-    object.set("error", std::move(error));
-  } else {
-    object.set("result", result);
+    text += R"("error":)";
+    error.append_to(text);
+    text += ',';
   }
-  object.set("id", id);
-  return object.to_string();
+  text += R"("id":)";
+  id.append_to(text);
+  text += R"(,"jsonrpc":"2.0")";
+  if (!is_error) {
+    text += R"(,"result":)";
+    result.append_to(text);
+  }
+  return text += '}';
 }
 
 }  // namespace norvel::rpc

@@ -42,6 +42,15 @@ bool is_of_one_connection(int error) {
   return error == ECONNABORTED || error == EPROTO || error == EINTR;
 }
 
+// Nothing may end the accept loop, not even the memory for the line.
+void tell_of_failed_accept() noexcept {
+  try {
+    console::error_line("[RPC] Failed to accept connection");
+  } catch (...) {
+    // Then nobody is told.
+  }
+}
+
 sockaddr* generic(sockaddr_in* address) {
   return reinterpret_cast<sockaddr*>(address);
 }
@@ -138,7 +147,7 @@ void RpcServer::State::accept_loop(const std::shared_ptr<State>& state) {
     }
     const Clock::time_point now = Clock::now();
     if (!last_failure || now - *last_failure > kSameFailure) {
-      console::error_line("[RPC] Failed to accept connection");
+      tell_of_failed_accept();
     }
     last_failure = now;
     if (!is_of_one_connection(error)) {
@@ -204,8 +213,8 @@ NodeComponents RpcServer::get_components() const {
   return state_->components;
 }
 
-void RpcServer::register_method(const std::string& name, MethodHandler handler) {
-  state_->session.methods.register_method(name, std::move(handler));
+void RpcServer::register_method(const std::string& name, MethodHandler handler, CallWeight weight) {
+  state_->session.methods.register_method(name, std::move(handler), weight);
 }
 
 void RpcServer::trust_address(const std::string& address) {
@@ -214,6 +223,7 @@ void RpcServer::trust_address(const std::string& address) {
 
 void RpcServer::serve_trusted_only() {
   state_->trusted_only = true;
+  state_->session.methods.trust_loopback();
 }
 
 bool RpcServer::start() {
@@ -234,6 +244,7 @@ bool RpcServer::start() {
     console::error_line("[RPC] Failed to listen");
     return false;
   }
+  const uint16_t wanted_port = state_->port;
   state_->port = bound_port(listener.get());
   state_->listening_socket = listener.get();
   state_->running = true;
@@ -241,6 +252,8 @@ bool RpcServer::start() {
     state_->thread = std::thread(&State::accept_loop, state_);
   } catch (const std::exception&) {
     state_->running = false;
+    state_->listening_socket = -1;
+    state_->port = wanted_port;
     console::error_line("[RPC] Failed to start thread");
     return false;
   }

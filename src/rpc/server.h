@@ -45,7 +45,7 @@ class RpcServer {
   NodeComponents get_components() const;
 
   // Adds or replaces a method; also while running.
-  void register_method(const std::string& name, MethodHandler handler);
+  void register_method(const std::string& name, MethodHandler handler, CallWeight weight = CallWeight::kLight);
 
   // The methods of a node, over the components.
   void register_default_handlers();
@@ -56,7 +56,8 @@ class RpcServer {
   // Restricted methods are permitted from this dotted address too.
   void trust_address(const std::string& address);
 
-  // Closes connections from any address that is not trusted.
+  // Closes connections from any address that is neither trusted nor of 127.0.0.0/8,
+  // which is then trusted as a whole.
   void serve_trusted_only();
 
   // ---- Life

@@ -1,5 +1,6 @@
 #include "rpc/template_builder.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <utility>
@@ -24,10 +25,15 @@ constexpr size_t kPayeeBytes = 35;
 constexpr size_t kDistributionFrameBytes = 100;
 static_assert(kLengthBytes + kDistributionFrameBytes + treasury::kPayeesMax * kPayeeBytes <= kTemplateBytesMax);
 
+// What a transaction may be locked to, exclusively, to be offered at `unix_seconds`.
+uint64_t locked_time_at(uint64_t unix_seconds) {
+  return unix_seconds > kMinerClockLagMaxS ? unix_seconds - kMinerClockLagMaxS : 0;
+}
+
 TemplateLimits limits_for(const TemplateBase& base, uint64_t unix_seconds) {
   TemplateLimits limits;
   limits.height = base.next_height;
-  limits.locked_time = unix_seconds > kMinerClockLagMaxS ? unix_seconds - kMinerClockLagMaxS : 0;
+  limits.locked_time = locked_time_at(unix_seconds);
   if (base.distribution) {
     limits.bytes -= size_in_block(*base.distribution);
   }
@@ -81,7 +87,11 @@ TemplateClock TemplateClock::system() {
 }
 
 BlockTemplate build_template(const Blockchain& chain, const Mempool& pool, uint64_t unix_seconds) {
-  const std::vector<Transaction> candidates = pool.get_transactions_for_block(kPoolBytesAsked);
+  // Only so that what is locked uses nothing up: the tip may move before the base is
+  // read, so each is looked at again.
+  const uint32_t next_height = chain.get_best_height() + 1;
+  const std::vector<Transaction> candidates =
+      pool.get_transactions_for_block(kPoolBytesAsked, next_height, locked_time_at(unix_seconds));
   OutputsByOutpoint outputs;
   TemplateBase base = chain.read_template_base(candidates, outputs);
   if (base.broken || base.best_hash.is_zero()) {
@@ -122,13 +132,14 @@ JsonValue TemplateBuilder::get_template(const std::string& mining_address) {
 std::shared_ptr<const JsonValue> TemplateBuilder::get_current() {
   const MutexLock lock(mutex_);
   const ChainStatus status = chain_.get_status();
-  const int64_t now_ms = clock_.steady_ms();
+  const int64_t begin_ms = clock_.steady_ms();
   const bool stands = current_ != nullptr && !status.broken && status.best_hash == tip_;
-  if (!stands || now_ms - built_ms_ >= kTemplateAgeMaxMs) {
+  if (!stands || begin_ms >= good_until_ms_) {
     const BlockTemplate built = build_template(chain_, pool_, clock_.unix_seconds());
     current_ = std::make_shared<const JsonValue>(to_json(built));
     tip_ = built.previous_block_hash;
-    built_ms_ = now_ms;
+    const int64_t end_ms = clock_.steady_ms();
+    good_until_ms_ = end_ms + std::max(kTemplateAgeMaxMs, end_ms - begin_ms);
   }
   return current_;
 }

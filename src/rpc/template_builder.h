@@ -2,11 +2,12 @@
 // mined, is accepted by the chain as long as its tip stands.
 //
 // A template is kept for all callers, since miners ask several times a second:
-// it is made anew at once when the tip has moved, else once a second at most, for
-// what has changed in the pool. Time and address are filled in at each call.
+// it is made anew at once when the tip has moved, else for what has changed in the
+// pool, when a second has passed since it was done and at least as long as making
+// it took. Time and address are filled in at each call.
 //
 // Threads: safe from any thread. One mutex, held while chain and pool are asked,
-// so that one thread builds and the others wait for what it built.
+// so that one thread builds and the others take what it built.
 
 #pragma once
 
@@ -28,7 +29,7 @@ namespace norvel::rpc {
 // not fit the block then is left out.
 inline constexpr size_t kPoolBytesAsked = 1'048'576;
 
-// How long a template serves while the tip stands.
+// How long a template serves while the tip stands; longer when it took longer.
 inline constexpr int64_t kTemplateAgeMaxMs = 1'000;
 
 // A miner writes its own clock into the header. What is locked by time is offered
@@ -65,8 +66,8 @@ class TemplateBuilder {
 
   Mutex mutex_;  // first in the order: chain and pool are locked while it is held
   std::shared_ptr<const JsonValue> current_ GUARDED_BY(mutex_);
-  uint256 tip_ GUARDED_BY(mutex_);           // that current_ stands on
-  int64_t built_ms_ GUARDED_BY(mutex_) = 0;  // steady clock
+  uint256 tip_ GUARDED_BY(mutex_);                // that current_ stands on
+  int64_t good_until_ms_ GUARDED_BY(mutex_) = 0;  // steady clock; while the tip stands
 };
 
 }  // namespace norvel::rpc

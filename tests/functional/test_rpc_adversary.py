@@ -53,7 +53,7 @@ def fixture_scratch() -> Iterator[str]:
 
 @pytest.fixture(scope="module", name="plain")
 def fixture_plain() -> Iterator[Node]:
-    """The nodes of this file are not watched for their end by each test, but must come through all of them."""
+    """Like the other nodes here it must come through all tests and then still stop in good order."""
     with Node("--no-listen", "--rpc-trust", TRUSTED) as node:
         yield node
         node.stop()

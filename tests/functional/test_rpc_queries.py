@@ -13,7 +13,7 @@ from child_process import SLOW
 from cli_process import cli
 from node_process import Node
 from node_scenes import Stage
-from norvel_formats import TREASURY_HASH, Tx, TxIn, TxOut, address_of, hash_text, p2pkh, sha256d
+from norvel_formats import TREASURY_HASH, Tx, TxIn, TxOut, address_of, hash_text, p2pkh
 from raw_http import RpcError
 from raw_peer import RawPeer
 from stored_chain import Key, coinbase

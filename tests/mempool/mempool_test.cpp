@@ -102,6 +102,46 @@ struct Model {
   }
 };
 
+// Tries each once, the best first of those whose parents have all been taken.
+std::vector<uint256> select_plainly(
+    const Entries& entries, uint64_t bytes_left,
+    const std::function<bool(const Transaction&)>& may_enter = [](const Transaction&) { return true; }) {
+  std::vector<uint256> selected;
+  std::set<uint256> tried;
+  for (;;) {
+    const Entries::value_type* best = nullptr;
+    for (const auto& item : entries) {
+      const bool waits =
+          std::any_of(item.second.tx.inputs.begin(), item.second.tx.inputs.end(), [&](const TxIn& input) {
+            return entries.contains(input.prevout.txid) && std::ranges::count(selected, input.prevout.txid) == 0;
+          });
+      const auto rank = [](const MempoolEntry& entry) { return std::pair(-entry.fee_rate, entry.time); };
+      if (!waits && !tried.contains(item.first) && (best == nullptr || rank(item.second) < rank(best->second))) {
+        best = &item;
+      }
+    }
+    if (best == nullptr) {
+      return selected;
+    }
+    tried.insert(best->first);
+    if (best->second.size <= bytes_left && may_enter(best->second.tx)) {
+      bytes_left -= best->second.size;
+      selected.push_back(best->first);
+    }
+  }
+}
+
+std::vector<uint256> sorted_ids(std::vector<uint256> ids) {
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+std::vector<uint256> sorted(const std::vector<Transaction>& txs) {
+  std::vector<uint256> ids;
+  std::ranges::transform(txs, std::back_inserter(ids), &Transaction::get_txid);
+  return sorted_ids(std::move(ids));
+}
+
 TEST(Mempool, AgreesWithAPlainListOnARandomWalk) {
   constexpr uint32_t lock_times[] = {5, kLockTimeThreshold - 2, kLockTimeThreshold, 0xfffffffc};
   std::mt19937_64 random(12);
@@ -159,6 +199,10 @@ TEST(Mempool, AgreesWithAPlainListOnARandomWalk) {
     ASSERT_EQ(pool.size(), model.entries.size());
     ASSERT_EQ(pool.size_bytes(), model.bytes());
     ASSERT_EQ(pool.get_transactions_for_block(1'500).size(), model.entries.size());
+    ASSERT_EQ(sorted(pool.get_transactions_for_block(1'500, height, time)),
+              sorted_ids(select_plainly(model.entries, 1'500,
+                                        [&](const Transaction& tx) { return is_final(tx, height, time); })));
+    ASSERT_EQ(pool.get_txids_for_block(1'500, 3).size(), std::min<size_t>(3, model.entries.size()));
     if (step % 10 == 0) {
       const auto evicted = pool.take_evicted();
       ASSERT_TRUE(std::ranges::equal(evicted, std::exchange(model.evicted, {})));
@@ -184,33 +228,6 @@ TEST(Mempool, ListsUnspentOutputsOfAnAddressAndSumsAnyFees) {
   EXPECT_EQ(pool.get_stats().total_fees, std::numeric_limits<int64_t>::min() + 1);
 }
 
-// Tries each once, the best first of those whose parents have all been taken.
-std::vector<uint256> select_plainly(const Entries& entries, uint64_t bytes_left) {
-  std::vector<uint256> selected;
-  std::set<uint256> tried;
-  for (;;) {
-    const Entries::value_type* best = nullptr;
-    for (const auto& item : entries) {
-      const bool waits =
-          std::any_of(item.second.tx.inputs.begin(), item.second.tx.inputs.end(), [&](const TxIn& input) {
-            return entries.contains(input.prevout.txid) && std::ranges::count(selected, input.prevout.txid) == 0;
-          });
-      const auto rank = [](const MempoolEntry& entry) { return std::pair(-entry.fee_rate, entry.time); };
-      if (!waits && !tried.contains(item.first) && (best == nullptr || rank(item.second) < rank(best->second))) {
-        best = &item;
-      }
-    }
-    if (best == nullptr) {
-      return selected;
-    }
-    tried.insert(best->first);
-    if (best->second.size <= bytes_left) {
-      bytes_left -= best->second.size;
-      selected.push_back(best->first);
-    }
-  }
-}
-
 TEST(Selection, AgreesWithAPlainSearch) {
   std::mt19937_64 random(13);
   for (int round = 0; round < 200; ++round) {
@@ -230,12 +247,26 @@ TEST(Selection, AgreesWithAPlainSearch) {
         spenders[prevout] = ids.back();
       }
     }
-    const uint64_t max_bytes = 50 * (random() % 100);
-    std::vector<uint256> selected;
-    for (const MempoolEntry* entry : select_for_block(entries, spenders, max_bytes)) {
-      selected.push_back(entry->tx.get_txid());
+    SelectionOrder order;
+    SelectionLimits limits{.bytes = 50 * (random() % 100), .least_size = random() % 2 * 150};
+    for (auto& [id, entry] : entries) {
+      entry.may_have_parents = true;
+      order.emplace(entry);
     }
-    ASSERT_EQ(selected, select_plainly(entries, max_bytes));
+    const auto may_enter = [&](const Transaction& tx) { return round % 2 == 0 || tx.get_txid().bytes()[0] % 8 != 0; };
+    limits.may_enter = may_enter;
+    const auto select = [&] {
+      std::vector<uint256> selected;
+      for (const MempoolEntry* entry : select_for_block({entries, spenders, order}, limits)) {
+        selected.push_back(entry->tx.get_txid());
+      }
+      return selected;
+    };
+    std::vector<uint256> want = select_plainly(entries, limits.bytes, may_enter);
+    ASSERT_EQ(select(), want);
+    limits.count = random() % 10;
+    want.resize(std::min(want.size(), limits.count));
+    ASSERT_EQ(select(), want);
   }
 }
 

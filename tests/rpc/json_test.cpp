@@ -84,6 +84,11 @@ TEST(JsonParse, EndsAtTheValueLimit) {
   for (const char* want : want_by_limit) {
     EXPECT_EQ(reprint(R"([1,[2],{"a":3,"b":4}])", {.values = ++limit}), want);
   }
+  size_t values_read = 0;
+  for (const size_t most : {4, 5, 6}) {
+    JsonValue::parse(R"({"a":0,"a":0,"a":0,"a":0})", {.values = most}, values_read);
+    EXPECT_EQ(values_read, std::min<size_t>(most, 5));
+  }
   // A repeated key takes no memory.
   EXPECT_EQ(reprint("{" + repeat(3'999'998, "\"a\":0,") + "\"last\":1,\"beyond\":2}"), R"({"a":0,"last":1})");
 }

@@ -73,6 +73,61 @@ TEST_F(Bounds, OfHeaderBlockBodyAndValues) {
   };
   EXPECT_NE(answer_to(port, call_with(199'997)), kTooLarge);
   EXPECT_EQ(answer_to(port, call_with(199'998)), kTooLarge);
+  std::string repeating = R"({"method":"ping")";
+  for (int i = 0; i < 200'000; ++i) {
+    repeating += R"(,"a":0)";
+  }
+  EXPECT_EQ(answer_to(port, post(repeating + "}")), kTooLarge);
+}
+
+TEST_F(Bounds, OfWhatAnAnswerRepeats) {
+  const uint16_t port = start({});
+  const auto call_by = [&](const std::string& method, const std::string& id) {
+    return answer_to(port, post(R"({"method":")" + method + R"(","id":)" + id + "}"));
+  };
+  const std::string name(1'024, 'm');
+  const std::string id = '"' + std::string(1'022, 'i') + '"';
+  EXPECT_EQ(call_by(name, id), ok(R"({"error":{"code":-32601,"message":"Method not found: )" + name + R"("},"id":)" +
+                                  id + R"(,"jsonrpc":"2.0"})"));
+  EXPECT_EQ(call_by(name + "m", "1"), kTooLarge);
+  EXPECT_EQ(call_by("ping", "[" + id + "]"), kTooLarge);
+}
+
+TEST_F(Bounds, OfAnswersThatWaitForTheirClients) {
+  const uint16_t port = start({.answers_bytes = size_t{40} * 1024 * 1024});
+  std::vector<RawClient> never_read;
+  for (int i = 0; i < 4; ++i) {
+    never_read.emplace_back(port);
+    never_read.back().send(post(R"({"method":"large"})"));
+    EXPECT_TRUE(wait_readable(never_read.back().fd()));
+  }
+  EXPECT_GT(answer_to(port, post(R"({"method":"large"})")).size(), 16'000'000u);
+  EXPECT_LT(never_read.front().read_all().size(), 16'000'000u) << "the oldest has given way";
+}
+
+TEST_F(Bounds, HeavyCallsKeepNoLightOnesWaiting) {
+  const uint16_t port = start({.heavy_calls = 1, .request_ms = 1'000});
+  server_->register_method(
+      "heavy",
+      [this](const JsonValue&) {
+        for (++waiting_; !leave_;) {
+          std::this_thread::yield();
+        }
+        return JsonValue(true);
+      },
+      CallWeight::kHeavy);
+  const RawClient first(port);
+  first.send(post(R"({"method":"heavy"})"));
+  while (waiting_ < 1) {
+    std::this_thread::yield();
+  }
+  const RawClient second(port);
+  second.send(post(R"({"method":"heavy"})"));
+  EXPECT_EQ(answer_to(port, post(kPing)), kPong);
+  EXPECT_EQ(second.read_all(), "") << "its time is up";
+  EXPECT_EQ(waiting_, 1);
+  leave_ = true;
+  EXPECT_EQ(first.read_all(), ok(R"({"id":null,"jsonrpc":"2.0","result":true})"));
 }
 
 TEST_F(Bounds, OfTheTimeOfAWholeRequest) {
@@ -142,7 +197,7 @@ TEST_F(Bounds, CompleteRequestsStayAndTheNewcomerGoes) {
 }
 
 TEST_F(Bounds, BodiesOfAllTogether) {
-  const uint16_t port = start({.body_bytes = 100'000, .bodies_bytes = 250'000});
+  const uint16_t port = start({.body_bytes = 100'000, .bodies_bytes = 250'000, .body_bytes_free = 0});
   const std::string part = "POST /\r\nContent-Length: 100000\r\n\r\n" + std::string(90'000, ' ');
   std::vector<RawClient> hoarders;
   for (int i = 0; i < 5; ++i) {
@@ -154,14 +209,15 @@ TEST_F(Bounds, BodiesOfAllTogether) {
 }
 
 TEST(ConnectionSlots, CountsBytesUntilTheyAreReleasedAndTellsWhoHasGivenWay) {
-  auto slots = std::make_shared<ConnectionSlots>(ServerLimits{.connections = 3, .bodies_bytes = 100});
+  auto slots =
+      std::make_shared<ConnectionSlots>(ServerLimits{.connections = 3, .bodies_bytes = 100, .body_bytes_free = 10});
   const auto admit = [&] { return slots->admit(FileDescriptor(::socket(AF_INET, SOCK_STREAM, 0))); };
   auto first = admit();
   auto second = admit();
   auto third = admit();
-  ASSERT_TRUE(first->hold_body(60) && second->hold_body(40));
+  ASSERT_TRUE(first->hold_body(30) && first->hold_body(40) && second->hold_body(50));
   ASSERT_TRUE(second->begin_work());
-  EXPECT_TRUE(third->hold_body(60)) << "the first gives way";
+  EXPECT_TRUE(third->hold_body(70)) << "the first gives way";
   EXPECT_FALSE(first->hold_body(0));
   EXPECT_FALSE(first->begin_work());
   EXPECT_FALSE(third->hold_body(1)) << "complete requests do not";

@@ -84,10 +84,12 @@ TEST_F(Server, AnswersOneRequestInOneReply) {
       {"reader throws", post(R"({"method":"ping","id":-})"),
        ok(R"({"error":{"code":-32700,"message":"Parse error"},"id":null,"jsonrpc":"2.0"})")},
       {"web page", post(kPing, "origin: http://a\r\n"),
-       ok(R"({"error":{"code":-32003,"message":"not permitted"},"id":1,"jsonrpc":"2.0"})")},
+       ok(R"({"error":{"code":-32003,"message":"not permitted"},"id":null,"jsonrpc":"2.0"})")},
+      {"web page, none of the body sent", "POST /\r\nOrigin: a\r\nContent-Length: 9999999\r\n\r\n",
+       ok(R"({"error":{"code":-32003,"message":"not permitted"},"id":null,"jsonrpc":"2.0"})")},
       {"handler throws what is no exception", post(R"({"method":"throw odd"})"), ""},
       {"bad length", "POST /\r\nContent-Length: x\r\n\r\n" + kPing, ""},
-      {"negative length", "POST /\r\nContent-Length: -1\r\n\r\n" + kPing, ""},
+      {"negative length", "POST /\r\nContent-Length: -1\r\n\r\n" + kPing, kPong},
   };
   const uint16_t port = start();
   for (const auto& row : rows) {
@@ -170,7 +172,10 @@ TEST_F(Server, ServesTrustedAddressesOnly) {
   const uint16_t port = start();
   EXPECT_EQ(answer_to(port, post(kPing)), kPong);
   EXPECT_EQ(answer_to(port, post(kPing), "127.0.0.3"), kPong);
-  EXPECT_EQ(answer_to(port, post(kPing), "127.0.0.2"), "");
+  EXPECT_EQ(answer_to(port, post(R"({"method":"submitblock"})"), "127.0.0.2"),
+            ok(R"({"id":null,"jsonrpc":"2.0","result":"taken"})"));
+  EXPECT_FALSE(server_.is_command_allowed("submitblock", "10.0.0.5"));
+  EXPECT_FALSE(server_.is_command_allowed("submitblock", "128.0.0.1"));
 }
 
 TEST(ServerLife, StartsStopsAndSaysSo) {

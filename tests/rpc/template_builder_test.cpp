@@ -235,6 +235,17 @@ TEST_F(Templates, OfferTimeLocksToTheSlowestClock) {
   scene_.add(complete(offered, limit));
 }
 
+TEST_F(Templates, KeepTheirRoomForWhatMayEnter) {
+  mine_coins(5);
+  const auto early = static_cast<uint32_t>(now());
+  std::string error;
+  for (size_t i = 0; i < 4; ++i) {
+    ASSERT_TRUE(pool_.add_transaction(locked(filled(spend({coins_[i]}, kCoin), 300'000), early), kCoin, error));
+  }
+  ASSERT_TRUE(pool_.add_transaction(spend({coins_[4]}), 1'000, error));
+  EXPECT_EQ(build().transactions.size(), 1u);
+}
+
 // The distribution of the pool that one block's fee leaves: nothing, dust that
 // is owed in form only, and a payment.
 TEST_F(Templates, CarryADistributionWhereverOneIsRequired) {
@@ -285,6 +296,22 @@ TEST_F(Templates, AreKeptForASecondUnlessTheTipMoves) {
   scene_.extend();
   EXPECT_EQ(count(), 2u);
   EXPECT_EQ(builder.get_template("a").get("previousblockhash").string, scene_.chain().get_best_hash().to_hex());
+}
+
+// Whose making takes 3 s: by the clock, which is read at its begin and its end.
+TEST_F(Templates, AreKeptForAsLongAsMakingThemTook) {
+  mine_coins(2);
+  int64_t steady_ms = 0;
+  int64_t per_look_ms = 3'000;
+  TemplateBuilder builder(scene_.chain(), pool_, {[&] { return now(); }, [&] { return steady_ms += per_look_ms; }});
+  const auto count = [&] { return builder.get_template("a").get("tx_data").array.size(); };
+  EXPECT_EQ(count(), 0u);  // until 6,000
+  put(spend({coins_[0]}));
+  per_look_ms = 0;
+  steady_ms = 8'999;
+  EXPECT_EQ(count(), 0u);
+  steady_ms = 9'000;
+  EXPECT_EQ(count(), 1u);
 }
 
 // Every key, by an independent reading of chain and pool.
