@@ -214,7 +214,7 @@ def test_status(scene: Scene) -> None:
     assert status.pop("uptime") >= 0 and isinstance(status.pop("warnings"), list)
     assert status == {
         "height": tip.height, "tip": hash_text(tip.hash()), "tip_time": tip.timestamp, "difficulty": 1,
-        "best_known_height": 0, "synchronising": False, "peers_in": 0, "peers_out": 0, "mempool_size": 2,
+        "best_known_height": tip.height, "synchronising": False, "peers_in": 0, "peers_out": 0, "mempool_size": 2,
         "mempool_bytes": sum(map(len, scene.pooled)),
         "treasury_balance": scene.ledger.treasury_balance()}
 
