@@ -143,7 +143,7 @@ bool is_confirmed(const std::string& text) {
   if (::isatty(STDIN_FILENO) == 0) {
     return true;
   }
-  print(text + "? [y/N] ");
+  std::cerr << text << "? [y/N] " << std::flush;  // standard output is for the transaction id
   std::string answer;
   std::getline(std::cin, answer);
   return answer == "y" || answer == "Y" || answer == "yes";

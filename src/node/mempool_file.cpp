@@ -154,6 +154,9 @@ bool save_mempool(const Mempool& pool, const std::string& directory, int64_t tim
 bool load_mempool(TransactionAdmission& admission, const std::string& directory, const StopRequest& stop) {
   PoolReader reader(directory + kMempoolFile);
   if (!reader.is_open()) {
+    if (errno != ENOENT) {
+      report(directory, std::string("cannot be read: ") + std::strerror(errno));
+    }
     return !stop.is_requested();
   }
   size_t read_count = 0;

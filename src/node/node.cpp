@@ -30,7 +30,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int64_t kWatchPeriodMs = 1'000;
 
 // Shares of the ten seconds that a stop may take: the network takes up to five,
-// and StopRequest's watcher ends the process after nine.
+// and supervise() ends the process after nine.
 constexpr int64_t kSaveTimeMs = 1'500;
 constexpr int64_t kStopTimeMs = 8'500;
 constexpr int64_t kConnectionWaitMs = 5'000;

@@ -23,6 +23,7 @@ constexpr int kStatusOk = 200;
 
 constexpr const char kTooLargeText[] = "Request too large";
 constexpr const char kNotPermittedText[] = "not permitted";
+constexpr const char kBusyText[] = "Error: server busy";
 
 // Unlike a response's object its members are in the order of the request.
 constexpr std::string_view kUnauthorizedBody =
@@ -175,9 +176,11 @@ class ClientSession {
     }
     request_ = HttpRequest(context_.limits);
     const bool is_heavy = context_.methods.weight_of(call.method) == CallWeight::kHeavy;
-    const auto turn = (is_heavy ? context_.heavy_calls : context_.light_calls).take(1, deadline_);
+    // A heavy call does not wait with values that others, the miners' blocks among them, wait for.
+    const Clock::time_point turn_deadline = is_heavy && wanted > 0 ? Clock::now() : deadline_;
+    const auto turn = (is_heavy ? context_.heavy_calls : context_.light_calls).take(1, turn_deadline);
     if (!turn) {
-      return std::nullopt;
+      return answer_of(RpcResponse::failure(kHandlerError, kBusyText, std::move(call.id)));
     }
     Answer answer = answer_of(context_.methods.handle(std::move(call), client_address_));
     ticket_.release_body();

@@ -76,7 +76,9 @@ void ConnectionTicket::end_work() {
 
 std::optional<ConnectionTicket> ConnectionSlots::admit(FileDescriptor socket) {
   const MutexLock lock(mutex_);
-  if (entries_.size() - gone_count_ >= limits_.connections && !shed_one()) {
+  const bool is_full = entries_.size() - gone_count_ >= limits_.connections;
+  // Those that gave way still have their threads for a moment.
+  if ((is_full && !shed_one()) || entries_.size() >= 2 * limits_.connections) {
     return std::nullopt;
   }
   const int fd = socket.get();

@@ -31,11 +31,12 @@ JsonValue get_network_info(const NodeContext& context, const JsonValue&) {
 
 // "usage" is what the size limit of the pool counts: serialized bytes.
 JsonValue get_mempool_info(const NodeContext& context, const JsonValue&) {
-  const MempoolStats stats = require_pool(context).get_stats();
+  const Mempool& pool = require_pool(context);
+  const uint64_t bytes = pool.size_bytes();
   JsonValue result;
-  result.set("size", stats.count);
-  result.set("bytes", stats.total_bytes);
-  result.set("usage", stats.total_bytes);
+  result.set("size", pool.size());
+  result.set("bytes", bytes);
+  result.set("usage", bytes);
   return result;
 }
 

@@ -6,7 +6,7 @@ namespace norvel::rpc {
 
 namespace {
 
-// Serialized transactions asked for: more than any pool holds.
+// Serialized transactions asked for; of a larger pool the rest is not listed.
 constexpr size_t kPoolBytesAsked = 536'870'912;
 
 }  // namespace
