@@ -86,6 +86,7 @@ bool BlockRelay::validate_and_relay_block(const Block& block, const PeerPtr& sen
   BlockReport report;
   report.fate = BlockFate::KNOWN;
   const bool accepted = !context_.chain->has_block(hash) && offer(block, error, report);
+  delivery.connected = accepted && report.fate == BlockFate::CONNECTED;
   if (!accepted) {
     delivery = describe_refusal(block, report);
   }

@@ -105,6 +105,7 @@ class BlockSync {
     bool has_work = false;      // proof of work for allowed bits
     bool parked = false;        // an ORPHAN that the chain may keep
     bool parent_known = false;  // of an ORPHAN
+    bool connected = false;     // a block TAKEN that is on the active chain now
   };
 
   struct DeliveryOutcome {
@@ -247,7 +248,7 @@ class BlockSync {
   int64_t pending_due_ms_ GUARDED_BY(mutex_) = 0;
 
   // The last request from our tip, as long as no peer that was asked brought anything.
-  int64_t tip_asked_ms_ GUARDED_BY(mutex_) = 0;  // 0: something came
+  int64_t tip_asked_ms_ GUARDED_BY(mutex_) = 0;  // 0: the chain has grown since
   uint32_t fruitless_count_ GUARDED_BY(mutex_) = 0;
   bool in_turn_ GUARDED_BY(mutex_) = false;  // the next goes to the one asked longest ago
 };

@@ -197,7 +197,7 @@ BlockSync::DeliveryOutcome BlockSync::delivered(const PeerPtr& sender, const Del
   switch (block.fate) {
     case Fate::TAKEN:
       state.unpaid_since_ms = 0;
-      if (state.was_asked) {
+      if (state.was_asked && block.connected) {  // side-chain blocks could be fed one by one
         tip_asked_ms_ = 0;
         fruitless_count_ = 0;
       }
@@ -239,7 +239,10 @@ bool BlockSync::is_parked(const uint256& hash, int64_t now_ms) const {
 
 void BlockSync::park(const Delivery& block, int64_t now_ms) {
   std::erase_if(parked_, [now_ms](const Parked& entry) { return now_ms >= entry.until_ms; });
-  if (block.parked && parked_.size() < OrphanPool::kBlocksMax && !is_parked(block.hash, now_ms)) {
+  if (block.parked && !is_parked(block.hash, now_ms)) {
+    if (parked_.size() >= OrphanPool::kBlocksMax) {
+      parked_.erase(parked_.begin());
+    }
     parked_.push_back({block.hash, block.parent, now_ms + kParkedHoldMs});
   }
 }

@@ -242,9 +242,12 @@ void Dialler::enqueue(const std::string& host, uint16_t port, Urgency urgency) {
   if (stop_.is_raised()) {
     return;
   }
-  Job job{make_key(host, port), host, port, urgency};
+  Job job{make_key(host, port), host, port, urgency == Urgency::TOLD ? Urgency::NORMAL : urgency};
   {
     const MutexLock lock(mutex_);
+    if (urgency == Urgency::TOLD && queue_.size() >= kToldDialsMax) {
+      return;
+    }
     add_job(std::move(job));
   }
   start_worker();

@@ -38,12 +38,14 @@ inline constexpr size_t kDialsMax = 16;
 inline constexpr size_t kQueueDialsMax = 12;
 static_assert(kQueueDialsMax < kDialsMax);
 inline constexpr size_t kDialQueueMax = 1'000;
+inline constexpr size_t kToldDialsMax = 64;
 inline constexpr size_t kNamesMax = 1'000;  // whose address is remembered
 inline constexpr std::chrono::milliseconds kConnectTimeout{10'000};
 
 class Dialler {
  public:
   enum class Urgency {
+    TOLD,    // as NORMAL, but only while fewer than kToldDialsMax wait: peers can name as many as they like
     NORMAL,  // waits for the address's delay
     URGENT,  // waits kDialDelayUrgentMs at most: the operator named it
     NOW,     // does not wait: somebody asks for this very connection

@@ -151,7 +151,7 @@ void Handshake::on_addresses(const PeerPtr& peer, ByteView payload) {
                          .last_seen = to_signed(entry.last_seen_s),
                          .services = entry.services};
     if (parts_.book.add(told) && dials_told_addresses_) {
-      parts_.dialler.enqueue(told.address, told.port, Dialler::Urgency::NORMAL);
+      parts_.dialler.enqueue(told.address, told.port, Dialler::Urgency::TOLD);
     }
   }
 }

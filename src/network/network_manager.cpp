@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <exception>
 #include <utility>
 
 #include "core/clock.h"
@@ -41,6 +42,16 @@ bool NetworkManager::State::start(bool listen) {
     return false;
   }
   running = true;
+  try {
+    return start_all(listen);
+  } catch (const std::exception& failure) {  // no memory
+    log.failure("start", "Cannot start", failure.what());
+    stop_threads();
+    return false;
+  }
+}
+
+bool NetworkManager::State::start_all(bool listen) {
   stop_signal.lower();
   attach();
   load_peer_list();
@@ -234,8 +245,10 @@ bool NetworkManager::is_listening() const {
 
 uint32_t NetworkManager::get_best_known_height() const {
   std::vector<uint32_t> heights;
-  const bool dialled_only = state_->connections.table().outbound_count() > 0;
-  for (const PeerPtr& peer : state_->connections.table().snapshot()) {
+  const auto peers = state_->connections.table().snapshot();
+  const bool dialled_only =
+      std::ranges::any_of(peers, [](const PeerPtr& peer) { return peer->outbound && peer->version_received; });
+  for (const PeerPtr& peer : peers) {
     if (peer->version_received && (peer->outbound || !dialled_only)) {
       heights.push_back(peer->best_height);
     }

@@ -36,6 +36,7 @@ struct NetworkManager::State {
 
   bool start(bool listen) EXCLUDES(life_mutex);
   void stop() EXCLUDES(life_mutex);
+  bool start_all(bool listen) REQUIRES(life_mutex);
   bool start_threads(bool listens) REQUIRES(life_mutex);
   void stop_threads() REQUIRES(life_mutex);
   bool is_finished() const { return threads.is_finished() && dialler.is_finished(); }

@@ -109,7 +109,7 @@ bool TxRelay::is_verified(const Transaction& tx) const {
 }
 
 void TxRelay::add_orphan(const Transaction& tx, const std::string& peer_key) {
-  if (!keeps_rules_without_inputs(tx)) {
+  if (tx.inputs.empty() || !keeps_rules_without_inputs(tx)) {
     return;
   }
   // Found by now: the next pass offers it again.

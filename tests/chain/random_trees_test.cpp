@@ -153,8 +153,11 @@ void deliver(const Tree& tree, ChainScene& scene, std::mt19937_64& random) {
 TEST(RandomTrees, EveryOrderEndsInTheSameState) {
   const char* chosen = std::getenv("NORVEL_SEED");
   const uint64_t first = chosen != nullptr ? std::strtoull(chosen, nullptr, 10) : std::random_device()();
+  // Some trees have no winner; a fifth of all orders at least is compared with one.
+  constexpr size_t kComparedMin = kTrees * kOrdersPerTree / 5;
+  const uint64_t count = chosen != nullptr ? 1 : kTrees;
   size_t compared = 0;
-  for (uint64_t seed = first; seed < first + (chosen != nullptr ? 1 : kTrees); ++seed) {
+  for (uint64_t seed = first; seed < first + count || (chosen == nullptr && compared <= kComparedMin); ++seed) {
     SCOPED_TRACE("NORVEL_SEED=" + std::to_string(seed));
     const Tree tree(seed);
     const Block* winner = tree.winner();
@@ -172,7 +175,6 @@ TEST(RandomTrees, EveryOrderEndsInTheSameState) {
       ASSERT_EQ(state, direct.to_snapshot()) << "order " << i;
     }
   }
-  EXPECT_TRUE(chosen != nullptr || compared > kTrees * kOrdersPerTree / 5);
 }
 
 }  // namespace

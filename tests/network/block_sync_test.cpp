@@ -41,7 +41,14 @@ class Sync : public testing::Test {
   }
 
   BlockSync::DeliveryOutcome deliver(const PeerPtr& from, uint64_t number, Fate fate = Fate::TAKEN) {
-    return sync.delivered(from, {block(number), block(number - 1), static_cast<uint32_t>(number), fate, true, true},
+    return sync.delivered(from,
+                          {.hash = block(number),
+                           .parent = block(number - 1),
+                           .height = static_cast<uint32_t>(number),
+                           .fate = fate,
+                           .has_work = true,
+                           .parked = true,
+                           .connected = fate == Fate::TAKEN},
                           now);
   }
 
