@@ -315,6 +315,7 @@ TEST_F(Manager, DialsFixedPeersOnly) {
   start(50, 8, {make_key("127.0.0.10", fixed.port())});
   manager_->get_clock().advance_ms(3'000);
   EXPECT_TRUE(fixed.accept()) << "and hung up";
+  EXPECT_TRUE(is_empty());
   manager_->get_clock().advance_ms(10'000);
   EXPECT_TRUE(fixed.accept());
   EXPECT_FALSE(known.accept(kQuietMs));
