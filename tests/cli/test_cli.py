@@ -256,5 +256,6 @@ def test_send_asks_at_a_terminal(node: StandIn, tmp_path: Path, answer: bytes, s
     os.close(ours)
     os.close(theirs)
     assert done.returncode == status
-    assert done.stdout.startswith(f"Pay 1.00000000 NVL to {RECIPIENT}, fee 0.0000")
+    assert done.stderr.startswith(f"Pay 1.00000000 NVL to {RECIPIENT}, fee 0.0000")
+    assert "Pay" not in done.stdout
     assert ("sendrawtransaction" in dict(node.calls)) == (status == 0)
