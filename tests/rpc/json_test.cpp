@@ -85,7 +85,7 @@ TEST(JsonParse, EndsAtTheValueLimit) {
     EXPECT_EQ(reprint(R"([1,[2],{"a":3,"b":4}])", {.values = ++limit}), want);
   }
   size_t values_read = 0;
-  for (const size_t most : {4, 5, 6}) {
+  for (const size_t most : {size_t{4}, size_t{5}, size_t{6}}) {
     JsonValue::parse(R"({"a":0,"a":0,"a":0,"a":0})", {.values = most}, values_read);
     EXPECT_EQ(values_read, std::min<size_t>(most, 5));
   }
