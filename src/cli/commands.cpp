@@ -5,6 +5,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -120,7 +121,11 @@ std::set<OutPoint> find_spent_in_pool(NodeConnection& node) {
   if (node.call("getmempoolinfo").get("size").number > kPoolLookedThroughMax) {
     return spent;
   }
-  for (const JsonValue& txid : node.call("getrawmempool").array) {
+  const JsonValue txids = node.call("getrawmempool");
+  if (static_cast<double>(txids.array.size()) > kPoolLookedThroughMax) {
+    return spent;  // whatever it said before
+  }
+  for (const JsonValue& txid : txids.array) {
     try {
       const JsonValue hex = node.call("getrawtransaction", {txid});
       for (const TxIn& input : Transaction::deserialize(crypto::hex_to_bytes(hex.string)).inputs) {
@@ -131,6 +136,35 @@ std::set<OutPoint> find_spent_in_pool(NodeConnection& node) {
     }
   }
   return spent;
+}
+
+// Whether `made` has the output that the node named.
+bool holds_output(const Transaction& made, const OutPoint& outpoint, const TxOut& named) {
+  if (made.get_txid() != outpoint.txid || outpoint.index >= made.outputs.size()) {
+    return false;
+  }
+  const TxOut& output = made.outputs[outpoint.index];
+  return output.value == named.value && output.locking_script() == named.locking_script();
+}
+
+// A signature does not cover the values that it spends. A node that names an
+// output smaller than it is would have the rest go to whoever mines the payment.
+void check_spent_outputs(NodeConnection& node, const Transaction& tx, const SpendableOutputs& spendable) {
+  const std::map<OutPoint, TxOut> named(spendable.begin(), spendable.end());
+  std::set<OutPoint> spent;  // those of one transaction side by side, so that each is fetched once
+  for (const TxIn& input : tx.inputs) {
+    spent.insert(input.prevout);
+  }
+  std::optional<Transaction> made;
+  for (const OutPoint& outpoint : spent) {
+    if (!made || made->get_txid() != outpoint.txid) {
+      const JsonValue hex = node.call("getrawtransaction", {JsonValue(outpoint.txid.to_hex())});
+      made = Transaction::deserialize(crypto::hex_to_bytes(hex.string));
+    }
+    if (!holds_output(*made, outpoint, named.at(outpoint))) {
+      throw std::runtime_error("The node named an output that is not as it says; nothing is sent");
+    }
+  }
 }
 
 std::string payment_text(const PaymentOrder& order, const Transaction& tx, const SpendableOutputs& spendable) {
@@ -166,6 +200,7 @@ int send_payment(const CommandLine& line) {
   const SpendableOutputs spendable =
       read_spendable(node.call("getutxos", {JsonValue(sender.address)}), sender.address, taken);
   const Transaction tx = make_payment(order, sender, spendable, recipient_key);
+  check_spent_outputs(node, tx, spendable);
   if (!is_confirmed(payment_text(order, tx, spendable))) {
     console::error_line("Nothing is sent");
     return kFailure;

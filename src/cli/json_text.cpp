@@ -192,6 +192,15 @@ std::optional<std::string> without_exponents(std::string_view text, const std::v
   return out;
 }
 
+// Nothing for a text of more values than the reader makes: it would take what
+// follows them for absent.
+std::optional<JsonValue> parse_whole(std::string_view text) {
+  const rpc::JsonLimits limits;
+  size_t values_read = 0;
+  JsonValue value = JsonValue::parse(text, limits, values_read);
+  return values_read < limits.values ? std::optional(std::move(value)) : std::nullopt;
+}
+
 void write_lines(const JsonValue& value, size_t indent, std::string& out);
 
 // One member or element on a line of its own.
@@ -260,10 +269,10 @@ std::optional<JsonValue> read_json(std::string_view text) {
   }
   try {
     if (checker.exponent_numbers().empty()) {
-      return JsonValue::parse(text);
+      return parse_whole(text);
     }
     const auto plain = without_exponents(text, checker.exponent_numbers());
-    return plain ? std::optional(JsonValue::parse(*plain)) : std::nullopt;
+    return plain ? parse_whole(*plain) : std::nullopt;
   } catch (const std::logic_error&) {  // a number beyond every double
     return std::nullopt;
   }

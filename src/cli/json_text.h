@@ -18,7 +18,7 @@ bool is_json(std::string_view text);
 
 // The value that `text` is; nothing where is_json() is false, and for a text with
 // a number that is no normal double: one beyond exponents of 308, or not 0 and
-// below -308. O(text).
+// below -308; also for one of as many values as JsonLimits names, or more. O(text).
 std::optional<rpc::JsonValue> read_json(std::string_view text);
 
 // A parameter of the command line: `text` as JSON when it is a number, true,

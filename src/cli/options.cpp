@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 
@@ -107,6 +108,8 @@ struct Configured {
 };
 
 Configured read_configuration(const std::string& path) {
+  // Relative paths are taken from where the file is, as the node does.
+  const std::filesystem::path directory = std::filesystem::path(path).parent_path();
   Configured configured;
   for (const Setting& entry : read_settings(path).value_or(std::vector<Setting>())) {
     if (entry.key == "rpc-bind") {
@@ -116,9 +119,9 @@ Configured read_configuration(const std::string& path) {
     } else if (entry.key == "rpc-user") {
       configured.user = entry.value;
     } else if (entry.key == "rpc-password-file") {
-      configured.password_file = entry.value;
+      configured.password_file = (directory / entry.value).string();
     } else if (entry.key == "rpc-tls-cert") {
-      configured.certificate = entry.value;
+      configured.certificate = (directory / entry.value).string();
     }
   }
   return configured;

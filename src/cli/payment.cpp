@@ -1,8 +1,11 @@
 #include "cli/payment.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "cli/amount.h"
 #include "crypto/address.h"
@@ -12,12 +15,8 @@ namespace norvel::cli {
 
 namespace {
 
-// Signatures of the same transaction differ by a byte or two in length.
-constexpr int64_t kSpareBytesPerInput = 2;
-
-// Each round that does not end raises the fee by at least one more input's
-// worth, or by a few bytes; a payment that needs more has too many outputs.
-constexpr int kFeeRoundsMax = 1'000;
+// Of a signature in DER with the low s that signing makes.
+constexpr size_t kSignatureBytesMax = 71;
 
 OutPoint read_outpoint(const rpc::JsonValue& utxo) {
   const std::string& txid = utxo.get("txid").string;
@@ -30,43 +29,83 @@ OutPoint read_outpoint(const rpc::JsonValue& utxo) {
   return {uint256::from_hex(txid), rpc::to_u32(index)};
 }
 
-int64_t note_fee(const std::string& message, const Bytes& recipient_key) {
-  TxOut probe;
-  if (!message.empty()) {
-    probe.message = crypto::encrypt_message(message, recipient_key);
+// What a payment without inputs weighs and costs, and what each input adds.
+struct Tariff {
+  int64_t note_fee = 0;
+  int64_t base_bytes = 0;  // without change
+  int64_t change_bytes = 0;
+  int64_t input_bytes = 0;
+
+  int64_t fee(size_t input_count, bool with_change) const {
+    const int64_t bytes =
+        base_bytes + (with_change ? change_bytes : 0) + input_bytes * static_cast<int64_t>(input_count);
+    return note_fee + kFeeUnitsPerByte * bytes;
   }
-  return probe.calculate_message_fee();
+};
+
+Tariff make_tariff(const PaymentOrder& order, const KeyPair& sender, const Bytes& recipient_key) {
+  Tariff tariff;
+  const TxOut change(0, crypto::address_to_hash160(sender.address));
+  tariff.change_bytes = static_cast<int64_t>(change.serialize().size());
+  Transaction tx;
+  tx.outputs.push_back(change);  // as long as the one to the recipient
+  if (!order.message.empty()) {
+    tx.outputs[0].message = crypto::encrypt_message(order.message, recipient_key);
+  }
+  tariff.note_fee = tx.outputs[0].calculate_message_fee();
+  tariff.base_bytes = static_cast<int64_t>(tx.size());
+  TxIn input;
+  input.signature.resize(kSignatureBytesMax);
+  input.pubkey = sender.public_key;
+  tariff.input_bytes = static_cast<int64_t>(input.serialize().size());
+  return tariff;
 }
 
-Transaction build(const PaymentOrder& order, int64_t fee, const KeyPair& sender, const SpendableOutputs& spendable,
-                  const Bytes& recipient_key) {
-  std::string error;
-  std::optional<Transaction> tx =
-      Transaction::create_standard_tx(sender.secret, sender.public_key, order.address, order.amount, spendable, fee,
-                                      order.message, recipient_key, error);
-  if (!tx) {
-    throw std::runtime_error(error);
-  }
-  return std::move(*tx);
-}
-
-// The default fee depends on the size, which depends on the inputs, which
-// depend on the fee.
-Transaction build_with_default_fee(const PaymentOrder& order, const KeyPair& sender, const SpendableOutputs& spendable,
-                                   const Bytes& recipient_key) {
-  const int64_t fixed = note_fee(order.message, recipient_key);
-  int64_t fee = fixed;
-  for (int round = 0; round < kFeeRoundsMax; ++round) {
-    Transaction tx = build(order, fee, sender, spendable, recipient_key);
-    const auto inputs = static_cast<int64_t>(tx.inputs.size());
-    const int64_t needed = fixed + kFeeUnitsPerByte * (static_cast<int64_t>(tx.size()) + kSpareBytesPerInput * inputs);
-    // Change too small for an output is in the fee already.
-    if (fee >= needed || fee_of(tx, spendable) >= needed) {
-      return tx;
+// Values that can be spent, in the order in which create_standard_tx() takes them.
+std::vector<uint64_t> values_largest_first(const SpendableOutputs& spendable) {
+  std::set<OutPoint> seen;
+  std::vector<uint64_t> values;
+  for (const auto& [outpoint, output] : spendable) {
+    if (output.value > 0 && !outpoint.is_null() && seen.insert(outpoint).second) {
+      values.push_back(static_cast<uint64_t>(output.value));
     }
-    fee = needed;
   }
-  throw std::runtime_error("No fee is found for so many small outputs; give one with --fee");
+  std::sort(values.begin(), values.end(), std::greater<>());
+  return values;
+}
+
+// The fee, for a transaction that is not made yet: signing it to weigh it would
+// sign every input once for each input that the fee asks for.
+int64_t choose_fee(const PaymentOrder& order, const Tariff& tariff, const SpendableOutputs& spendable) {
+  const auto amount = static_cast<uint64_t>(order.amount);
+  uint64_t taken = 0;
+  size_t input_count = 0;
+  int64_t fee = order.fee.value_or(tariff.fee(0, false));
+  const auto is_enough = [&] {
+    if (order.fee) {
+      return taken >= amount + static_cast<uint64_t>(fee);
+    }
+    const int64_t without_change = tariff.fee(input_count, false);
+    const int64_t with_change = tariff.fee(input_count, true);
+    const bool has_change = taken >= amount + static_cast<uint64_t>(with_change + kDustUnits);
+    // What is too small for change joins the fee.
+    const bool is_covered = taken >= amount + static_cast<uint64_t>(without_change);
+    fee = has_change ? with_change : is_covered ? static_cast<int64_t>(taken - amount) : without_change;
+    return has_change || is_covered;
+  };
+  for (const uint64_t value : values_largest_first(spendable)) {
+    taken += value;  // what is not enough is below 2^63 and a little, so this cannot wrap
+    ++input_count;
+    if (is_enough()) {
+      if (input_count > kInputsMax) {
+        throw std::runtime_error("The payment would need " + std::to_string(input_count) + " small outputs, and " +
+                                 std::to_string(kInputsMax) +
+                                 " are the most that nodes relay; pay less, or first to yourself");
+      }
+      break;
+    }
+  }
+  return fee;
 }
 
 void check_recipient_key(const std::string& address, const Bytes& key) {
@@ -98,8 +137,15 @@ Transaction make_payment(const PaymentOrder& order, const KeyPair& sender, const
   if (!order.message.empty()) {
     check_recipient_key(order.address, recipient_key);
   }
-  Transaction tx = order.fee ? build(order, *order.fee, sender, spendable, recipient_key)
-                             : build_with_default_fee(order, sender, spendable, recipient_key);
+  const int64_t fee = choose_fee(order, make_tariff(order, sender, recipient_key), spendable);
+  std::string error;
+  std::optional<Transaction> made =
+      Transaction::create_standard_tx(sender.secret, sender.public_key, order.address, order.amount, spendable, fee,
+                                      order.message, recipient_key, error);
+  if (!made) {
+    throw std::runtime_error(error);
+  }
+  Transaction tx = std::move(*made);
   if (fee_of(tx, spendable) > kFeeUnitsMax) {
     throw std::runtime_error("A fee of " + coins_text(fee_of(tx, spendable)) + " NVL is refused; at most " +
                              coins_text(kFeeUnitsMax));

@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -26,14 +27,18 @@ inline constexpr int64_t kFeeUnitsPerByte = 10;
 // more than 200 coins in all.
 inline constexpr int64_t kFeeUnitsMax = 10 * kCoin;
 
+// Inputs of a payment: nodes relay no transaction with more signature checks.
+inline constexpr size_t kInputsMax = 2'000;
+
 // The outputs that getutxos lists, those of `taken` left out. Each pays the hash
 // of `address`. Throws for a value that JSON may have rounded and for a txid or
 // index that is none.
 SpendableOutputs read_spendable(const rpc::JsonValue& utxos, const std::string& address,
                                 const std::set<OutPoint>& taken);
 
-// The signed payment that `order` asks for, change back to `sender`.
-// `recipient_key` is needed for a message and must be the key of the address.
+// The signed payment that `order` asks for, change back to `sender`; each input is
+// signed once. `recipient_key` is needed for a message and must be the key of the
+// address. Throws before signing when it would need more than kInputsMax inputs.
 Transaction make_payment(const PaymentOrder& order, const KeyPair& sender, const SpendableOutputs& spendable,
                          const Bytes& recipient_key);
 

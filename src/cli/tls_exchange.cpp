@@ -5,11 +5,12 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
@@ -22,6 +23,7 @@ namespace norvel::cli {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
 constexpr size_t kChunkBytesMax = 8'191;
 
@@ -44,7 +46,7 @@ std::string openssl_reason() {
   const unsigned long code = ERR_peek_last_error();
   const char* reason = code == 0 ? nullptr : ERR_reason_error_string(code);
   ERR_clear_error();
-  return reason == nullptr ? "connection lost" : reason;
+  return reason == nullptr ? "connection lost, or no answer in time" : reason;
 }
 
 Context make_context(const TlsPeer& peer) {
@@ -53,6 +55,8 @@ Context make_context(const TlsPeer& peer) {
     throw std::runtime_error("TLS cannot be set up: " + openssl_reason());
   }
   SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+  // A peer that sends records without data for ever would hold a read that goes on by itself.
+  SSL_CTX_clear_mode(context.get(), SSL_MODE_AUTO_RETRY);
   if (peer.ca_file.empty()) {
     SSL_CTX_set_default_verify_paths(context.get());
     return context;
@@ -86,25 +90,81 @@ Session make_session(SSL_CTX* context, const TlsPeer& peer) {
   return session;
 }
 
-// A connected blocking socket whose every wait ends after the step's time.
-FileDescriptor connect_to(const TlsPeer& peer, const rpc::ExchangeTimeouts& timeouts) {
-  FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const timeval step{timeouts.step_ms / 1'000, (timeouts.step_ms % 1'000) * 1'000};
+// The waits of one exchange for its socket: each ends after the step's time, all
+// of them after the whole's. The socket does not block.
+class Waits {
+ public:
+  Waits(int socket, const rpc::ExchangeTimeouts& timeouts)
+      : socket_(socket), step_(timeouts.step_ms), whole_end_(Clock::now() + milliseconds(timeouts.whole_ms)) {}
+
+  // Whether the socket became ready for `events` in time. A peer that keeps it
+  // ready does not outlast the whole's time either.
+  bool wait(short events) const {
+    const Clock::time_point end = std::min(whole_end_, Clock::now() + step_);
+    for (;;) {
+      const auto left = std::chrono::ceil<milliseconds>(end - Clock::now()).count();
+      if (left <= 0) {
+        return false;
+      }
+      pollfd waiting{socket_, events, 0};
+      const int ready = ::poll(&waiting, 1, static_cast<int>(std::min<int64_t>(left, kPollMsMax)));
+      if (ready > 0) {
+        return true;
+      }
+      if (ready < 0 && errno != EINTR) {
+        return false;
+      }
+    }
+  }
+
+  bool are_over() const { return Clock::now() >= whole_end_; }
+
+  // Repeats a TLS operation of `session` until it succeeds; false when it fails
+  // or the time is up.
+  template <typename Operation>
+  bool drive(SSL* session, Operation operation) const {
+    for (;;) {
+      ERR_clear_error();  // an older error would be taken for this operation's
+      const int result = operation();
+      if (result > 0) {
+        return true;
+      }
+      const int wish = SSL_get_error(session, result);
+      if ((wish != SSL_ERROR_WANT_READ && wish != SSL_ERROR_WANT_WRITE) ||
+          !wait(wish == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT)) {
+        return false;
+      }
+    }
+  }
+
+ private:
+  static constexpr int64_t kPollMsMax = 1'000'000;
+
+  const int socket_;
+  const milliseconds step_;
+  const Clock::time_point whole_end_;
+};
+
+bool connect_to(const FileDescriptor& socket, const TlsPeer& peer, const Waits& waits) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(peer.port);
-  const bool connected = socket.is_open() && ::inet_pton(AF_INET, peer.address.c_str(), &address.sin_addr) == 1 &&
-                         ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &step, sizeof step) == 0 &&
-                         ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &step, sizeof step) == 0 &&
-                         ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  if (!connected) {
-    throw ConnectionError("Failed to connect to RPC server at " + place_of(peer));
+  if (!socket.is_open() || ::inet_pton(AF_INET, peer.address.c_str(), &address.sin_addr) != 1) {
+    return false;
   }
-  return socket;
+  if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    return true;
+  }
+  int error = errno;
+  if ((error == EINPROGRESS || error == EINTR) && waits.wait(POLLOUT)) {
+    socklen_t error_bytes = sizeof error;
+    return ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &error_bytes) == 0 && error == 0;
+  }
+  return false;
 }
 
-void shake_hands(SSL* session, int socket, const TlsPeer& peer) {
-  if (SSL_set_fd(session, socket) == 1 && SSL_connect(session) == 1) {
+void shake_hands(SSL* session, int socket, const TlsPeer& peer, const Waits& waits) {
+  if (SSL_set_fd(session, socket) == 1 && waits.drive(session, [&] { return SSL_connect(session); })) {
     return;
   }
   const long verdict = SSL_get_verify_result(session);
@@ -117,21 +177,24 @@ void shake_hands(SSL* session, int socket, const TlsPeer& peer) {
 
 rpc::HttpReply send_tls_request(const TlsPeer& peer, const std::string& request,
                                 const rpc::ExchangeTimeouts& timeouts) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeouts.whole_ms);
   const Context context = make_context(peer);
-  const FileDescriptor socket = connect_to(peer, timeouts);
+  const FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const Waits waits(socket.get(), timeouts);
+  if (!connect_to(socket, peer, waits)) {
+    throw ConnectionError("Failed to connect to RPC server at " + place_of(peer));
+  }
   const Session session = make_session(context.get(), peer);
-  shake_hands(session.get(), socket.get(), peer);
+  shake_hands(session.get(), socket.get(), peer, waits);
   size_t sent = 0;
-  if (SSL_write_ex(session.get(), request.data(), request.size(), &sent) != 1) {
+  const auto write = [&] { return SSL_write_ex(session.get(), request.data(), request.size(), &sent); };
+  if (!waits.drive(session.get(), write)) {
     throw ConnectionError("Failed to send request");
   }
   rpc::HttpReply reply;
   std::array<char, kChunkBytesMax> chunk;
-  for (size_t received = 0; SSL_read_ex(session.get(), chunk.data(), chunk.size(), &received) == 1;) {
-    if (reply.append({chunk.data(), received}) || Clock::now() >= deadline) {
-      break;
-    }
+  size_t received = 0;
+  const auto read = [&] { return SSL_read_ex(session.get(), chunk.data(), chunk.size(), &received); };
+  while (waits.drive(session.get(), read) && !reply.append({chunk.data(), received}) && !waits.are_over()) {
   }
   return reply;
 }

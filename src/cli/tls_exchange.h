@@ -21,10 +21,11 @@ struct TlsPeer {
 };
 
 // Sends `request` once the peer has proven to be `peer.name`; reads the reply
-// until it is complete, the peer closes or the time is up. Throws
-// ConnectionError when there is no connection, no proof or the request cannot be
-// sent, UsageError when the file of certificates cannot be read; the exceptions
-// of HttpReply::append() propagate.
+// until it is complete, the peer closes or the time is up. The times hold for
+// the handshake and each of its messages too. Throws ConnectionError when there
+// is no connection, no proof or the request cannot be sent in time, UsageError
+// when the file of certificates cannot be read; the exceptions of
+// HttpReply::append() propagate.
 rpc::HttpReply send_tls_request(const TlsPeer& peer, const std::string& request,
                                 const rpc::ExchangeTimeouts& timeouts = {});
 

@@ -27,6 +27,10 @@ constexpr std::string_view kMagic = "NPOOL001";
 constexpr size_t kLengthBytes = 4;
 constexpr size_t kBufferBytes = 1 << 20;
 
+// A larger file may take long to load, which is told before and every so often.
+constexpr uint64_t kLargeFileBytes = 1'000'000;
+constexpr std::chrono::seconds kProgressPeriod{10};
+
 // Walks the ids of the pool, parents before their children, as long as `take`
 // returns true. A transaction that leaves the pool meanwhile is simply not found.
 template <class Take>
@@ -90,6 +94,10 @@ void report(const std::string& directory, const std::string& what) {
   console::error_line("[Node] " + directory + kMempoolFile + ": " + what);
 }
 
+void say(const std::string& what) {
+  console::write_out("[Node] " + what + "\n");
+}
+
 // Reads the records one by one.
 class PoolReader {
  public:
@@ -107,6 +115,8 @@ class PoolReader {
   }
 
   bool at_end() const { return offset_ == bytes_; }
+  uint64_t size() const { return bytes_; }
+  uint64_t offset() const { return offset_; }
 
   // Throws std::runtime_error for a record that makes no sense.
   Transaction next() {
@@ -137,6 +147,33 @@ class PoolReader {
   uint64_t offset_ = 0;  // at most bytes_
 };
 
+// Tells how far the loading of a large file has come.
+class LoadProgress {
+ public:
+  explicit LoadProgress(const PoolReader& reader) : reader_(reader) {
+    if (is_large()) {
+      say("Loading the pool: " + std::to_string(reader.size() / kMegabyte) + " MB of transactions to validate");
+    }
+  }
+
+  void update(size_t read_count) {
+    const Clock::time_point now = Clock::now();
+    if (is_large() && now - told_at_ >= kProgressPeriod) {
+      told_at_ = now;
+      say("Loading the pool: " + std::to_string(read_count) + " transactions, " +
+          std::to_string(reader_.offset() * 100 / reader_.size()) + "%");
+    }
+  }
+
+ private:
+  static constexpr uint64_t kMegabyte = 1'000'000;
+
+  bool is_large() const { return reader_.size() >= kLargeFileBytes; }
+
+  const PoolReader& reader_;
+  Clock::time_point told_at_ = Clock::now();
+};
+
 }  // namespace
 
 bool save_mempool(const Mempool& pool, const std::string& directory, int64_t time_ms) {
@@ -159,6 +196,7 @@ bool load_mempool(TransactionAdmission& admission, const std::string& directory,
     }
     return !stop.is_requested();
   }
+  LoadProgress progress(reader);
   size_t read_count = 0;
   size_t taken_count = 0;
   try {
@@ -166,6 +204,7 @@ bool load_mempool(TransactionAdmission& admission, const std::string& directory,
       throw std::runtime_error("not a file of this node");
     }
     for (; !reader.at_end() && !stop.is_requested(); ++read_count) {
+      progress.update(read_count);
       std::string reason;
       int64_t fee = 0;
       taken_count += admission.accept(reader.next(), reason, fee) == AdmissionOutcome::ACCEPTED ? 1 : 0;
@@ -173,8 +212,8 @@ bool load_mempool(TransactionAdmission& admission, const std::string& directory,
   } catch (const std::runtime_error& failure) {
     report(directory, "ignored from record " + std::to_string(read_count) + " on: " + failure.what());
   }
-  console::write_out("[Node] Pool loaded: " + std::to_string(taken_count) + " of " + std::to_string(read_count) +
-                     " transaction(s) still valid\n");
+  say("Pool loaded: " + std::to_string(taken_count) + " of " + std::to_string(read_count) +
+      " transaction(s) still valid");
   return !stop.is_requested();
 }
 

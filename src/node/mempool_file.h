@@ -29,7 +29,8 @@ inline constexpr const char kMempoolFile[] = "/mempool.dat";
 // when nothing of a pool was reached; the old file then stays as it was.
 bool save_mempool(const Mempool& pool, const std::string& directory, int64_t time_ms);
 
-// Offers what the file holds to the pool, and prints how many were taken. Damage
+// Offers what the file holds to the pool, and prints how many were taken; of a
+// large file also that it is being loaded, and how far that has come. Damage
 // ends the reading with a line; a missing file is none. One record at a time is
 // in memory. False when a stop was requested before the end.
 bool load_mempool(TransactionAdmission& admission, const std::string& directory, const StopRequest& stop);

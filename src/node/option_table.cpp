@@ -62,6 +62,12 @@ OptionRow text(std::string name, std::string value_name, std::string Options::*f
   return {std::move(name), std::move(value_name), std::move(help), OptionKind::VALUE, std::move(check), store};
 }
 
+OptionRow path(std::string name, std::string value_name, std::string Options::*field, std::string help) {
+  OptionRow row = text(std::move(name), std::move(value_name), field, &check_not_empty, std::move(help));
+  row.is_path = true;
+  return row;
+}
+
 OptionRow list(std::string name, std::string value_name, std::vector<std::string> Options::*field, Check check,
                std::string help) {
   const auto store = [field](Options& options, std::span<const std::string> values) {
@@ -93,7 +99,7 @@ constexpr uint64_t kMempoolMbMax = 1'000'000;  // a terabyte
 
 std::vector<OptionRow> make_table() {
   return {
-      text("datadir", "DIR", &Options::data_dir, &check_not_empty, "Data directory [~/.norvel]"),
+      path("datadir", "DIR", &Options::data_dir, "Data directory [~/.norvel]"),
       text("bind", "ADDR", &Options::bind, &check_ipv4, "Address to listen on for peers [0.0.0.0]"),
       number("port", "N", &Options::port, 1, kPortMax, "Port to listen on for peers [8333]"),
       flag("no-listen", &Options::no_listen, "Take no connections from peers"),
@@ -105,9 +111,9 @@ std::vector<OptionRow> make_table() {
       text("rpc-bind", "ADDR", &Options::rpc_bind, &check_ipv4, "Address of the RPC server [127.0.0.1]"),
       number("rpc-port", "N", &Options::rpc_port, 0, kPortMax, "Port of the RPC server; 0: any free one [8332]"),
       text("rpc-user", "NAME", &Options::rpc_user, &check_not_empty, "User name that RPC clients must give"),
-      text("rpc-password-file", "FILE", &Options::rpc_password_file, &check_not_empty, "File that holds the password"),
-      text("rpc-tls-cert", "FILE", &Options::rpc_tls_cert, &check_not_empty, "Certificate chain (PEM): RPC over TLS"),
-      text("rpc-tls-key", "FILE", &Options::rpc_tls_key, &check_not_empty, "Its private key (PEM)"),
+      path("rpc-password-file", "FILE", &Options::rpc_password_file, "File that holds the password"),
+      path("rpc-tls-cert", "FILE", &Options::rpc_tls_cert, "Certificate chain (PEM): RPC over TLS"),
+      path("rpc-tls-key", "FILE", &Options::rpc_tls_key, "Its private key (PEM)"),
       list("rpc-trust", "ADDR", &Options::rpc_trust, &check_ipv4,
            "Address that may call the restricted methods too; may be repeated"),
       number("mining-port", "N", &Options::mining_port, 1, kPortMax,
@@ -115,8 +121,7 @@ std::vector<OptionRow> make_table() {
       text("mining-bind", "ADDR", &Options::mining_bind, &check_ipv4, "Address of that listener [127.0.0.1]"),
       number("max-mempool", "MB", &Options::max_mempool_mb, 1, kMempoolMbMax,
              "Size of the pool of transactions, in millions of bytes [300]"),
-      text("log-file", "FILE", &Options::log_file, &check_not_empty,
-           "Write every line here too, with its time; reopened on SIGHUP"),
+      path("log-file", "FILE", &Options::log_file, "Write every line here too, with its time; reopened on SIGHUP"),
       flag("rebuild", &Options::rebuild, "Compute index and state anew from the block files"),
       number("retarget-interval", "N", &Options::retarget_interval, 1, kUint32Max,
              "Private networks: blocks between difficulty adjustments [6]"),

@@ -27,6 +27,8 @@ struct OptionRow {
 
   // Stores checked values, at least one, replacing what was there.
   std::function<void(Options& options, std::span<const std::string> values)> store;
+
+  bool is_path = false;  // names a file or directory
 };
 
 const std::vector<OptionRow>& option_table();

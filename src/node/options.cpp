@@ -1,6 +1,7 @@
 #include "node/options.h"
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 
@@ -78,12 +79,14 @@ CommandLine parse_command_line(CLI::App& app, std::vector<std::string> arguments
   return line;
 }
 
-// Throws as read_settings().
+// Throws as read_settings(). Relative paths are taken from where the file is, so
+// that they mean the same to whoever reads it.
 ValuesByName read_config(const std::string& path, bool is_named) {
   const auto settings = read_settings(path);
   if (!settings && is_named) {
     throw std::runtime_error(path + ": No such file");
   }
+  const std::filesystem::path directory = std::filesystem::path(path).parent_path();
   ValuesByName values;
   for (const Setting& setting : settings.value_or(std::vector<Setting>())) {
     const OptionRow* row = find_option(setting.key);
@@ -99,7 +102,7 @@ ValuesByName read_config(const std::string& path, bool is_named) {
     if (setting.key == "datadir" && !is_named) {
       refuse_setting(path, setting, "datadir cannot stand in the data directory's own file");
     }
-    values[setting.key].push_back(setting.value);
+    values[setting.key].push_back(row->is_path ? (directory / setting.value).string() : setting.value);
   }
   return values;
 }

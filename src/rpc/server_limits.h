@@ -1,4 +1,8 @@
 // What one RPC server grants to all who connect to it, whatever they send.
+//
+// Bodies count with the bytes that have come. The text that holds one may have
+// reserved as much again, which no byte was written to and so takes no memory
+// beside addresses.
 
 #pragma once
 

@@ -97,6 +97,15 @@ TEST_F(FindNode, CommandLineOverFileOverDefault) {
   EXPECT_EQ(find("rpc-port = 0\n", {"--rpcport", "010"}).port, 10);
 }
 
+TEST_F(FindNode, RelativePathsOfTheFileAreTakenFromItsDirectory) {
+  std::ofstream(path("secret")) << "p w\n";
+  const CapturedStderr quiet;
+  const NodeAddress node = find("rpc-password-file = secret\nrpc-tls-cert = sub/cert.pem\n");
+  EXPECT_EQ(node.password, "p w");
+  EXPECT_EQ(node.ca_file, path("sub/cert.pem"));
+  EXPECT_EQ(find("", {"--rpc-ca", "here.pem"}).ca_file, "here.pem");
+}
+
 TEST_F(FindNode, NamesFileAndLineOfWhatIsWrong) {
   const auto reason = [this](const std::string& configuration) -> std::string {
     try {

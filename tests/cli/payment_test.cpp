@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <map>
 
 #include "cli/amount.h"
 #include "crypto/hex.h"
+#include "mempool/admission.h"
 #include "support/ledger_samples.h"
 
 namespace norvel::cli {
@@ -71,11 +73,48 @@ TEST(Payment, FeeAtTheEdgesOfWhatThereIs) {
   // Nothing is left for a fee by size, while none at all is a wish to be had.
   EXPECT_THROW(make_payment(order_of(2 * kCoin), sender(), spendable, {}), std::runtime_error);
   EXPECT_EQ(fee_of(make_payment(order_of(2 * kCoin, 0), sender(), spendable, {}), spendable), 0);
+  // Nodes may list an output twice.
+  SpendableOutputs repeated = outputs(1, kCoin);
+  repeated.push_back(repeated[0]);
+  EXPECT_EQ(runtime_error_of([&] { make_payment(order_of(kCoin), sender(), repeated, {}); }), "Insufficient funds");
   // What is too small for change is fee enough.
   const SpendableOutputs one = outputs(1, kCoin);
   const Transaction without_change = make_payment(order_of(kCoin - 3'000), sender(), one, {});
   EXPECT_EQ(without_change.outputs.size(), 1u);
   EXPECT_EQ(fee_of(without_change, one), 3'000);
+  // As much as the fee of a transaction without change, which another input would only raise.
+  const Transaction exact = make_payment(order_of(kCoin - 2'040), sender(), outputs(2, kCoin), {});
+  EXPECT_EQ(exact.inputs.size(), 1u);
+  EXPECT_EQ(fee_of(exact, outputs(2, kCoin)), 2'040);
+}
+
+// Each output brings hardly more than the fee of spending it, so that the fee grows with every input.
+TEST(Payment, ManySmallOutputsAreSignedOnce) {
+  const auto cpu_seconds = [](const PaymentOrder& order, const SpendableOutputs& spendable, size_t inputs) {
+    const std::clock_t start = std::clock();
+    EXPECT_EQ(make_payment(order, sender(), spendable, {}).inputs.size(), inputs);
+    return static_cast<double>(std::clock() - start);
+  };
+  constexpr int64_t kValue = 1'500;
+  const SpendableOutputs spendable = outputs(3'000, kValue);
+  const PaymentOrder order = order_of(4 * kValue);
+  const Transaction tx = make_payment(order, sender(), spendable, {});
+  const size_t inputs = tx.inputs.size();
+  EXPECT_GT(inputs, 200u);
+  EXPECT_GE(fee_of(tx, spendable), kFeeUnitsPerByte * static_cast<int64_t>(tx.size()));
+  const double once = cpu_seconds(order_of(order.amount, fee_of(tx, spendable)), spendable, inputs);
+  EXPECT_LT(cpu_seconds(order, spendable, inputs), 5 * once);
+}
+
+TEST(Payment, MoreInputsThanNodesRelayAreRefusedBeforeSigning) {
+  const SpendableOutputs spendable = outputs(kInputsMax + 1, kCoin);
+  const auto most = static_cast<int64_t>(kInputsMax) * kCoin;
+  for (const std::optional<int64_t> fee : {std::optional<int64_t>(), std::optional<int64_t>(1)}) {
+    EXPECT_EQ(runtime_error_of([&] { make_payment(order_of(most, fee), sender(), spendable, {}); }),
+              "The payment would need 2001 small outputs, and 2000 are the most that nodes relay; pay less, or first "
+              "to yourself");
+  }
+  static_assert(kInputsMax == kPolicySignatureChecksMax);
 }
 
 TEST(Payment, FeeOfASlipOfTheHandIsRefused) {

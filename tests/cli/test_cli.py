@@ -18,15 +18,17 @@ import pytest
 
 HERE = Path(__file__).parent
 sys.path.insert(0, str(HERE.parent / "functional"))
-from norvel_formats import Reader, address_of, hash_text, p2pkh, sha256d  # noqa: E402
+from norvel_formats import Reader, Tx, TxIn, TxOut, address_of, hash160, hash_text, p2pkh, sha256d  # noqa: E402
 
 CERTIFICATES = HERE / "certificates"
 PROGRAM = os.environ["NORVEL_CLI"]
 RECIPIENT = address_of(bytes(range(20)))
+COIN = 100_000_000
 
 
 class StandIn(socketserver.ThreadingTCPServer):
-    """Answers from `results` by method; an Exception there becomes an error reply, bytes go out as they are."""
+    """Answers from `results` by method, what is callable there given the parameters; an Exception becomes an error
+    reply, bytes go out as they are."""
 
     daemon_threads = True
     allow_reuse_address = True
@@ -43,8 +45,10 @@ class StandIn(socketserver.ThreadingTCPServer):
         self.port: int = self.server_address[1]
         threading.Thread(target=self.serve_forever, daemon=True).start()
 
-    def answer(self, method: str) -> bytes:
+    def answer(self, method: str, params: Any) -> bytes:
         result = self.results.get(method)
+        if callable(result):
+            result = result(*params)
         if isinstance(result, bytes):
             return result
         reply: Dict[str, Any] = {"id": "0", "jsonrpc": "2.0", "result": result}
@@ -66,7 +70,7 @@ class Handler(socketserver.BaseRequestHandler):
             call = json.loads(body)
             self.server.heads.append(head.decode())
             self.server.calls.append((call["method"], call["params"]))
-            sock.sendall(self.server.answer(call["method"]))
+            sock.sendall(self.server.answer(call["method"], call["params"]))
             sock.close()
         except (OSError, ValueError):
             pass  # a client that hung up
@@ -205,25 +209,29 @@ def test_keys_and_addresses_need_no_node(tmp_path: Path) -> None:
         assert cli(tmp_path, "validateaddress", spoilt)[0] == 1
 
 
-def pool_spending(txid: str) -> str:
-    """A transaction of the pool that spends output 0 of `txid`."""
-    spent = bytes.fromhex(txid)[::-1]
-    head = b"\1" + (1).to_bytes(4, "little") + bytes(8) + b"\1\0" + spent + bytes(4) + bytes(2) + bytes(1) + b"\xff" * 4
-    return (head + b"\1\0" + bytes(8) + b"\x19" + p2pkh(bytes(20)) + b"\0" + bytes(4)).hex()
+def paying(key_file: Path, coins: int) -> Tx:
+    """A transaction whose output 1 pays the key."""
+    public = next(line.split()[-1] for line in key_file.read_text().splitlines() if line.startswith("public"))
+    return Tx([TxIn(bytes(32), coins)], [TxOut(1, b"\x51"), TxOut(coins * COIN, p2pkh(hash160(bytes.fromhex(public))))])
 
 
-def payment_node(node: StandIn) -> None:
-    utxo = {"vout": 0, "value_nvl": 1}
+def payment_node(node: StandIn, key_file: Path) -> List[str]:
+    """The key has 9 coins that the pool spends already and 8 that it does not; their transactions' ids."""
+    made = [paying(key_file, coins) for coins in (9, 8)]
+    txids = [hash_text(sha256d(tx.encode())) for tx in made]
+    pool = [Tx([TxIn(sha256d(made[0].encode()), 1)], [TxOut(0, b"\x51")]), Tx([TxIn()], [TxOut(0, b"\x51")])]
+    known = dict(zip(["aa" * 32, "bb" * 32] + txids, pool + made))
     node.results = {"getmempoolinfo": {"size": 2}, "getrawmempool": ["aa" * 32, "bb" * 32],
-                    "getrawtransaction": pool_spending("11" * 32),
-                    "getutxos": [{**utxo, "txid": "11" * 32, "value": 900_000_000},
-                                 {**utxo, "txid": "22" * 32, "value": 800_000_000}],
+                    "getrawtransaction": lambda txid: known[txid].encode().hex(),
+                    "getutxos": [{"txid": txid, "vout": 1, "value": coins * COIN, "value_nvl": 1}
+                                 for txid, coins in zip(txids, (9, 8))],
                     "sendrawtransaction": {"accepted": True, "txid": "not ours"}}
+    return txids
 
 
 def test_send(node: StandIn, tmp_path: Path) -> None:
     path, address = new_key(tmp_path)
-    payment_node(node)
+    txids = payment_node(node, path)
     status, out, err = cli(tmp_path, "--rpcport", node.port, "send", path, RECIPIENT, "1.00000001", "--fee", "0.5")
     assert (status, err) == (0, "")
     tx = bytes.fromhex(dict(node.calls)["sendrawtransaction"][0])
@@ -232,7 +240,7 @@ def test_send(node: StandIn, tmp_path: Path) -> None:
     assert (reader.number(1), reader.number(4)) == (1, 1)
     assert abs(reader.number(8) - time.time()) < 60
     assert reader.number(2) == 1
-    assert reader.take(32) == bytes.fromhex("22" * 32), "what the pool spends already is left alone"
+    assert hash_text(reader.take(32)) == txids[1], "what the pool spends already is left alone"
     amounts = (b"%s" % (100_000_001).to_bytes(8, "little"), (800_000_000 - 150_000_001).to_bytes(8, "little"))
     assert amounts[0] + b"\x19" + p2pkh(bytes(range(20))) in tx and amounts[1] in tx
     assert ("getutxos", [address]) in node.calls
@@ -245,10 +253,32 @@ def test_send(node: StandIn, tmp_path: Path) -> None:
     assert cli(tmp_path, "--rpcport", node.port, "send", path, RECIPIENT, "1")[0] == 1
 
 
+def test_send_does_not_take_the_node_s_word(node: StandIn, tmp_path: Path) -> None:
+    """A smaller value than the output has would become the fee."""
+    path, _ = new_key(tmp_path)
+    (tmp_path / "elsewhere").mkdir()
+    other, _ = new_key(tmp_path / "elsewhere")
+    txids = payment_node(node, path)
+    told = node.results["getutxos"][1]
+    honest, transactions = dict(told), node.results["getrawtransaction"]
+    for label, lie in (("smaller", {"value": 2 * COIN}), ("another output", {"vout": 0, "value": 1}),
+                       ("no such output", {"vout": 2})):
+        told.update(lie)
+        status, out, err = cli(tmp_path, "--rpcport", node.port, "send", path, RECIPIENT, "0.00000001", "--fee", "0")
+        assert (status, out) == (1, "") and "not as it says" in err, (label, err)
+        told.update(honest)
+    for label, given in (("another transaction", paying(path, 7)), ("one to somebody else", paying(other, 8))):
+        node.results["getrawtransaction"] = lambda txid: (given.encode().hex() if txid == txids[1]  # noqa: B023
+                                                          else transactions(txid))
+        status, out, err = cli(tmp_path, "--rpcport", node.port, "send", path, RECIPIENT, "1")
+        assert (status, out) == (1, "") and "not as it says" in err, (label, err)
+    assert "sendrawtransaction" not in dict(node.calls)
+
+
 @pytest.mark.parametrize("answer, status", [(b"y\n", 0), (b"n\n", 1), (b"\n", 1), (b"\x04", 1)])
 def test_send_asks_at_a_terminal(node: StandIn, tmp_path: Path, answer: bytes, status: int) -> None:
     path, _ = new_key(tmp_path)
-    payment_node(node)
+    payment_node(node, path)
     ours, theirs = pty.openpty()
     os.write(ours, answer)
     done = subprocess.run([PROGRAM, "--datadir", tmp_path, "--rpcport", str(node.port), "send", path, RECIPIENT, "1"],

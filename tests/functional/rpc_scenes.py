@@ -30,11 +30,11 @@ def write_password(directory: str, password: str) -> str:
 
 
 def make_certificate(directory: str, name: str) -> Tuple[str, str]:
-    """Files of a certificate for 127.0.0.1 that signs itself, and of its key."""
+    """Files of a certificate for 127.0.0.1 and localhost that signs itself, and of its key."""
     certificate, key = (os.path.join(directory, f"{name}.{kind}") for kind in ("crt", "key"))
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                    "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-days", "2", "-keyout", key,
-                    "-out", certificate], check=True, capture_output=True, timeout=30)
+                    "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost", "-days", "2",
+                    "-keyout", key, "-out", certificate], check=True, capture_output=True, timeout=30)
     return certificate, key
 
 
@@ -129,11 +129,12 @@ class NormalClient:
     """
 
     def __init__(self, node: Node, memory_mib: int, connections: int = 256) -> None:
-        """`memory_mib`: growth allowed; a sanitizer's own is not bounded. `connections`: of the attack."""
+        """`memory_mib`: growth allowed; a sanitizer's own is not bounded. `connections`: of the attack; as many again
+        may have given way and be about to end."""
         self._node = node
         self._most = {"bytes": node.memory_bytes() + memory_mib * MIB if SLOW == 1 else sys.maxsize,
-                      "threads": node.thread_count() + connections + 16,
-                      "descriptors": node.descriptor_count() + connections + 16}
+                      "threads": node.thread_count() + 2 * connections + 16,
+                      "descriptors": node.descriptor_count() + 2 * connections + 16}
         self._faults: List[str] = []
         self._stopping = threading.Event()
         self._thread = threading.Thread(target=self._run, daemon=True)

@@ -89,6 +89,20 @@ TEST_F(MempoolFile, IsReadUpToItsDamage) {
   }
 }
 
+TEST_F(MempoolFile, LargeOneIsAnnouncedBeforeItsFirstRecord) {
+  ASSERT_TRUE(save_mempool(pool_, directory_.path(), 60'000));
+  const std::string whole = read_file();
+  const CapturedStderr quiet;
+  for (const size_t bytes : {999'999U, 1'000'000U}) {
+    write_file(whole + std::string(bytes - whole.size(), '\0'));
+    testing::internal::CaptureStdout();
+    loaded_count();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              std::string(bytes == 1'000'000 ? "[Node] Loading the pool: 1 MB of transactions to validate\n" : "") +
+                  "[Node] Pool loaded: 9 of 9 transaction(s) still valid\n");
+  }
+}
+
 TEST_F(MempoolFile, IsLeftAloneByAStopAndAFailedSave) {
   ASSERT_TRUE(save_mempool(pool_, directory_.path(), 60'000));
   const CapturedStderr quiet;

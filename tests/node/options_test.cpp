@@ -47,6 +47,21 @@ TEST_F(NodeOptions, TakesTheCommandLineOverTheFileOverTheDefaults) {
   EXPECT_FALSE(read({"--no-listen=false"}).options.no_listen);
 }
 
+TEST_F(NodeOptions, TakesRelativePathsOfTheFileFromItsDirectory) {
+  write("norvel.conf",
+        "rpc-user = u\nrpc-password-file = pw\nrpc-tls-cert = ../c\nrpc-tls-key = /k\nlog-file = log/node.log\n");
+  const Invocation got = read({});
+  ASSERT_EQ(got.error, "");
+  EXPECT_EQ(got.options.rpc_password_file, directory_ / "pw");
+  EXPECT_EQ(got.options.rpc_tls_cert, directory_ / "../c");
+  EXPECT_EQ(got.options.rpc_tls_key, "/k");
+  EXPECT_EQ(got.options.log_file, directory_ / "log/node.log");
+  EXPECT_EQ(read({"--log-file", "here.log"}).options.log_file, "here.log");
+
+  const Invocation named = read_options({"--config", write("other.conf", "datadir = data\n")});
+  EXPECT_EQ(named.options.data_dir, directory_ / "data");
+}
+
 TEST_F(NodeOptions, NamesFileAndLineOfABadSetting) {
   const struct {
     const char* text;

@@ -1,0 +1,156 @@
+// What a TLS peer that stalls can cost: every stage of an exchange ends in time.
+
+#include "cli/tls_exchange.h"
+
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "cli/failures.h"
+#include "rpc/loopback_server.h"
+#include "rpc/raw_client.h"
+
+namespace norvel::cli {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr rpc::ExchangeTimeouts kShort{.step_ms = 200, .whole_ms = 600};
+constexpr std::chrono::seconds kBound{5};  // of what takes 0.6 s at most
+
+const std::string kCertificate = NORVEL_TEST_CERTIFICATES "/own.pem";
+const std::string kKey = NORVEL_TEST_CERTIFICATES "/own.key.pem";
+
+struct Outcome {
+  std::optional<std::string> body;  // nothing: ConnectionError
+  bool is_in_time = false;
+};
+
+Outcome ask(uint16_t port, size_t request_bytes = 10) {
+  std::signal(SIGPIPE, SIG_IGN);  // as the program does
+  const auto start = Clock::now();
+  Outcome outcome;
+  try {
+    outcome.body =
+        send_tls_request({"127.0.0.1", port, "127.0.0.1", kCertificate}, std::string(request_bytes, 'x'), kShort)
+            .body();
+  } catch (const ConnectionError&) {
+  }
+  outcome.is_in_time = Clock::now() - start < kBound;
+  return outcome;
+}
+
+// Returns when the client has hung up.
+void wait_for_end(int fd) {
+  std::array<char, 4'096> dropped;
+  while (rpc::wait_readable(fd) && ::recv(fd, dropped.data(), dropped.size(), 0) > 0) {
+  }
+}
+
+// Accepts one connection and does what `serve` says with its TLS session, which is null without TLS.
+class TlsPeerThread {
+ public:
+  using Serve = std::function<void(SSL*, int fd)>;
+
+  TlsPeerThread(bool shakes_hands, Serve serve)
+      : thread_([this, shakes_hands, serve = std::move(serve)] {
+          const int fd = rpc::wait_readable(listener_.fd()) ? ::accept(listener_.fd(), nullptr, nullptr) : -1;
+          SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
+          SSL_CTX_use_certificate_chain_file(context, kCertificate.c_str());
+          SSL_CTX_use_PrivateKey_file(context, kKey.c_str(), SSL_FILETYPE_PEM);
+          SSL* const session = shakes_hands ? SSL_new(context) : nullptr;
+          if (session == nullptr || (SSL_set_fd(session, fd) == 1 && SSL_accept(session) == 1)) {
+            serve(session, fd);
+          }
+          SSL_free(session);
+          SSL_CTX_free(context);
+          ::close(fd);
+        }) {}
+  ~TlsPeerThread() { thread_.join(); }
+
+  uint16_t port() const { return listener_.port(); }
+
+ private:
+  const rpc::Listener listener_;
+  std::thread thread_;
+};
+
+TEST(TlsExchange, PeerThatNeverShakesHandsIsLeft) {
+  const TlsPeerThread silent(false, [](SSL*, int fd) { wait_for_end(fd); });
+  const Outcome outcome = ask(silent.port());
+  EXPECT_EQ(outcome.body, std::nullopt);
+  EXPECT_TRUE(outcome.is_in_time);
+}
+
+TEST(TlsExchange, PeerThatDribblesItsHandshakeIsLeft) {
+  // The header of a handshake record of 16,384 bytes, then one byte each time.
+  const TlsPeerThread slow(false, [](SSL*, int fd) {
+    rpc::send_text(fd, {"\x16\x03\x03\x40\x00", 5});
+    while (::send(fd, "\2", 1, MSG_NOSIGNAL) == 1) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  });
+  const Outcome outcome = ask(slow.port());
+  EXPECT_EQ(outcome.body, std::nullopt);
+  EXPECT_TRUE(outcome.is_in_time);
+}
+
+TEST(TlsExchange, PeerThatHardlyReadsIsLeft) {
+  constexpr size_t kMoreThanSocketsHold = 64'000'000;
+  for (const bool reads_a_little : {false, true}) {
+    SCOPED_TRACE(reads_a_little);
+    std::atomic<bool> is_done{false};
+    const TlsPeerThread slow(true, [&](SSL* session, int) {
+      std::array<char, 16'384> dropped;
+      while (!is_done && (!reads_a_little || SSL_read(session, dropped.data(), dropped.size()) > 0)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    });
+    const Outcome outcome = ask(slow.port(), kMoreThanSocketsHold);
+    is_done = true;
+    EXPECT_EQ(outcome.body, std::nullopt);
+    EXPECT_TRUE(outcome.is_in_time);
+  }
+}
+
+TEST(TlsExchange, ReplyThatNeverEndsIsCutWhereItStands) {
+  std::atomic<bool> is_done{false};
+  const TlsPeerThread endless(true, [&](SSL* session, int) {
+    SSL_write(session, "HTTP/1.1 200 OK\r\n\r\n", 19);
+    while (!is_done && SSL_write(session, "z", 1) == 1) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  });
+  const Outcome outcome = ask(endless.port());
+  is_done = true;
+  EXPECT_TRUE(outcome.body && outcome.body->starts_with("zz"));
+  EXPECT_TRUE(outcome.is_in_time);
+}
+
+TEST(TlsExchange, AddressThatTakesNoConnectionIsLeft) {
+  const rpc::Listener full;
+  ::listen(full.fd(), 0);
+  std::vector<int> waiting;  // more than the queue holds, so that the next gets no answer
+  for (int i = 0; i < 4; ++i) {
+    waiting.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const sockaddr_in address = rpc::loopback_address("127.0.0.1", full.port());
+    ::connect(waiting.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  }
+  const Outcome outcome = ask(full.port());
+  EXPECT_EQ(outcome.body, std::nullopt);
+  EXPECT_TRUE(outcome.is_in_time);
+  for (const int fd : waiting) {
+    ::close(fd);
+  }
+}
+
+}  // namespace
+}  // namespace norvel::cli
