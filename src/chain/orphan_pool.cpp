@@ -6,20 +6,14 @@
 
 namespace norvel {
 
-namespace {
-
-// A coinbase says its block's height, under the block's hash, unlike the height
-// field. No rule demands it, but every block made in earnest keeps to it.
-bool is_height_plausible(const Block& block) {
+bool OrphanPool::is_height_plausible(const Block& block) {
   if (block.transactions.empty() || block.transactions.front().inputs.empty()) {
     return false;
   }
   const Bytes& data = block.transactions.front().inputs.front().signature;
   size_t offset = 0;
-  return data.size() >= 4 && read_le<uint32_t>(data, offset) == block.height;
+  return data.size() >= sizeof block.height && read_le<uint32_t>(data, offset) == block.height;
 }
-
-}  // namespace
 
 bool OrphanPool::park(const Block& block, uint64_t now_s) {
   Entry entry{block.get_hash(), block.header.prev_hash, block.serialize(), now_s, is_height_plausible(block)};

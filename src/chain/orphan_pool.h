@@ -30,6 +30,10 @@ class OrphanPool {
   static constexpr size_t kTwinsMax = 4;
   static constexpr uint64_t kAgeMaxSeconds = 600;
 
+  // A coinbase says its block's height, under the block's hash, unlike the height
+  // field. No rule demands it, but every block made in earnest keeps to it.
+  static bool is_height_plausible(const Block& block);
+
   // Parks a copy; false when a limit keeps it out. Every transaction of the block
   // fits its byte format. `now_s` is any steady clock in seconds.
   bool park(const Block& block, uint64_t now_s);

@@ -1,6 +1,7 @@
 #include "crypto/hash.h"
 
 #include <array>
+#include <new>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -37,9 +38,13 @@ class Hasher {
 };
 
 // The fetched algorithms are never freed, so that a thread may hash to the end.
-Hasher& sha256_hasher() {
+const EVP_MD* sha256_algorithm() {
   static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-  static thread_local Hasher hasher(algorithm);
+  return algorithm;
+}
+
+Hasher& sha256_hasher() {
+  static thread_local Hasher hasher(sha256_algorithm());
   return hasher;
 }
 
@@ -68,6 +73,36 @@ uint256 hash256(ByteView data) {
   uint256 digest;
   sha256_to(inner, digest.bytes(), "hash256");
   return digest;
+}
+
+struct Hash256Prefix::State {
+  DigestContext context{EVP_MD_CTX_new()};
+};
+
+Hash256Prefix::Hash256Prefix(ByteView prefix) : state_(std::make_unique<State>()) {
+  if (sha256_algorithm() == nullptr) {
+    throw std::runtime_error("hash256: digest failed");
+  }
+  EVP_MD_CTX* const context = state_->context.get();
+  if (context == nullptr || EVP_DigestInit_ex2(context, sha256_algorithm(), nullptr) != 1 ||
+      EVP_DigestUpdate(context, prefix.data(), prefix.size()) != 1) {
+    throw std::bad_alloc();
+  }
+}
+
+Hash256Prefix::~Hash256Prefix() = default;
+Hash256Prefix::Hash256Prefix(Hash256Prefix&&) noexcept = default;
+Hash256Prefix& Hash256Prefix::operator=(Hash256Prefix&&) noexcept = default;
+
+uint256 Hash256Prefix::finish(ByteView end) const {
+  const DigestContext copy{EVP_MD_CTX_new()};
+  uint256 inner;
+  if (copy == nullptr || EVP_MD_CTX_copy_ex(copy.get(), state_->context.get()) != 1 ||
+      EVP_DigestUpdate(copy.get(), end.data(), end.size()) != 1 ||
+      EVP_DigestFinal_ex(copy.get(), inner.bytes().data(), nullptr) != 1) {
+    throw std::bad_alloc();
+  }
+  return sha256(inner.bytes());
 }
 
 Bytes hash160(ByteView data) {

@@ -10,6 +10,8 @@
 
 #pragma once
 
+#include <memory>
+
 #include "core/bytes.h"
 #include "core/uint256.h"
 
@@ -19,6 +21,23 @@ uint256 sha256(ByteView data);
 
 // SHA-256 of the SHA-256 digest.
 uint256 hash256(ByteView data);
+
+// hash256 of many byte strings that begin alike: the common part is hashed once.
+// Throws std::bad_alloc as well. Threads: finish() from any.
+class Hash256Prefix {
+ public:
+  explicit Hash256Prefix(ByteView prefix);
+  ~Hash256Prefix();
+  Hash256Prefix(Hash256Prefix&&) noexcept;
+  Hash256Prefix& operator=(Hash256Prefix&&) noexcept;
+
+  // hash256 of the prefix followed by `end`.
+  uint256 finish(ByteView end) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
 
 // RIPEMD-160 of the SHA-256 digest, 20 bytes.
 Bytes hash160(ByteView data);

@@ -83,7 +83,7 @@ bool AddressBook::add(const KnownPeer& peer) {
 void AddressBook::add_seed(const std::string& host, uint16_t port) {
   const std::string key = make_key(host, port);
   const MutexLock lock(mutex_);
-  if (is_own(key)) {
+  if (dialled_self_.keys.contains(key)) {
     return;
   }
   KnownPeer peer{.address = host, .port = port, .last_seen = clock_.now()};
@@ -128,13 +128,21 @@ void AddressBook::mark_self(const std::string& key, const std::string& other_key
   } else {
     told_self_.insert(key);
   }
-  erase(key);
-  erase(other_key);
+  for (const std::string& own : {key, other_key}) {
+    if (dialled || !is_seed(own)) {
+      erase(own);
+    }
+  }
 }
 
 bool AddressBook::is_self(const std::string& key) const {
   const MutexLock lock(mutex_);
   return is_own(key);
+}
+
+bool AddressBook::was_reached_as_self(const std::string& key) const {
+  const MutexLock lock(mutex_);
+  return dialled_self_.keys.contains(key);
 }
 
 size_t AddressBook::size() const {
@@ -210,6 +218,11 @@ void AddressBook::OwnKeys::insert(const std::string& key) {
 
 bool AddressBook::is_own(const std::string& key) const {
   return dialled_self_.keys.contains(key) || told_self_.keys.contains(key);
+}
+
+bool AddressBook::is_seed(const std::string& key) const {
+  const auto at = known_.find(key);
+  return at != known_.end() && at->second.peer.seed;
 }
 
 void AddressBook::insert(const std::string& key, const KnownPeer& peer) {

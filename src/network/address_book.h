@@ -8,7 +8,8 @@
 //   1. At most kKnownPeersMax addresses, and of one /16 outside private ranges at
 //      most kKnownPeersPerGroupMax; the least recently seen leave first, seeds stay.
 //   2. No address that was found to be this node's own is known, of the last
-//      kSelfAddressesMax that were found by dialling them and as many that were told.
+//      kSelfAddressesMax that were found by dialling them and as many that were
+//      told; of the latter seeds stay, for who shares their address could tell.
 //
 // Threads: safe from any thread; files are read and written without the lock of
 // the addresses.
@@ -53,7 +54,8 @@ class AddressBook {
   // known now. One that claims to have been seen in the future ranks as seen now.
   bool add(const KnownPeer& peer) EXCLUDES(mutex_);
 
-  // Records the node, or marks the record it has: seeds are never left out.
+  // Records the node, or marks the record it has: seeds are never left out, unless
+  // this node dialled them and reached itself.
   void add_seed(const std::string& host, uint16_t port) EXCLUDES(mutex_);
 
   // After a VERSION from `ip` that announces `port`: makes or refreshes that
@@ -64,10 +66,14 @@ class AddressBook {
 
   // `key` is this node itself; it and `other_key` are known no longer. `dialled`:
   // this node reached itself, so `other_key`, which it dialled, is its own too, and
-  // what anybody who connects may claim does not push them out.
+  // what anybody who connects may claim does not push them out. What was only told
+  // leaves seeds known.
   void mark_self(const std::string& key, const std::string& other_key, bool dialled) EXCLUDES(mutex_);
 
   bool is_self(const std::string& key) const EXCLUDES(mutex_);
+
+  // The same, but only by what this node found when it dialled.
+  bool was_reached_as_self(const std::string& key) const EXCLUDES(mutex_);
 
   size_t size() const EXCLUDES(mutex_);
 
@@ -106,6 +112,7 @@ class AddressBook {
   bool is_own(const std::string& key) const REQUIRES(mutex_);
   void insert(const std::string& key, const KnownPeer& peer) REQUIRES(mutex_);
   void erase(const std::string& key) REQUIRES(mutex_);
+  bool is_seed(const std::string& key) const REQUIRES(mutex_);
   void trim(const std::string& group) REQUIRES(mutex_);
 
   const NetworkClock& clock_;

@@ -90,7 +90,7 @@ bool BlockRelay::validate_and_relay_block(const Block& block, const PeerPtr& sen
   if (!accepted) {
     delivery = describe_refusal(block, report);
   }
-  outcome = sync_.delivered(sender, delivery, context_.clock.now_ms());
+  outcome = sync_.delivered(sender, delivery, context_.clock.heard_ms());
   if (delivery.fate == Fate::ORPHAN) {
     request_missing_parent(block, sender, outcome.parent_is_nowhere && delivery.has_work);
   } else if (!accepted && delivery.fate != Fate::KNOWN) {
@@ -136,7 +136,7 @@ BlockSync::Delivery BlockRelay::describe_refusal(const Block& block, const Block
   delivery.has_work = has_work(block);
   if (report.fate == BlockFate::ORPHAN) {
     delivery.fate = Fate::ORPHAN;
-    delivery.parked = report.parked;
+    delivery.parked = report.parked && OrphanPool::is_height_plausible(block);  // a twin is not what the hash names
     delivery.parent_known = context_.chain->has_block(block.header.prev_hash);
   } else if (report.fate == BlockFate::INVALID && hash_binds_body(block)) {
     delivery.fate = Fate::VERDICT;
@@ -150,7 +150,7 @@ void BlockRelay::request_missing_parent(const Block& block, const PeerPtr& sende
   PeerPtr asked;
   request_from_tip(at_once, &asked);
   if (sender && asked != sender) {
-    sync_.ask_sender_later(sender, context_.clock.now_ms());
+    sync_.ask_sender_later(sender, context_.clock.heard_ms());
   }
 }
 
@@ -170,7 +170,7 @@ std::vector<InvVector> BlockRelay::receive_inv(const PeerPtr& peer, const Bytes&
     }
   }
   inv.our_height = context_.chain != nullptr ? context_.chain->get_best_height() : 0;
-  const BlockSync::InvOutcome outcome = sync_.receive_inv(peer, inv, context_.clock.now_ms());
+  const BlockSync::InvOutcome outcome = sync_.receive_inv(peer, inv, context_.clock.heard_ms());
   if (outcome.ask) {
     send(*outcome.ask);
   }
@@ -187,7 +187,7 @@ bool BlockRelay::is_known(const InvVector& item) const {
 }
 
 BlockSync::Request BlockRelay::check_request(const PeerPtr& peer, const InvVector& item) {
-  const int64_t now_ms = context_.clock.now_ms();
+  const int64_t now_ms = context_.clock.heard_ms();
   if (!is_known(item)) {
     return item.type == kInvBlock ? sync_.check_request(peer, item.hash, now_ms) : BlockSync::Request::SEND;
   }
@@ -200,7 +200,7 @@ BlockSync::Request BlockRelay::check_request(const PeerPtr& peer, const InvVecto
 }
 
 void BlockRelay::requested(const PeerPtr& peer, const InvVector& item) {
-  sync_.requested(peer, item, context_.clock.now_ms());
+  sync_.requested(peer, item, context_.clock.heard_ms());
 }
 
 void BlockRelay::check_sync_with_peer(const PeerPtr& peer) {
@@ -244,13 +244,13 @@ void BlockRelay::push_missing_blocks_to_peer(const PeerPtr& peer) {
 // ---- Requests
 
 void BlockRelay::request_blocks(const uint256& start, const uint256& stop) {
-  if (const PeerPtr peer = sync_.choose(context_.peers.handshaken_peers(), context_.clock.now_ms())) {
+  if (const PeerPtr peer = sync_.choose(context_.peers.handshaken_peers(), context_.clock.heard_ms())) {
     send({peer, Ask::From::TIP, 0, {}, false}, start, stop);
   }
 }
 
 void BlockRelay::request_from_tip(bool urgent, PeerPtr* asked) {
-  const PeerPtr peer = sync_.choose(context_.peers.handshaken_peers(), context_.clock.now_ms());
+  const PeerPtr peer = sync_.choose(context_.peers.handshaken_peers(), context_.clock.heard_ms());
   if (peer) {
     send({peer, Ask::From::TIP, 0, {}, urgent});
   }
@@ -260,7 +260,7 @@ void BlockRelay::request_from_tip(bool urgent, PeerPtr* asked) {
 }
 
 void BlockRelay::tick() {
-  for (const Ask& ask : sync_.tick(context_.peers.handshaken_peers(), context_.clock.now_ms())) {
+  for (const Ask& ask : sync_.tick(context_.peers.handshaken_peers(), context_.clock.heard_ms())) {
     send(ask);
   }
 }
@@ -281,7 +281,7 @@ void BlockRelay::send(const Ask& ask) {
 void BlockRelay::send(const Ask& ask, const uint256& start, const uint256& stop) {
   const auto entry = context_.chain != nullptr ? context_.chain->get_block_index(start) : std::nullopt;
   const uint32_t start_height = entry ? entry->height : std::numeric_limits<uint32_t>::max();
-  const int64_t now_ms = context_.clock.now_ms();
+  const int64_t now_ms = context_.clock.heard_ms();
   if (sync_.begin(ask, start, start_height, now_ms) &&
       !context_.peers.send_message_to_peer(ask.peer, {MessageType::GETBLOCKS, encode_get_blocks({start, stop})})) {
     sync_.take_back(ask, start, now_ms);

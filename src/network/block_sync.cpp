@@ -38,8 +38,12 @@ BlockSync::PeerPtr BlockSync::choose_locked(const std::vector<PeerPtr>& peers, i
       asked_min_ms = state.last_asked_ms;
     }
   }
-  const bool takes_turns = all_discredited || (is_fruitless(now_ms) && (in_turn_ || highest_is_busy));
-  return takes_turns && longest_idle ? longest_idle : highest;
+  const bool takes_turns = all_discredited || batch_failed_ || (is_fruitless(now_ms) && (in_turn_ || highest_is_busy));
+  if (!takes_turns || !longest_idle) {
+    return highest;
+  }
+  batch_failed_ = false;
+  return longest_idle;
 }
 
 bool BlockSync::is_fruitless(int64_t now_ms) const {
@@ -143,7 +147,7 @@ std::vector<BlockSync::Ask> BlockSync::tick(const std::vector<PeerPtr>& peers, i
   for (auto at = states_.begin(); at != states_.end();) {
     const PeerPtr peer = at->first.lock();
     if (!peer || peer->is_closed) {
-      at = states_.erase(at);
+      at = leave(at);
       continue;
     }
     PeerState& state = (at++)->second;
@@ -171,7 +175,14 @@ std::vector<BlockSync::Ask> BlockSync::tick(const std::vector<PeerPtr>& peers, i
 
 void BlockSync::forget(const PeerPtr& peer) {
   const MutexLock lock(mutex_);
-  states_.erase(peer);
+  if (const auto at = states_.find(peer); at != states_.end()) {
+    leave(at);
+  }
+}
+
+BlockSync::States::iterator BlockSync::leave(States::iterator at) {
+  batch_failed_ = batch_failed_ || !at->second.owed.empty();
+  return states_.erase(at);
 }
 
 void BlockSync::expire(PeerState& state, int64_t now_ms) {
@@ -187,6 +198,7 @@ void BlockSync::expire(PeerState& state, int64_t now_ms) {
     state.owed.clear();
     state.continues = false;
     state.discredited_until_ms = now_ms + kDiscreditMs;
+    batch_failed_ = true;
   }
   if (!state.in_flight.empty() && now_ms >= state.moving_ms + kDeliveryWaitMs) {
     state.in_flight.clear();

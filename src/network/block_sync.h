@@ -10,6 +10,9 @@
 // waiting by receive_inv() -> in flight by requested() -> come by delivered() or
 // not_needed(), or forgotten with all others when 30 s passed without any.
 //
+// Times are milliseconds in which peers could be heard (NetworkClock): an answer
+// that waits in a socket while a block is validated is not late.
+//
 // Threads: safe from any thread; one mutex, a leaf.
 
 #pragma once
@@ -103,7 +106,7 @@ class BlockSync {
     uint32_t height = 0;  // of a block TAKEN or KNOWN
     Fate fate = Fate::REFUSED;
     bool has_work = false;      // proof of work for allowed bits
-    bool parked = false;        // an ORPHAN that the chain may keep
+    bool parked = false;        // an ORPHAN that the chain may keep, as its maker made it
     bool parent_known = false;  // of an ORPHAN
     bool connected = false;     // a block TAKEN that is on the active chain now
   };
@@ -125,7 +128,8 @@ class BlockSync {
   // with the height it has proven; when all are, the one asked longest ago. After
   // a request from our tip that brought nothing, every second choice, and any
   // that would have to wait, is the idle one asked longest ago, whatever its
-  // height; a newcomer counts as asked when it came, so that reconnecting gains
+  // height; so is the first after a peer left or ran out of time with blocks of its
+  // batch owed. A newcomer counts as asked when it came, so that reconnecting gains
   // nothing. Null for no peers.
   PeerPtr choose(const std::vector<PeerPtr>& peers, int64_t now_ms) EXCLUDES(mutex_);
 
@@ -228,6 +232,7 @@ class BlockSync {
   void note_arrival(PeerState& state, const uint256& block, int64_t now_ms) REQUIRES(mutex_);
   void forget_batch(PeerState& state) REQUIRES(mutex_);
   void expire(PeerState& state, int64_t now_ms) REQUIRES(mutex_);
+  States::iterator leave(States::iterator at) REQUIRES(mutex_);
   bool is_parked(const uint256& hash, int64_t now_ms) const REQUIRES(mutex_);
   void park(const Delivery& block, int64_t now_ms) REQUIRES(mutex_);
   std::vector<InvVector> select_wanted(PeerState& state, const Inv& inv, bool& complete, int64_t now_ms)
@@ -251,6 +256,8 @@ class BlockSync {
   int64_t tip_asked_ms_ GUARDED_BY(mutex_) = 0;  // 0: the chain has grown since
   uint32_t fruitless_count_ GUARDED_BY(mutex_) = 0;
   bool in_turn_ GUARDED_BY(mutex_) = false;  // the next goes to the one asked longest ago
+
+  bool batch_failed_ GUARDED_BY(mutex_) = false;  // a peer did not bring all of its batch; the same follows
 };
 
 }  // namespace norvel::network

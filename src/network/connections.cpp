@@ -48,7 +48,7 @@ bool Connections::admit_inbound(FileDescriptor connection, const std::string& ip
     log_.error("eclipse guard", admission.refusal);
     return false;
   }
-  const auto peer = std::make_shared<Peer>(std::move(connection), ip, port, false, clock_.now_ms());
+  const auto peer = std::make_shared<Peer>(std::move(connection), ip, port, false, clock_.now_ms(), clock_.heard_ms());
   return enter(peer, std::move(admission.slot), limits_.inbound_max);
 }
 
@@ -66,7 +66,7 @@ std::optional<SubnetGuard::Slot> Connections::reserve_outbound(const std::string
 
 PeerPtr Connections::add_outbound(FileDescriptor connection, const std::string& ip, uint16_t port,
                                   SubnetGuard::Slot slot) {
-  auto peer = std::make_shared<Peer>(std::move(connection), ip, port, true, clock_.now_ms());
+  auto peer = std::make_shared<Peer>(std::move(connection), ip, port, true, clock_.now_ms(), clock_.heard_ms());
   return enter(peer, std::move(slot), limits_.outbound_max) ? peer : nullptr;
 }
 

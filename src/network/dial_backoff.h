@@ -1,5 +1,6 @@
 // When an address may be dialled again: each dial doubles the delay until the
-// next one, a completed handshake starts over.
+// next one, a completed handshake starts over. And which addresses a handshake was
+// completed with, whatever the address book has had to make room for since.
 //
 // Threads: safe from any thread.
 
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "core/sync.h"
 #include "network/network_clock.h"
@@ -21,28 +23,36 @@ inline constexpr int64_t kDialDelayMaxMs = 30 * 60'000;
 // For hosts that the operator named, and for all while no peer that was dialled is up.
 inline constexpr int64_t kDialDelayUrgentMs = 60'000;
 
-inline constexpr size_t kDialRecordsMax = 40'000;  // beyond it those not dialled for longest are forgotten
+// Beyond it those not dialled for longest are forgotten, first of them those that were never reached.
+inline constexpr size_t kDialRecordsMax = 40'000;
 
 class DialBackoff {
  public:
+  struct Past {
+    int64_t last_ms = 0;   // NetworkClock, of the last dial or completed handshake; 0 when none is remembered
+    bool reached = false;  // a handshake was completed, and it named itself as it was dialled
+  };
+
   explicit DialBackoff(const NetworkClock& clock) : clock_(clock) {}
 
   // Whether the delay of `key`, at most `delay_max_ms`, is over.
   bool may_dial(const std::string& key, int64_t delay_max_ms) const EXCLUDES(mutex_);
 
-  // Milliseconds, NetworkClock, of the last dial or completed handshake; 0 when none
-  // is remembered.
-  int64_t last_dial_ms(const std::string& key) const EXCLUDES(mutex_);
+  Past past(const std::string& key) const EXCLUDES(mutex_);
+
+  // Keys of those that were reached, in their order.
+  std::vector<std::string> list_reached() const EXCLUDES(mutex_);
 
   void note_dial(const std::string& key) EXCLUDES(mutex_);
 
   // The next dial waits kDialDelayMinMs from now.
-  void note_success(const std::string& key) EXCLUDES(mutex_);
+  void note_success(const std::string& key, bool reached) EXCLUDES(mutex_);
 
  private:
   struct Record {
     int64_t since_ms = 0;
     int64_t delay_ms = 0;
+    bool reached = false;
   };
 
   void make_room() REQUIRES(mutex_);

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <exception>
 #include <utility>
+#include <vector>
 
 #include "core/console.h"
 #include "network/address_text.h"
@@ -126,7 +127,7 @@ bool Dialler::dial(const std::string& host, uint16_t port, Urgency urgency) {
 bool Dialler::dial_now(const std::string& host, uint16_t port, Urgency urgency) {
   const std::string key = make_key(host, port);
   const InFlight flight(*this, key);
-  if (!flight.admitted() || stop_.is_raised() || book_.is_self(key) || !connections_.has_outbound_room() ||
+  if (!flight.admitted() || stop_.is_raised() || is_self(key, urgency) || !connections_.has_outbound_room() ||
       !is_due(key, urgency)) {
     return false;
   }
@@ -181,11 +182,16 @@ bool Dialler::is_due(const std::string& key, Urgency urgency) const {
   return backoff_.may_dial(key, urgent ? kDialDelayUrgentMs : kDialDelayMaxMs);
 }
 
+// What others told counts for nothing against what the operator named.
+bool Dialler::is_self(const std::string& key, Urgency urgency) const {
+  return urgency == Urgency::URGENT ? book_.was_reached_as_self(key) : book_.is_self(key);
+}
+
 // Whether it is neither connected nor this node itself. Who asks for this node's
 // own listener by name gets it, and the handshake finds out.
 bool Dialler::is_wanted(const std::string& ip, uint16_t port, Urgency urgency) const {
   const std::string key = make_key(ip, port);
-  return !connections_.table().connected_keys().contains(key) && !book_.is_self(key) &&
+  return !connections_.table().connected_keys().contains(key) && !is_self(key, urgency) &&
          (urgency == Urgency::NOW || !listener_.is_own(ip, port));
 }
 
@@ -238,6 +244,23 @@ void Dialler::bind_outbound(int fd) const {
   }
 }
 
+void Dialler::note_success(const Peer& peer) {
+  const std::string key = make_key(peer.address, peer.dialled_port);
+  std::vector<std::string> names;
+  {
+    const MutexLock lock(mutex_);
+    for (const auto& [name_key, ip_key] : resolved_) {
+      if (ip_key == key) {
+        names.push_back(name_key);
+      }
+    }
+  }
+  backoff_.note_success(key, peer.port == peer.dialled_port);
+  for (const std::string& name_key : names) {
+    backoff_.note_success(name_key, false);
+  }
+}
+
 void Dialler::enqueue(const std::string& host, uint16_t port, Urgency urgency) {
   if (stop_.is_raised()) {
     return;
@@ -251,6 +274,15 @@ void Dialler::enqueue(const std::string& host, uint16_t port, Urgency urgency) {
     add_job(std::move(job));
   }
   start_worker();
+}
+
+void Dialler::drop_waiting() {
+  const MutexLock lock(mutex_);
+  std::erase_if(queue_, [](const Job& job) { return job.urgency == Urgency::NORMAL; });
+  queued_.clear();
+  for (const Job& job : queue_) {
+    queued_.insert(job.key);
+  }
 }
 
 void Dialler::add_job(Job job) {

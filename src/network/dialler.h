@@ -72,9 +72,17 @@ class Dialler {
   // peer, when kDialsMax dials are under way, or when nobody answers.
   bool dial(const std::string& host, uint16_t port, Urgency urgency) EXCLUDES(mutex_);
 
+  // The handshake with a peer that was dialled is complete: its delays start over,
+  // those of names that stood for it included.
+  void note_success(const Peer& peer) EXCLUDES(mutex_);
+
   // Dials later; left out when it waits already or the queue is full. Urgent ones
   // come before the others and push one of those out of a full queue.
   void enqueue(const std::string& host, uint16_t port, Urgency urgency) EXCLUDES(mutex_);
+
+  // Forgets those that wait, but for the urgent ones: for a caller who names all
+  // that is due anew, in the order that counts now.
+  void drop_waiting() EXCLUDES(mutex_);
 
  private:
   struct Job {
@@ -90,6 +98,7 @@ class Dialler {
   bool dial_now(const std::string& host, uint16_t port, Urgency urgency) EXCLUDES(mutex_);
   bool dial_name(const std::string& name, uint16_t port, Urgency urgency) EXCLUDES(mutex_);
   bool is_due(const std::string& key, Urgency urgency) const;
+  bool is_self(const std::string& key, Urgency urgency) const;
   bool is_wanted(const std::string& ip, uint16_t port, Urgency urgency) const;
   bool dial_resolved(const std::string& ip, uint16_t port);
   FileDescriptor connect(const std::string& ip, uint16_t port);

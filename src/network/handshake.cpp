@@ -100,6 +100,9 @@ void Handshake::leave_self(const PeerPtr& peer, uint16_t announced_port) {
   const std::string key = make_key(peer->address, announced_port);
   const std::string connection_key = key_of_peer(*peer);
   parts_.book.mark_self(key, connection_key, peer->outbound);
+  if (!peer->outbound && parts_.connections.table().is_greeting(peer->address, announced_port)) {
+    parts_.book.mark_self(key, key, true);  // the other end of a dial of this node's
+  }
   parts_.log.out("self-connection",
                  "[Network] Self-connect detectado (" + key + " somos nosotros): cerrando y vetando la direccion");
   parts_.connections.disconnect(*peer);
@@ -128,7 +131,7 @@ void Handshake::on_verack(const PeerPtr& peer) {
 
 void Handshake::complete(const PeerPtr& peer) {
   if (peer->outbound) {
-    parts_.backoff.note_success(make_key(peer->address, peer->dialled_port));
+    parts_.dialler.note_success(*peer);
   }
   parts_.relay.check_sync_with_peer(peer);
   if (pool_ != nullptr && !peer->mempool_requested.exchange(true)) {

@@ -11,7 +11,6 @@
 #include "mempool/mempool.h"
 #include "network/address_book.h"
 #include "network/connections.h"
-#include "network/dial_backoff.h"
 #include "network/dialler.h"
 #include "network/log_limiter.h"
 #include "network/message.h"
@@ -30,7 +29,6 @@ class Handshake {
     const NetworkCallbacks& callbacks;
     Connections& connections;
     AddressBook& book;
-    DialBackoff& backoff;
     Dialler& dialler;
     Relay& relay;
   };

@@ -26,9 +26,6 @@ constexpr std::chrono::milliseconds kPeerTime{5};
 // everybody else's are answered however many peers send them.
 constexpr std::chrono::milliseconds kCostlyTime{200};
 
-// A pass that lasted longer excuses the peers' silence.
-constexpr int64_t kStallMs = 1'000;
-
 constexpr size_t kWriteChunkBytes = 65'536;
 
 // What stays reserved for a receive buffer between two large messages.
@@ -41,11 +38,6 @@ constexpr uint32_t kBadMagicPoints = 20;
 constexpr uint32_t kOversizedPoints = 50;
 constexpr uint32_t kUndecodablePoints = 10;
 constexpr uint32_t kSpamPoints = 2;
-
-int64_t steady_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 bool would_block(int error) {
   return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -78,8 +70,8 @@ bool guarded(LogLimiter& log, Step step) {
 
 }  // namespace
 
-MessageHandler::MessageHandler(const NetworkClock& clock, LogLimiter& log, Connections& connections,
-                               Handshake& handshake, Relay& relay)
+MessageHandler::MessageHandler(NetworkClock& clock, LogLimiter& log, Connections& connections, Handshake& handshake,
+                               Relay& relay)
     : clock_(clock), log_(log), connections_(connections), handshake_(handshake), relay_(relay) {}
 
 void MessageHandler::run(StopSignal& stop) {
@@ -96,7 +88,8 @@ void MessageHandler::run(StopSignal& stop) {
 }
 
 void MessageHandler::pass(int wait_ms) {
-  excuse_stall();
+  clock_.begin_pass();
+  heard_ms_ = clock_.heard_ms();
   take_snapshot();
   wait_readable(wait_ms);
   work_left_ = false;
@@ -124,27 +117,6 @@ void MessageHandler::pass(int wait_ms) {
     }
   }
   disconnect_doomed();
-}
-
-bool MessageHandler::is_stalled() const {
-  const int64_t start = pass_start_ms_;
-  return start != 0 && steady_ms() - start > kStallMs;
-}
-
-// Moves the peers' times on by what the last pass took too long. In real time:
-// it is this thread that did not read, whatever the clock says. The start of the
-// pass is published behind it, so that nobody sees the one without the other.
-void MessageHandler::excuse_stall() {
-  now_ms_ = clock_.now_ms();
-  const int64_t now = steady_ms();
-  const int64_t start = pass_start_ms_;
-  if (start != 0 && now - start > kStallMs) {
-    for (const PeerPtr& peer : connections_.table().snapshot()) {
-      peer->silent_since_ms = std::min<int64_t>(peer->silent_since_ms + now - start, now_ms_);
-      peer->handshake_since_ms = std::min<int64_t>(peer->handshake_since_ms + now - start, now_ms_);
-    }
-  }
-  pass_start_ms_ = now;
 }
 
 // Has the relay forget who has left since the last pass.
@@ -186,7 +158,7 @@ void MessageHandler::serve(size_t index) {
   }
   bool sound = true;
   if (peer->reading_paused) {
-    peer->silent_since_ms = clock_.now_ms();
+    peer->silent_since_ms = clock_.heard_ms();
     sound = (events & (POLLERR | POLLHUP)) == 0;
   } else if (!peer->has_whole_frame && (events & (POLLIN | POLLERR | POLLHUP)) != 0) {
     sound = receive(*peer);
@@ -211,7 +183,7 @@ bool MessageHandler::receive(Peer& peer) {
   const auto bytes = static_cast<size_t>(received);
   append(peer.recv_buffer, ByteView(chunk_).first(bytes));
   peer.last_recv = clock_.now();
-  peer.silent_since_ms = clock_.now_ms();
+  peer.silent_since_ms = clock_.heard_ms();
   peer.bytes_received += bytes;
   return true;
 }
@@ -289,7 +261,8 @@ MessageHandler::Cut MessageHandler::cut_frame(const PeerPtr& peer, size_t& offse
 }
 
 bool MessageHandler::has_to_wait(MessageType type) const {
-  const bool is_costly = type == MessageType::INV || type == MessageType::BLOCK || type == MessageType::TX;
+  const bool is_costly =
+      type == MessageType::INV || type == MessageType::BLOCK || type == MessageType::TX || type == MessageType::ADDR;
   return is_costly && std::chrono::steady_clock::now() >= costly_end_;
 }
 
@@ -364,7 +337,7 @@ void MessageHandler::finish(const PeerPtr& peer) {
   }
   if (peer->reading_paused && peer->queued_bytes < kResumeQueuedBytes) {
     peer->reading_paused = false;
-    peer->silent_since_ms = clock_.now_ms();
+    peer->silent_since_ms = clock_.heard_ms();
     work_left_ = true;
   }
 }
@@ -419,7 +392,7 @@ bool MessageHandler::is_overdue(const Peer& peer) const {
   if (peer.write_blocked_since_ms != 0 && clock_.now_ms() - peer.write_blocked_since_ms >= kWriteTimeoutMs) {
     return true;
   }
-  return !peer.handshake_complete && now_ms_ - peer.handshake_since_ms >= kHandshakeTimeoutMs;
+  return !peer.handshake_complete && heard_ms_ - peer.handshake_since_ms >= kHandshakeTimeoutMs;
 }
 
 void MessageHandler::disconnect_doomed() {
@@ -435,7 +408,7 @@ void MessageHandler::let_go() {
   }
   doomed_.clear();
   work_left_ = false;
-  pass_start_ms_ = 0;
+  clock_.end_passes();
 }
 
 }  // namespace norvel::network

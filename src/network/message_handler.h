@@ -3,14 +3,13 @@
 // take nothing any more. One pass serves all peers a little each, beginning with
 // another one every time, so that none keeps the others waiting.
 //
-// Threads: run() and pass() on one thread; the rest from any.
+// Threads: single-threaded; whoever runs it has it for as long.
 
 #pragma once
 
 #include <poll.h>
 
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -37,8 +36,8 @@ static_assert(kPayloadBytesMax + kReceiveBytesMax < kUnparsedBytesMax);
 
 class MessageHandler {
  public:
-  MessageHandler(const NetworkClock& clock, LogLimiter& log, Connections& connections, Handshake& handshake,
-                 Relay& relay);
+  // All of them outlive the handler; `clock` is told of its passes.
+  MessageHandler(NetworkClock& clock, LogLimiter& log, Connections& connections, Handshake& handshake, Relay& relay);
 
   // May be null. Before the thread starts.
   void attach(Blockchain* chain) { chain_ = chain; }
@@ -47,9 +46,6 @@ class MessageHandler {
 
   // One pass over all peers, after at most `wait_ms` for one to be readable.
   void pass(int wait_ms);
-
-  // Whether a pass has lasted for so long that nothing was read meanwhile.
-  bool is_stalled() const;
 
  private:
   enum class Cut {
@@ -60,7 +56,6 @@ class MessageHandler {
   };
 
   void take_snapshot();
-  void excuse_stall();
   void wait_readable(int wait_ms);
   void serve(size_t index);
   bool receive(Peer& peer);
@@ -77,7 +72,7 @@ class MessageHandler {
   void disconnect_doomed();
   void let_go();
 
-  const NetworkClock& clock_;
+  NetworkClock& clock_;
   LogLimiter& log_;
   Connections& connections_;
   Handshake& handshake_;
@@ -90,13 +85,9 @@ class MessageHandler {
   size_t first_ = 0;
   std::optional<size_t> refused_;                     // the first of peers_ whose costly frame has to wait
   std::chrono::steady_clock::time_point costly_end_;  // of the time for costly frames in this pass
-  int64_t now_ms_ = 0;                                // NetworkClock, at the start of the pass
+  int64_t heard_ms_ = 0;                              // NetworkClock, at the start of the pass
   bool work_left_ = false;                            // whole frames wait in some buffer
   std::array<uint8_t, kReceiveBytesMax> chunk_{};
-
-  // Steady clock in milliseconds, 0 before the first pass. Written by the handler,
-  // read by the timeout checker; a pass begun meanwhile is no harm.
-  std::atomic<int64_t> pass_start_ms_{0};
 };
 
 }  // namespace norvel::network

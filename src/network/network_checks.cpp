@@ -1,7 +1,10 @@
 #include <algorithm>
 #include <exception>
 #include <random>
-#include <tuple>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "core/console.h"
 #include "network/network_state.h"
@@ -14,7 +17,7 @@ constexpr std::chrono::milliseconds kCheckStep{200};
 constexpr int64_t kCheckIntervalMs = 10'000;
 constexpr int64_t kFirstReconnectMs = 3'000;  // after the start
 
-constexpr int64_t kSilenceMaxS = 300;
+constexpr int64_t kSilenceMaxMs = 300'000;
 constexpr int64_t kPongAgeS = 120;  // that makes for a PING
 
 // Every so many passes.
@@ -75,11 +78,8 @@ void NetworkManager::State::check_pass() {
 }
 
 void NetworkManager::State::check_peer_timeouts() {
-  if (handler.is_stalled()) {
-    return;
-  }
   for (const PeerPtr& peer : connections.table().snapshot()) {
-    if (clock.now() - peer->silent_since_ms / 1'000 > kSilenceMaxS) {
+    if (clock.heard_ms() - peer->silent_since_ms > kSilenceMaxMs) {
       log.out("peer timeout", "[Network] Peer timeout: " + key_of_peer(*peer));
       connections.disconnect(*peer);
     }
@@ -117,28 +117,54 @@ void NetworkManager::State::reconnect_known_peers() {
   if (!fixed_peers.empty()) {
     return;
   }
-  // Seeds first, then those that have waited longest, so that addresses where
-  // nobody answers do not keep the others from their turn.
   std::vector<Candidate> due = list_due_peers();
-  std::ranges::stable_sort(due, {}, [](const Candidate& each) { return std::tuple(!each.peer.seed, each.dialled_ms); });
-  for (const auto& [peer, dialled_ms] : due) {
+  put_in_turn(due);
+  dialler.drop_waiting();
+  for (const auto& [peer, past, turn] : due) {
     dialler.enqueue(peer.address, peer.port, peer.seed ? Dialler::Urgency::URGENT : Dialler::Urgency::NORMAL);
   }
 }
 
-// In key order.
+// Known addresses in key order, then those that were reached once and had to make
+// room for others.
 std::vector<NetworkManager::State::Candidate> NetworkManager::State::list_due_peers() {
+  std::vector<KnownPeer> peers = book.list();
+  std::set<std::string> known;
+  for (const KnownPeer& peer : peers) {
+    known.insert(make_key(peer.address, peer.port));
+  }
+  for (const std::string& key : backoff.list_reached()) {
+    if (const auto host = split_key(key); host && !known.contains(key)) {
+      peers.push_back({.address = host->host, .port = host->port});
+    }
+  }
   std::vector<Candidate> due;
   const auto connected = connections.table().connected_keys();
   const bool none_up = connections.table().outbound_count() == 0;
-  for (KnownPeer& peer : book.list()) {
+  for (KnownPeer& peer : peers) {
     const std::string key = make_key(peer.address, peer.port);
-    if (peer.port != 0 && !connected.contains(key) && !book.is_self(key) &&
+    const bool is_self = peer.seed ? book.was_reached_as_self(key) : book.is_self(key);
+    if (peer.port != 0 && !connected.contains(key) && !is_self &&
         backoff.may_dial(key, peer.seed || none_up ? kDialDelayUrgentMs : kDialDelayMaxMs)) {
-      due.push_back({std::move(peer), backoff.last_dial_ms(key)});
+      due.push_back({std::move(peer), backoff.past(key)});
     }
   }
   return due;
+}
+
+// Seeds first, then by turns one that was reached before and one that was not, of
+// both kinds those that have waited longest first: so addresses where nobody
+// answers keep nobody from his turn, however many of them a peer tells.
+void NetworkManager::State::put_in_turn(std::vector<Candidate>& due) {
+  std::ranges::stable_sort(due, {}, [](const Candidate& each) { return each.past.last_ms; });
+  size_t next_reached = 0;
+  size_t next_other = 1;
+  for (Candidate& each : due) {
+    size_t& next = each.past.reached ? next_reached : next_other;
+    each.turn = next;
+    next += 2;
+  }
+  std::ranges::stable_sort(due, {}, [](const Candidate& each) { return std::pair(!each.peer.seed, each.turn); });
 }
 
 }  // namespace norvel::network

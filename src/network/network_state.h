@@ -57,9 +57,11 @@ struct NetworkManager::State {
 
   struct Candidate {
     KnownPeer peer;
-    int64_t dialled_ms = 0;  // the last time; 0 for never
+    DialBackoff::Past past;
+    size_t turn = 0;
   };
   std::vector<Candidate> list_due_peers();
+  static void put_in_turn(std::vector<Candidate>& due);
 
   const uint16_t port;
   const std::string bind_address;
@@ -81,7 +83,7 @@ struct NetworkManager::State {
   Relay relay{connections, clock, log, callbacks};
   Dialler dialler{
       bind_address, connections, book, backoff, listener, log, [this](const PeerPtr& peer) { greet(peer); }};
-  Handshake handshake{{clock, log, callbacks, connections, book, backoff, dialler, relay}, port};
+  Handshake handshake{{clock, log, callbacks, connections, book, dialler, relay}, port};
   MessageHandler handler{clock, log, connections, handshake, relay};
 
   // Timeout checker's thread only.

@@ -4,7 +4,8 @@
 
 namespace norvel::network {
 
-Peer::Peer(FileDescriptor socket_fd, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms)
+Peer::Peer(FileDescriptor socket_fd, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms,
+           int64_t heard_ms)
     : connection(std::move(socket_fd)),
       address(std::move(ip)),
       outbound(dialled),
@@ -13,7 +14,7 @@ Peer::Peer(FileDescriptor socket_fd, std::string ip, uint16_t connection_port, b
       last_recv(now_ms / 1'000),
       last_pong(now_ms / 1'000),
       connected_time(now_ms / 1'000),
-      silent_since_ms(now_ms),
-      handshake_since_ms(now_ms) {}
+      silent_since_ms(heard_ms),
+      handshake_since_ms(heard_ms) {}
 
 }  // namespace norvel::network

@@ -27,8 +27,9 @@ inline constexpr size_t kSendQueueMessagesMax = 5'000;
 inline constexpr size_t kSendQueueBytesMax = 16 << 20;
 
 struct Peer {
-  // `now_ms` by NetworkClock, for all the times below.
-  Peer(FileDescriptor connection, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms = 0);
+  // `now_ms` and `heard_ms` by NetworkClock, for all the times below.
+  Peer(FileDescriptor connection, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms = 0,
+       int64_t heard_ms = 0);
 
   // The connected socket; -1 once the peer is disconnected.
   int socket() const { return is_closed ? -1 : connection.get(); }
@@ -58,8 +59,7 @@ struct Peer {
   std::atomic<bool> version_received{false};
   std::atomic<int64_t> clock_offset_s{0};  // its VERSION's time minus NetworkClock, once that came
 
-  // Milliseconds, NetworkClock; the message handler moves both on by what it did
-  // not read itself.
+  // Milliseconds, of the time in which peers could be heard (NetworkClock).
   std::atomic<int64_t> silent_since_ms{0};
   std::atomic<int64_t> handshake_since_ms{0};
 

@@ -1,5 +1,6 @@
 #include "network/peer_table.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "network/address_text.h"
@@ -88,6 +89,12 @@ PeerList PeerTable::find_by_address(const std::string& ip) const {
   PeerList peers = snapshot();
   std::erase_if(peers, [&ip](const PeerPtr& peer) { return peer->address != ip; });
   return peers;
+}
+
+bool PeerTable::is_greeting(const std::string& ip, uint16_t port) const {
+  return std::ranges::any_of(snapshot(), [&](const PeerPtr& peer) {
+    return peer->outbound && !peer->version_received && peer->address == ip && peer->dialled_port == port;
+  });
 }
 
 std::set<std::string> PeerTable::connected_keys() const {

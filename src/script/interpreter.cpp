@@ -4,10 +4,12 @@
 #include <atomic>
 #include <map>
 #include <new>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "core/transaction.h"
+#include "crypto/hash.h"
 #include "crypto/keys.h"
 #include "crypto/signature.h"
 #include "script/script.h"
@@ -108,6 +110,10 @@ class ScriptRun {
   size_t pc_ = 0;
   ScriptStack& stack_;
   ConditionStack conditions_;
+
+  // Types differ in the last bytes hashed only, so a script that names all 256 costs no more than one.
+  std::optional<crypto::Hash256Prefix> preimage_;  // of script_, without the type
+  size_t preimage_bytes_ = 0;
   std::map<uint8_t, uint256> signature_hashes_;  // of script_, by type
 };
 
@@ -292,13 +298,20 @@ const uint256* ScriptRun::signature_hash(uint8_t sighash_type) {
   if (known != signature_hashes_.end()) {
     return &known->second;
   }
-  if (budget_ != nullptr) {
-    const Bytes preimage = SignatureHasher::serialize_for_signature(tx_, input_index_, script_, sighash_type);
-    if (!charge_hash(preimage.size() + sizeof(uint32_t))) {  // the type is appended in four bytes
-      return nullptr;
-    }
+  Bytes preimage;
+  if (!preimage_) {
+    preimage = SignatureHasher::serialize_for_signature(tx_, input_index_, script_, sighash_type);
+    preimage_bytes_ = preimage.size();
   }
-  const uint256 hash = SignatureHasher::compute_signature_hash(tx_, input_index_, script_, sighash_type);
+  if (!charge_hash(preimage_bytes_ + sizeof(uint32_t))) {  // the type is appended in four bytes
+    return nullptr;
+  }
+  if (!preimage_) {
+    preimage_.emplace(preimage);
+  }
+  Bytes end;
+  append_le(end, static_cast<uint32_t>(sighash_type));
+  const uint256 hash = preimage_->finish(end);
   return &signature_hashes_.emplace(sighash_type, hash).first->second;
 }
 

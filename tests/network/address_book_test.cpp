@@ -102,10 +102,15 @@ TEST_F(AddressBookTest, NeverKnowsItself) {
   book_.mark_self("203.0.113.7:1", "203.0.113.7:2", false);
   EXPECT_EQ(book_.size(), 0u);
   EXPECT_FALSE(book_.add(seen("203.0.113.7", 5, 1)));
-  book_.add_seed("203.0.113.7", 1);
-  EXPECT_EQ(book_.size(), 0u);
   EXPECT_FALSE(book_.is_self("203.0.113.7:2")) << "the source port of a peer";
+  book_.add_seed("203.0.113.7", 1);
+  book_.mark_self("203.0.113.7:1", "203.0.113.7:1", false);
+  EXPECT_EQ(book_.size(), 1u) << "what was told is nothing against a seed";
+  EXPECT_FALSE(book_.was_reached_as_self("203.0.113.7:1"));
+  book_.add_seed("203.0.113.7", 4);
   book_.mark_self("203.0.113.7:3", "203.0.113.7:4", true);
+  book_.add_seed("203.0.113.7", 4);
+  EXPECT_EQ(book_.size(), 1u);
   for (size_t i = 0; i < kSelfAddressesMax; ++i) {
     book_.mark_self("203.0.113.8:" + std::to_string(i), "203.0.113.8:0", false);
   }
@@ -159,11 +164,24 @@ TEST(DialBackoff, DoublesUpToHalfAnHour) {
     EXPECT_EQ(delay_s(kDialDelayMaxMs), want);
   }
   EXPECT_EQ(delay_s(kDialDelayUrgentMs), 60);
-  backoff.note_success(key);
+  backoff.note_success(key, true);
   EXPECT_FALSE(backoff.may_dial(key, kDialDelayMaxMs));
   clock.advance_ms(10'000);
   EXPECT_TRUE(backoff.may_dial(key, kDialDelayMaxMs));
   EXPECT_EQ(delay_s(kDialDelayMaxMs), 20);
+}
+
+TEST(DialBackoff, RemembersWhomItReachedLongerThanOthers) {
+  NetworkClock clock;
+  DialBackoff backoff(clock);
+  backoff.note_success("reached:1", true);
+  backoff.note_success("under another port:1", false);
+  clock.advance_ms(1'000);
+  for (size_t i = 1; i < kDialRecordsMax; ++i) {
+    backoff.note_dial(std::to_string(i));
+  }
+  EXPECT_EQ(backoff.past("under another port:1").last_ms, 0) << "the oldest of the others made room";
+  EXPECT_EQ(backoff.list_reached(), std::vector<std::string>{"reached:1"});
 }
 
 }  // namespace

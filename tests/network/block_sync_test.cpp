@@ -261,6 +261,32 @@ TEST_F(Sync, WordsWithoutBlocksDoNotCountForTenMinutes) {
   EXPECT_EQ(sync.choose(peers, now), boaster);
 }
 
+TEST_F(Sync, ABatchThatFailedIsAnothersTurn) {
+  const PeerPtr honest = peer(300);
+  EXPECT_EQ(sync.choose({honest}, now), honest);
+  now += 1;
+  const PeerPtr newcomer = peer(4'294'967'295);
+  for (const bool leaves : {true, false}) {
+    SCOPED_TRACE(leaves);
+    const PeerPtr feeder = peer(4'294'967'295);
+    ASSERT_EQ(sync.choose({feeder, honest}, now), feeder);
+    ASSERT_TRUE(ask(feeder, 1));
+    inv(feeder, 101, 150);
+    for (uint64_t i = 101; i < 114; ++i) {
+      deliver(feeder, i);
+      now += 9'000;
+    }
+    if (leaves) {
+      sync.forget(feeder);
+    } else {
+      now += kBatchWaitMs;
+    }
+    const std::vector<PeerPtr> peers = leaves ? std::vector{newcomer, honest} : std::vector{newcomer, feeder, honest};
+    EXPECT_EQ(sync.choose(peers, now), honest);
+    EXPECT_EQ(sync.choose(peers, now), newcomer) << "once";
+  }
+}
+
 TEST_F(Sync, OrphansAskAtOnceOnlyForAParentThatIsNowhere) {
   const PeerPtr one = peer(200);
   EXPECT_TRUE(deliver(one, 20, Fate::ORPHAN).parent_is_nowhere);

@@ -4,12 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <set>
 
 #include "chain/chain_scene.h"
 #include "core/clock.h"
+#include "network/address_book.h"
 #include "network/address_text.h"
 #include "network/raw_peer.h"
 
@@ -51,7 +54,11 @@ class Manager : public testing::Test {
     manager_->set_fixed_peers(std::move(fixed));
     manager_->set_callbacks({.block_received = {},
                              .transaction_received = {},
-                             .peer_connected = [this](const std::string&) { ++connected_; },
+                             .peer_connected =
+                                 [this](const std::string&) {
+                                   ++connected_;
+                                   manager_->get_clock().stall_ms(stall_ms_.exchange(0));
+                                 },
                              .peer_disconnected = [this](const std::string&) { ++disconnected_; }});
     ASSERT_TRUE(manager_->start(true));
   }
@@ -73,6 +80,7 @@ class Manager : public testing::Test {
   const uint16_t port_ = free_port();
   std::atomic<int> connected_{0};
   std::atomic<int> disconnected_{0};
+  std::atomic<int64_t> stall_ms_{0};  // of the message handler with the next handshake
   std::unique_ptr<NetworkManager> manager_;
 };
 
@@ -231,6 +239,37 @@ TEST_F(Manager, LeavesItselfForGood) {
   EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", listener.port()));
 }
 
+TEST_F(Manager, BelievesOnlyItselfThatASeedIsItself) {
+  RawListener seed("127.0.0.9");
+  manager_->add_seed_node("127.0.0.9", seed.port());
+  auto dialled = seed.accept();
+  ASSERT_TRUE(dialled);
+  const auto nonce = decode_version(dialled->next()->payload)->nonce;
+  dialled.reset();
+  ASSERT_TRUE(eventually([&] { return is_empty(); }));
+  RawPeer liar("127.0.0.9", port_);
+  liar.send(version_message(seed.port(), *nonce));
+  EXPECT_TRUE(liar.is_closed());
+  EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", seed.port()));
+  manager_->get_clock().advance_ms(10'000);
+  EXPECT_TRUE(seed.accept());
+
+  manager_->add_seed_node("127.0.0.1", port_);
+  RawPeer peer("127.0.0.8", port_);
+  peer.shake_hands(4'444);
+  const auto is_told = [&] {
+    peer.send(Message{MessageType::GETADDR, {}});
+    const auto answer = peer.await(MessageType::ADDR);
+    const auto entries = decode_addresses(answer ? answer->payload : Bytes());
+    EXPECT_FALSE(entries->empty());
+    return std::ranges::count(*entries, Ipv4{127, 0, 0, 1}, &AddressEntry::ip) == 1;
+  };
+  EXPECT_TRUE(is_told());
+  EXPECT_TRUE(manager_->connect_to_peer("127.0.0.1", port_));
+  EXPECT_TRUE(eventually([&] { return keys() == std::set<std::string>{"127.0.0.8:4444"}; }));
+  EXPECT_FALSE(is_told());
+}
+
 TEST_F(Manager, KeepsTheKeyOfAPeerThatClaimsAnothers) {
   RawPeer first("127.0.0.9", port_);
   first.shake_hands(4'444);
@@ -307,6 +346,41 @@ TEST_F(Manager, RemembersPeersAndDialsThemAgain) {
   EXPECT_TRUE(listener.accept());
 }
 
+TEST_F(Manager, DialsWhomItReachedBeforeBesideWhomItIsTold) {
+  start(50, 20);
+  RawListener listener("0.0.0.0", 100);
+  ASSERT_TRUE(manager_->connect_to_peer("127.0.0.9", listener.port()));
+  auto reached = listener.accept();
+  ASSERT_TRUE(reached);
+  reached->send(version_message(listener.port()));
+  ASSERT_TRUE(reached->await(MessageType::VERACK));
+  reached.reset();
+  ASSERT_TRUE(eventually([&] { return is_empty(); }));
+  std::ofstream list(directory_ / "peers.dat");
+  for (size_t i = 0; i < kKnownPeersMax; ++i) {
+    list << "127.1." << i / 250 << '.' << i % 250 + 1 << ':' << listener.port() << " 9999999999\n";
+  }
+  list.close();
+  manager_->load_peer_list();
+  manager_->get_clock().advance_ms(10'000);
+  EXPECT_TRUE(eventually([&] { return keys().contains(make_key("127.0.0.9", listener.port())); }));
+}
+
+TEST_F(Manager, DialsANameAgainSoonAfterAHandshake) {
+  RawListener listener;
+  start(50, 8, {make_key("localhost", listener.port())});
+  for (int i = 0; i < 4; ++i) {
+    SCOPED_TRACE(i);
+    manager_->get_clock().advance_ms(10'000);
+    auto peer = listener.accept();
+    ASSERT_TRUE(peer);
+    peer->send(version_message(std::nullopt));
+    ASSERT_TRUE(peer->await(MessageType::VERACK));
+    peer.reset();
+    ASSERT_TRUE(eventually([&] { return is_empty(); }));
+  }
+}
+
 TEST_F(Manager, DialsFixedPeersOnly) {
   RawListener known("127.0.0.9");
   RawPeer peer("127.0.0.9", port_);
@@ -337,6 +411,19 @@ TEST_F(Manager, EndsPeersWhoseTimeIsUp) {
   manager_->get_clock().advance_ms(301'000);
   EXPECT_TRUE(good.is_closed());
   EXPECT_TRUE(is_empty());
+}
+
+TEST_F(Manager, ExcusesPeersWhileItDidNotRead) {
+  RawPeer mute("127.0.0.2", port_);
+  ASSERT_TRUE(mute.is_served());
+  RawPeer good("127.0.0.3", port_);
+  good.shake_hands(std::nullopt);
+  stall_ms_ = 400'000;
+  RawPeer last("127.0.0.4", port_);
+  last.shake_hands(std::nullopt);
+  EXPECT_TRUE(good.await(MessageType::PING)) << "so its silence was looked at";
+  EXPECT_TRUE(good.is_served());
+  EXPECT_TRUE(mute.is_served()) << "its handshake too";
 }
 
 TEST_F(Manager, StopsReadingAPeerThatTakesNothing) {

@@ -15,6 +15,27 @@
 namespace norvel::network {
 namespace {
 
+TEST(NetworkClock, CountsOneSecondOfAPassThatStalls) {
+  NetworkClock clock;
+  const int64_t begin = clock.heard_ms();
+  const auto heard_s = [&] { return (clock.heard_ms() - begin) / 1'000; };
+  clock.stall_ms(5'000);
+  EXPECT_EQ(heard_s(), 5) << "no pass has begun";
+  clock.begin_pass();
+  clock.stall_ms(100'000);
+  EXPECT_EQ(heard_s(), 6);
+  clock.begin_pass();
+  EXPECT_EQ(heard_s(), 6) << "does not go back";
+  clock.advance_ms(10'000);
+  EXPECT_EQ(heard_s(), 16) << "by hand is no stall";
+  clock.stall_ms(100'000);
+  clock.end_passes();
+  EXPECT_EQ(heard_s(), 17);
+  clock.stall_ms(5'000);
+  EXPECT_EQ(heard_s(), 22);
+  EXPECT_GE(clock.now_ms() - begin, 220'000);
+}
+
 TEST(BanList, BansAtAHundredPointsAndForgivesInTime) {
   NetworkClock clock;
   BanList bans(clock, 60);

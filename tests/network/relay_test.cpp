@@ -71,6 +71,38 @@ TEST_F(RelayMessages, EachUnknownItemIsRequestedAlone) {
             (std::vector<std::vector<InvVector>>{{unknown_block}, {unknown_tx}, {odd}}));
 }
 
+TEST_F(RelayMessages, APassThatStallsIsNobodysSilence) {
+  const PeerPtr ahead = node.add_peer(1'000);
+  node.clock.begin_pass();
+  node.relay.check_sync_with_peer(ahead);
+  EXPECT_EQ(node.take_sent(ahead).size(), 1u);
+  for (int i = 0; i < 2; ++i) {
+    node.clock.stall_ms(kBatchWaitMs);
+    node.relay.check_sync_with_peer(ahead);
+    EXPECT_TRUE(node.take_sent(peer).empty()) << "the answer may wait to be read";
+    node.clock.begin_pass();
+  }
+  node.clock.advance_ms(kAnswerWaitMs);
+  node.relay.check_sync_with_peer(ahead);
+  EXPECT_EQ(node.take_sent(peer).size(), 1u);
+}
+
+TEST_F(RelayMessages, AParkedTwinDoesNotKeepTheTrueBlockOut) {
+  const std::vector<Block> ahead = make_branch(blocks.back(), 3);
+  const PeerPtr liar = node.add_peer(0);
+  Block twin = ahead[1];
+  twin.height = 99;
+  node.handle(liar, MessageType::BLOCK, twin.serialize());
+  node.handle(liar, MessageType::BLOCK, ahead[2].serialize());
+  node.take_sent(peer);
+  node.handle_inv(
+      peer, {{kInvBlock, ahead[0].get_hash()}, {kInvBlock, ahead[1].get_hash()}, {kInvBlock, ahead[2].get_hash()}});
+  EXPECT_EQ(sent_items(MessageType::GETDATA, peer).size(), 2u) << "all but the last, which is parked as it is";
+  send_block(ahead[0]);
+  send_block(ahead[1]);
+  EXPECT_EQ(node.height(), 15u);
+}
+
 TEST_F(RelayMessages, GetDataIsAnsweredWithWhatThereIs) {
   const Transaction pooled = payment(1);
   std::string reason;
