@@ -9,13 +9,18 @@
 #include "consensus/difficulty.h"
 #include "core/clock.h"
 #include "core/console.h"
+#include "mining/nonce_walk.h"
 
 namespace norvel {
 
 namespace {
 
-using SteadyClock = std::chrono::steady_clock;
 constexpr auto kSecond = std::chrono::seconds(1);
+constexpr uint64_t kNonceCount = uint64_t{1} << 32;
+
+// Worker 0 looks at the clock between two groups when it has tested so many
+// headers, a few microseconds' worth: a look costs a fifth of a header or more.
+constexpr uint64_t kHashesPerLook = 64;
 
 uint64_t choose_thread_count(uint64_t requested) {
   return requested != 0 ? requested : std::max(std::thread::hardware_concurrency(), 1u);
@@ -35,19 +40,21 @@ void call_guarded(const Call& call) {
 
 // A worker's private state.
 struct Miner::Worker {
-  explicit Worker(uint64_t index) : start_nonce(static_cast<uint32_t>(index) * kNonceSpacing) {}
+  explicit Worker(const mining::NonceWalk& start) : walk(start) {}
 
-  const uint32_t start_nonce;
+  mining::NonceWalk walk;              // with the private copy of the header
   std::shared_ptr<const Block> block;  // shared with the others, never changed
-  BlockHeader header;                  // the private copy that is searched
   uint64_t work_number = 0;
-  bool saw_flag = false;  // since the flag rose
-  uint64_t hashes = 0;
-  SteadyClock::time_point last_header_time = SteadyClock::now();
-  SteadyClock::time_point last_stats = last_header_time;
+  bool saw_flag = false;                                   // since the flag rose
+  uint64_t next_look = 0;                                  // at the clock, in hashes
+  std::chrono::nanoseconds now = coarse_monotonic_time();  // at the last look; worker 0 keeps it and the two below
+  std::chrono::nanoseconds last_header_time = now;
+  std::chrono::nanoseconds last_stats = now;
 };
 
-Miner::Miner(uint64_t threads) : thread_count_(choose_thread_count(threads)) {
+Miner::Miner(uint64_t threads, const mining::SearchKernel& kernel)
+    : kernel_(kernel), thread_count_(choose_thread_count(threads)) {
+  stats.total_hashes.reserve(kThreadsMax);
   stats.start_time = std::time(nullptr);
 }
 
@@ -150,8 +157,7 @@ void Miner::refresh_template(bool by_finder) {
 
 void Miner::copy_work(Worker& worker) const {
   worker.block = current_block_;
-  worker.header = current_block_->header;
-  worker.header.nonce = worker.start_nonce;
+  worker.walk.restart(current_block_->header);
   worker.work_number = work_number_;
 }
 
@@ -172,23 +178,23 @@ void Miner::handle_found_block(Worker& worker) {
   call_guarded([&] {
     if (callbacks.on_block_found) {
       Block found = *worker.block;
-      found.header = worker.header;
+      found.header = worker.walk.header();
       found.invalidate_cache();
       callbacks.on_block_found(found);
     }
   });
   new_work_ = true;
   refresh_template(true);
+  worker.next_look = 0;  // all this may have taken its time
   const MutexLock lock(mutex_);
   copy_work(worker);
 }
 
 void Miner::update_statistics(Worker& worker) {
-  const auto now = SteadyClock::now();
-  if (now - worker.last_stats <= kSecond) {
+  if (worker.now - worker.last_stats <= kSecond) {
     return;
   }
-  worker.last_stats = now;
+  worker.last_stats = worker.now;
   const std::time_t elapsed = std::time(nullptr) - stats.start_time;
   stats.uptime_seconds = elapsed > 0 ? static_cast<uint64_t>(elapsed) : 0;
   if (elapsed > 0) {
@@ -201,28 +207,37 @@ void Miner::update_statistics(Worker& worker) {
   });
 }
 
+void Miner::renew_header_time(Worker& worker) {
+  if (worker.walk.hashes() >= worker.next_look) {
+    worker.next_look = worker.walk.hashes() + kHashesPerLook;
+    worker.now = coarse_monotonic_time();
+  }
+  if (worker.now - worker.last_header_time >= kSecond) {
+    worker.last_header_time = worker.now;
+    worker.walk.set_timestamp(unix_time_seconds());
+  }
+}
+
 void Miner::mine_worker(uint64_t index) {
-  Worker worker(index);
-  const auto stride = static_cast<uint32_t>(thread_count_);
+  const mining::NonceWalk::Plan plan = {static_cast<uint32_t>(index) * kNonceSpacing,
+                                        static_cast<uint32_t>(thread_count_), kRefreshHashes};
+  Worker worker(mining::NonceWalk(kernel_, plan, stats.total_hashes.stripe(index)));
   {
     const MutexLock lock(mutex_);
     copy_work(worker);
   }
   while (!stop_requested_) {
-    if (index == 0 && SteadyClock::now() - worker.last_header_time >= kSecond) {
-      worker.last_header_time = SteadyClock::now();
-      worker.header.timestamp = unix_time_seconds();
+    if (index == 0) {
+      renew_header_time(worker);
     }
     follow_new_work(worker);
-    if (worker.header.check_proof_of_work()) {
+    if (worker.walk.search_group()) {
       handle_found_block(worker);
+      worker.walk.pass_found();
     }
-    worker.header.nonce += stride;
-    stats.total_hashes.fetch_add(1, std::memory_order_relaxed);
-    ++worker.hashes;
     if (index == 0) {
       update_statistics(worker);
-      if (worker.hashes % kRefreshHashes == 0) {
+      if (worker.walk.is_lap_done()) {
         refresh_template(false);
         const MutexLock lock(mutex_);
         copy_work(worker);
@@ -232,18 +247,16 @@ void Miner::mine_worker(uint64_t index) {
 }
 
 bool Miner::mine_block(Block& block, const std::atomic<bool>& stop_flag) {
-  block.header.nonce = 0;
+  StripedCounter::Stripe uncounted;
+  mining::NonceWalk walk(kernel_, {.start_nonce = 0, .stride = 1, .lap_hashes = kNonceCount}, uncounted);
+  walk.restart(block.header);
+  bool found = false;
+  while (!found && !walk.is_lap_done() && !stop_flag) {
+    found = walk.search_group();
+  }
+  block.header.nonce = walk.header().nonce;
   block.invalidate_cache();
-  do {
-    if (stop_flag) {
-      return false;
-    }
-    if (block.header.check_proof_of_work()) {
-      return true;
-    }
-    ++block.header.nonce;
-  } while (block.header.nonce != 0);
-  return false;
+  return found;
 }
 
 }  // namespace norvel

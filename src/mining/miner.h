@@ -14,6 +14,11 @@
 // all go on with the block they have, and a periodic refresh moves nobody but
 // the worker that made it.
 //
+// Groups. Workers test nonces in groups (mining/nonce_walk.h), a group in less
+// than a microsecond where the best kernel is used. Only between two groups do
+// they look at the flags, and worker 0 at the clock; all else is as it would be
+// header by header.
+//
 // Threads: start(), stop(), set_threads() and the public fields belong to the
 // owner's thread; stop() must not be called from a callback. The callbacks run
 // on workers, get_block_template also on the thread in start() and under the
@@ -32,6 +37,7 @@
 #include "core/block.h"
 #include "core/sync.h"
 #include "mining/mining_stats.h"
+#include "mining/nonce_search.h"
 
 namespace norvel {
 
@@ -56,8 +62,9 @@ class Miner {
   static constexpr uint32_t kNonceSpacing = 10'000'000;
   static constexpr uint64_t kRefreshHashes = 10'000'000;
 
-  // 0 threads: as many as the hardware has, at least 1.
-  explicit Miner(uint64_t threads);
+  // 0 threads: as many as the hardware has, at least 1. `kernel` must run here
+  // and outlive the Miner.
+  explicit Miner(uint64_t threads, const mining::SearchKernel& kernel = mining::best_search_kernel());
   ~Miner();
   Miner(const Miner&) = delete;
   Miner& operator=(const Miner&) = delete;
@@ -86,7 +93,8 @@ class Miner {
   // nonce in the header, false when `stop_flag` was set or no nonce is left.
   bool mine_block(Block& block, const std::atomic<bool>& stop_flag);
 
-  // The body of worker thread `index`; returns when a stop is requested.
+  // The body of worker thread `index`, below kThreadsMax; returns when a stop is
+  // requested.
   void mine_worker(uint64_t index) EXCLUDES(mutex_);
 
   // Set by the owner before start().
@@ -106,13 +114,15 @@ class Miner {
   void copy_work(Worker& worker) const REQUIRES(mutex_);
   void follow_new_work(Worker& worker) const EXCLUDES(mutex_);
   void handle_found_block(Worker& worker) EXCLUDES(mutex_);
+  void renew_header_time(Worker& worker);
   void update_statistics(Worker& worker);
   void join_workers();
 
+  const mining::SearchKernel& kernel_;
   uint64_t thread_count_;
   std::vector<std::thread> threads_;
 
-  // Written by the owner's thread, read by the workers once per header; seeing
+  // Written by the owner's thread, read by the workers once per group; seeing
   // it late costs a few hashes.
   std::atomic<bool> stop_requested_{false};
 
@@ -120,7 +130,7 @@ class Miner {
   // on old work, and the work number tells what the flag no longer does.
   std::atomic<bool> new_work_{false};
 
-  // Written under the mutex, read by the workers once per header.
+  // Written under the mutex, read by the workers once per group.
   std::atomic<uint64_t> work_number_{0};
 
   mutable Mutex mutex_;  // held while the template callback runs

@@ -6,15 +6,18 @@
 #include <cstdint>
 #include <ctime>
 
+#include "mining/striped_counter.h"
+
 namespace norvel {
 
-// Each field is an atomic of its own: a copy is a snapshot field by field, not
-// of one instant, which is fine for figures that are shown once a second.
+// Each field is an atomic of its own, the total a striped one that reads and is
+// assigned like an atomic uint64_t: a copy is a snapshot field by field, not of
+// one instant, which is fine for figures that are shown once a second.
 //
 // total_hashes and blocks_found are written by every worker, hashrate and
 // uptime_seconds by worker 0; the owner reads them all.
 struct MiningStats {
-  std::atomic<uint64_t> total_hashes{0};    // headers tested since start
+  StripedCounter total_hashes;              // headers tested since start
   std::atomic<uint64_t> blocks_found{0};    // blocks that met the target, whatever the node said
   std::atomic<double> hashrate{0.0};        // hashes per second since start_time
   std::time_t start_time = 0;               // wall clock, set when the Miner is made

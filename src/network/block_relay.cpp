@@ -6,6 +6,7 @@
 #include <new>
 #include <set>
 
+#include "chain/orphan_pool.h"
 #include "consensus/difficulty.h"
 #include "core/console.h"
 #include "network/payloads.h"

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -19,7 +20,7 @@
 #include "core/sync.h"
 #include "support/captured_stderr.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef NORVEL_SANITIZED
 constexpr bool kSanitized = true;
 #else
 constexpr bool kSanitized = false;
@@ -72,8 +73,9 @@ using Find = std::pair<uint64_t, uint32_t>;
 class ScriptedMiner {
  public:
   // `next_template(k)` makes the answer to request k; it may throw.
-  ScriptedMiner(uint64_t threads, std::function<Block(uint32_t)> next_template)
-      : miner(threads), next_template_(std::move(next_template)) {
+  ScriptedMiner(uint64_t threads, std::function<Block(uint32_t)> next_template,
+                const mining::SearchKernel& kernel = mining::best_search_kernel())
+      : miner(threads, kernel), next_template_(std::move(next_template)) {
     miner.mining_address = "anyone";
     miner.callbacks.get_block_template = [this] { return next_template_(request_count_++); };
     miner.callbacks.on_block_found = [this](const Block& block) {
@@ -100,14 +102,20 @@ class ScriptedMiner {
   std::vector<Find> finds_ GUARDED_BY(mutex_);
 };
 
-// What one worker finds while every third refresh fails, by the rules alone.
-std::vector<Find> model_finds(size_t count) {
-  std::vector<Find> finds;
+// What one worker finds while every third refresh fails, by the rules alone:
+// number of the template, nonce, hashes counted before.
+using CountedFind = std::array<uint64_t, 3>;
+
+std::vector<CountedFind> model_finds(size_t count) {
+  std::vector<CountedFind> finds;
   Block block = make_block(0, kDense);
   uint32_t nonce = 0;
+  uint64_t hashes = 0;
   for (uint32_t request = 1; finds.size() < count; ++request) {
-    nonce = next_hit(block, nonce, 1);
-    finds.emplace_back(block.header.prev_hash.low64(), nonce);
+    const uint32_t hit = next_hit(block, nonce, 1);
+    hashes += hit - nonce;
+    finds.push_back({block.header.prev_hash.low64(), hit, hashes});
+    ++hashes;
     if (request % 3 != 0) {
       block = make_block(request, kDense);
     }
@@ -116,26 +124,81 @@ std::vector<Find> model_finds(size_t count) {
   return finds;
 }
 
-TEST(Miner, OneWorkerFollowsTheModelThroughFindsAndFailedRefreshes) {
+TEST(Miner, OneWorkerFollowsTheModelThroughFindsAndFailedRefreshesWithEachKernel) {
   constexpr size_t kFinds = 300;
-  ScriptedMiner scripted(1, [](uint32_t request) {
-    if (request != 0 && request % 3 == 0) {
-      throw std::runtime_error("no template");
+  for (const mining::SearchKernel& kernel : mining::search_kernels()) {
+    SCOPED_TRACE(kernel.name);
+    if (!kernel.runs_here()) {
+      continue;
     }
-    return make_block(request, kDense);
-  });
+    ScriptedMiner scripted(
+        1,
+        [](uint32_t request) {
+          if (request != 0 && request % 3 == 0) {
+            throw std::runtime_error("no template");
+          }
+          return make_block(request, kDense);
+        },
+        kernel);
+    std::vector<CountedFind> finds;  // the worker's until it has ended
+    std::atomic<bool> is_enough{false};
+    scripted.miner.callbacks.on_block_found = [&](const Block& block) {
+      EXPECT_EQ(block.get_hash(), block.header.get_hash());
+      finds.push_back({block.header.prev_hash.low64(), block.header.nonce, scripted.miner.stats.total_hashes});
+      is_enough = finds.size() >= kFinds;
+    };
+    const CapturedStderr quiet;
+    ASSERT_TRUE(scripted.miner.start());
+    ASSERT_TRUE(wait_until([&] { return is_enough.load(); }));
+    scripted.miner.stop();
+    EXPECT_EQ(scripted.miner.stats.blocks_found, finds.size());
+    finds.resize(kFinds);
+    EXPECT_EQ(finds, model_finds(kFinds));
+  }
+}
+
+// A kernel that finds nothing, at no cost, and notes each time that it is sent back.
+std::vector<uint32_t> sent_back_to;  // written by the one worker of a test, read after its end
+uint32_t last_first_nonce = 0;
+
+uint32_t find_nothing(const mining::PreparedHeader&, uint32_t first_nonce, uint32_t) {
+  if (first_nonce < last_first_nonce) {
+    sent_back_to.push_back(first_nonce);
+  }
+  last_first_nonce = first_nonce;
+  return 0;
+}
+
+TEST(Miner, WorkerZeroRenewsItsTemplateAfterEveryTenMillionHashesExactly) {
+  constexpr mining::SearchKernel kIdle = {"idle", 7, [] { return true; }, &find_nothing};
+  static_assert(Miner::kRefreshHashes % kIdle.lanes != 0);
+  Miner* miner = nullptr;
+  std::vector<uint64_t> hashes_when_asked;
+  std::atomic<bool> is_enough{false};
+  ScriptedMiner scripted(
+      1,
+      [&](uint32_t request) -> Block {
+        hashes_when_asked.push_back(miner->stats.total_hashes);
+        is_enough = request >= 3;
+        if (request == 2) {
+          throw std::runtime_error("no template");
+        }
+        return make_block(request, kNever);
+      },
+      kIdle);
+  miner = &scripted.miner;
   const CapturedStderr quiet;
   ASSERT_TRUE(scripted.miner.start());
-  ASSERT_TRUE(wait_until([&] { return scripted.find_count() >= kFinds; }));
+  ASSERT_TRUE(wait_until([&] { return is_enough && scripted.miner.stats.total_hashes > 30'000'100; }));
   scripted.miner.stop();
-  auto finds = scripted.finds();
-  EXPECT_EQ(scripted.miner.stats.blocks_found, finds.size());
-  finds.resize(kFinds);
-  EXPECT_EQ(finds, model_finds(kFinds));
+  hashes_when_asked.resize(4);
+  EXPECT_EQ(hashes_when_asked, (std::vector<uint64_t>{0, 10'000'000, 20'000'000, 30'000'000}));
+  sent_back_to.resize(3);
+  EXPECT_EQ(sent_back_to, (std::vector<uint32_t>{0, 0, 0}));
 }
 
 TEST(Miner, WorkersStartTenMillionApartAndStrideByTheirCount) {
-  for (const uint32_t threads : {2u, 3u}) {
+  for (const uint32_t threads : {2u, 3u, 5u}) {
     SCOPED_TRACE(threads);
     // Each worker is asked for its first find only: the others must not move it.
     ScriptedMiner scripted(threads, [](uint32_t request) -> Block {
@@ -443,6 +506,8 @@ TEST(Miner, MineBlockFindsTheFirstNonceOrObeysTheFlag) {
   EXPECT_EQ(block.get_hash(), block.header.get_hash());
   stop = true;
   EXPECT_FALSE(miner.mine_block(block, stop));
+  EXPECT_EQ(block.header.nonce, 0u);
+  EXPECT_EQ(miner.stats.total_hashes, 0u);
 }
 
 }  // namespace
