@@ -1,5 +1,8 @@
 // norvel-bench: how fast this machine searches nonces.
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
@@ -9,6 +12,19 @@
 #include "bench/report.h"
 #include "core/console.h"
 
+namespace {
+
+// The exit status: a result that was not written is an error.
+int print(const std::string& text) {
+  if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) {
+    return 0;
+  }
+  norvel::console::error_line(std::string("Error: standard output: ") + std::strerror(errno));
+  return 1;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   using namespace norvel;
   console::open_standard_streams();
@@ -16,12 +32,10 @@ int main(int argc, char** argv) {
     const bench::Options options =
         bench::parse_options(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
     if (!options.text_to_print.empty()) {
-      console::write_out(options.text_to_print);
-      return 0;
+      return print(options.text_to_print);
     }
     const bench::Measurement measurement = bench::measure(options.run_seconds);
-    console::write_out(options.json ? bench::json_text(measurement) : bench::table_text(measurement));
-    return 0;
+    return print(options.json ? bench::json_text(measurement) : bench::table_text(measurement));
   } catch (const std::exception& failure) {
     console::error_line(std::string("Error: ") + console::printable(failure.what()));
     return 1;

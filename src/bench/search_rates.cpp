@@ -1,6 +1,7 @@
 #include "bench/search_rates.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <numeric>
 #include <stdexcept>
@@ -51,12 +52,16 @@ double seconds_since(Clock::time_point start) {
 
 double kernel_rate(const mining::SearchKernel& kernel, uint32_t threads, double seconds) {
   std::vector<uint64_t> hashes(threads);
+  std::atomic<bool> may_begin{false};  // set when every runner exists, so that none is ahead of the clock
   std::vector<std::jthread> runners;
   for (uint32_t i = 0; i < threads; ++i) {
-    runners.emplace_back([&kernel, &hashes, i](const std::stop_token& stop) {
+    runners.emplace_back([&kernel, &hashes, &may_begin, i](const std::stop_token& stop) {
       const mining::PreparedHeader header(sample_header(kUnreachableBits));
       uint32_t nonce = i * Miner::kNonceSpacing;
       uint64_t tested = 0;
+      while (!may_begin && !stop.stop_requested()) {
+        std::this_thread::yield();
+      }
       do {
         kernel.test_group(header, nonce, 1);
         nonce += kernel.lanes;
@@ -66,6 +71,7 @@ double kernel_rate(const mining::SearchKernel& kernel, uint32_t threads, double 
     });
   }
   const auto start = Clock::now();
+  may_begin = true;
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
   for (std::jthread& runner : runners) {
     runner.request_stop();

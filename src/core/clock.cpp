@@ -4,6 +4,16 @@
 
 namespace norvel {
 
+namespace {
+
+std::chrono::nanoseconds read_clock(clockid_t clock) {
+  timespec now = {};
+  clock_gettime(clock, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+}  // namespace
+
 uint64_t unix_time_seconds() {
   const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since_epoch).count();
@@ -11,9 +21,11 @@ uint64_t unix_time_seconds() {
 }
 
 std::chrono::nanoseconds coarse_monotonic_time() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  return read_clock(CLOCK_MONOTONIC_COARSE);
+}
+
+std::chrono::nanoseconds thread_processor_time() {
+  return read_clock(CLOCK_THREAD_CPUTIME_ID);
 }
 
 }  // namespace norvel

@@ -47,7 +47,7 @@ struct Miner::Worker {
   uint64_t work_number = 0;
   bool saw_flag = false;                                   // since the flag rose
   uint64_t next_look = 0;                                  // at the clock, in hashes
-  std::chrono::nanoseconds now = coarse_monotonic_time();  // at the last look; worker 0 keeps it and the two below
+  std::chrono::nanoseconds now = coarse_monotonic_time();  // at the last look; worker 0 renews it and the two below
   std::chrono::nanoseconds last_header_time = now;
   std::chrono::nanoseconds last_stats = now;
 };
@@ -102,8 +102,13 @@ bool Miner::start() {
   try {
     // Workers begin when the last one exists: those that search already would slow down the making of the others.
     const MutexLock lock(mutex_);
-    for (uint64_t i = 0; i < thread_count_; ++i) {
-      threads_.emplace_back(&Miner::mine_worker, this, i);
+    try {
+      for (uint64_t i = 0; i < thread_count_; ++i) {
+        threads_.emplace_back(&Miner::mine_worker, this, i);
+      }
+    } catch (const std::exception&) {
+      stop_requested_ = true;  // before the lock goes: those that exist shall test nothing
+      throw;
     }
   } catch (const std::exception&) {
     running = false;
@@ -159,6 +164,7 @@ void Miner::copy_work(Worker& worker) const {
   worker.block = current_block_;
   worker.walk.restart(current_block_->header);
   worker.work_number = work_number_;
+  worker.next_look = 0;  // what led here may have taken its time
 }
 
 void Miner::follow_new_work(Worker& worker) const {
@@ -185,12 +191,12 @@ void Miner::handle_found_block(Worker& worker) {
   });
   new_work_ = true;
   refresh_template(true);
-  worker.next_look = 0;  // all this may have taken its time
   const MutexLock lock(mutex_);
   copy_work(worker);
 }
 
 void Miner::update_statistics(Worker& worker) {
+  look_at_clock(worker);
   if (worker.now - worker.last_stats <= kSecond) {
     return;
   }
@@ -208,13 +214,17 @@ void Miner::update_statistics(Worker& worker) {
 }
 
 void Miner::renew_header_time(Worker& worker) {
-  if (worker.walk.hashes() >= worker.next_look) {
-    worker.next_look = worker.walk.hashes() + kHashesPerLook;
-    worker.now = coarse_monotonic_time();
-  }
+  look_at_clock(worker);
   if (worker.now - worker.last_header_time >= kSecond) {
     worker.last_header_time = worker.now;
     worker.walk.set_timestamp(unix_time_seconds());
+  }
+}
+
+void Miner::look_at_clock(Worker& worker) {
+  if (worker.walk.hashes() >= worker.next_look) {
+    worker.next_look = worker.walk.hashes() + kHashesPerLook;
+    worker.now = coarse_monotonic_time();
   }
 }
 
@@ -225,6 +235,9 @@ void Miner::mine_worker(uint64_t index) {
   {
     const MutexLock lock(mutex_);
     copy_work(worker);
+  }
+  if (!stop_requested_) {
+    (void)worker.walk.header().check_proof_of_work();  // the thread's hash context is made now, not at the first find
   }
   while (!stop_requested_) {
     if (index == 0) {

@@ -115,6 +115,7 @@ class Miner {
   void follow_new_work(Worker& worker) const EXCLUDES(mutex_);
   void handle_found_block(Worker& worker) EXCLUDES(mutex_);
   void renew_header_time(Worker& worker);
+  static void look_at_clock(Worker& worker);
   void update_statistics(Worker& worker);
   void join_workers();
 

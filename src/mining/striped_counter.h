@@ -47,12 +47,15 @@ class StripedCounter {
   Stripe& stripe(size_t index);
 
   // Costs a look at each stripe up to the highest ever taken.
-  uint64_t load() const { return base_.load(std::memory_order_relaxed) + stripes_sum(); }
+  uint64_t load() const {
+    const uint64_t base = base_.load(std::memory_order_acquire);  // first: with it comes what store() has seen
+    return base + stripes_sum();
+  }
   operator uint64_t() const { return load(); }
 
   // Makes the count `value`, to which is added what is counted from then on. No
   // stripe is touched.
-  void store(uint64_t value) { base_.store(value - stripes_sum(), std::memory_order_relaxed); }
+  void store(uint64_t value) { base_.store(value - stripes_sum(), std::memory_order_release); }
   uint64_t operator=(uint64_t value) {
     store(value);
     return value;

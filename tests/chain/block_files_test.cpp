@@ -10,13 +10,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <random>
+#include <tuple>
 
 #include "chain/genesis.h"
 #include "core/file_io.h"
+#include "support/byte_strings.h"
 #include "support/captured_stderr.h"
 #include "support/chain_builder.h"
 
@@ -78,13 +78,23 @@ Bytes junk(uint32_t len, uint8_t fill) {
   return record;
 }
 
-Bytes concatenate(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const Bytes& part : parts) {
-    append(all, part);
+// A lower limit of this process, while it lives.
+class LoweredLimit {
+ public:
+  LoweredLimit(__rlimit_resource resource, rlim_t value) : resource_(resource) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(resource, &before_);
+    const rlimit lowered{value, before_.rlim_max};
+    setrlimit(resource, &lowered);
   }
-  return all;
-}
+  ~LoweredLimit() { setrlimit(resource_, &before_); }
+  LoweredLimit(const LoweredLimit&) = delete;
+  LoweredLimit& operator=(const LoweredLimit&) = delete;
+
+ private:
+  __rlimit_resource resource_;
+  rlimit before_{};
+};
 
 class BlockFilesTest : public testing::Test {
  protected:
@@ -99,8 +109,7 @@ class BlockFilesTest : public testing::Test {
   }
 
   Bytes read(const std::string& name = kName) const {
-    std::ifstream file(directory_ / name, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(file), {});
+    return read_whole_file(directory_ / name, 1 << 30).value_or(Bytes());
   }
 
   // All five blocks as they are stored.
@@ -135,13 +144,11 @@ class BlockFilesTest : public testing::Test {
 };
 
 TEST_F(BlockFilesTest, FilesAreNamedByThousandsOfHeights) {
-  const struct {
-    uint32_t height;
-    const char* name;
-  } rows[] = {{0, "blk00000.dat"},          {999, "blk00000.dat"},          {1'000, "blk00001.dat"},
-              {99'999'999, "blk99999.dat"}, {100'000'000, "blk100000.dat"}, {0xffffffff, "blk4294967.dat"}};
-  for (const auto& row : rows) {
-    EXPECT_EQ(block_file_name(row.height), row.name);
+  const std::tuple<uint32_t, const char*> rows[] = {
+      {0, "blk00000.dat"},          {999, "blk00000.dat"},          {1'000, "blk00001.dat"},
+      {99'999'999, "blk99999.dat"}, {100'000'000, "blk100000.dat"}, {0xffffffff, "blk4294967.dat"}};
+  for (const auto& [height, name] : rows) {
+    EXPECT_EQ(block_file_name(height), name);
   }
   for (const char* name : {"blk100000.dat", "blk00001.dat", "blk99999.dat", "blk00001.dat.cut", "blk00001.dat.tmp",
                            "blk1.dat", "blk000001.dat", "blk0000x.dat", "snapshot.dat"}) {
@@ -157,7 +164,7 @@ TEST_F(BlockFilesTest, AppendsRecordsOfLengthAndBlock) {
     ASSERT_TRUE(files_.append(block, never));
   }
   ASSERT_TRUE(files_.sync());
-  EXPECT_EQ(read(), concatenate({record_of(twin), record_of(blocks_[0]), record_of(blocks_[1])}));
+  EXPECT_EQ(read(), join({record_of(twin), record_of(blocks_[0]), record_of(blocks_[1])}));
   EXPECT_TRUE(loads(0) && loads(1));
   EXPECT_FALSE(files_.load(kName, hash(0), 8));
   EXPECT_EQ(files_.record_bytes(kName, hash(1)), blocks_[1].serialize().size());
@@ -178,37 +185,27 @@ TEST_F(BlockFilesTest, AReadThatFailsSaysNothingAboutTheRecord) {
   EXPECT_TRUE(files_.load(kName, hash(0), blocks_[0].height, &has_failed));
   EXPECT_FALSE(has_failed);
 
-  rlimit limit = {};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const rlimit none = {0, limit.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-  const auto block = files_.load(kName, hash(0), blocks_[0].height, &has_failed);
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  EXPECT_FALSE(block);
+  const LoweredLimit no_descriptors(RLIMIT_NOFILE, 0);
+  EXPECT_FALSE(files_.load(kName, hash(0), blocks_[0].height, &has_failed));
   EXPECT_TRUE(has_failed) << "no descriptor";
 }
 
 TEST_F(BlockFilesTest, ALookUpStopsWhereLengthsEnd) {
   const std::string size_error = "[Blockchain] ERROR: Invalid block size read from disk: 10000001\n";
-  const struct {
-    const char* label;
-    Bytes front;
-    bool is_found;
-    std::string error;
-  } rows[] = {
+  const std::tuple<const char*, Bytes, bool, std::string> rows[] = {
       {"largest record", junk(10'000'000, 0), true, ""},
       {"one byte more", junk(10'000'001, 0), false, size_error},
       {"record cut off", junk(9'000'000, 0), true, ""},
-      {"records shorter than a header", concatenate({junk(0, 0), junk(83, 1)}), true, ""},
+      {"records shorter than a header", join({junk(0, 0), junk(83, 1)}), true, ""},
       {"cut length", {}, false, ""},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
+  for (const auto& [label, front, is_found, error] : rows) {
+    SCOPED_TRACE(label);
     const CapturedStderr captured;
-    write(row.front.empty() ? Bytes{1, 0, 0} : concatenate({row.front, record_of(blocks_[0])}));
-    EXPECT_EQ(loads(0), row.is_found);
-    EXPECT_EQ(files_.record_bytes(kName, hash(0)) != 0, row.is_found);
-    EXPECT_TRUE(row.error.empty() || captured.text() == row.error) << captured.text();
+    write(front.empty() ? Bytes{1, 0, 0} : join({front, record_of(blocks_[0])}));
+    EXPECT_EQ(loads(0), is_found);
+    EXPECT_EQ(files_.record_bytes(kName, hash(0)) != 0, is_found);
+    EXPECT_TRUE(error.empty() || captured.text() == error) << captured.text();
   }
 }
 
@@ -216,7 +213,7 @@ TEST_F(BlockFilesTest, UnreadableRecordsArePassedOver) {
   Bytes doubled = record_of(blocks_[0]);
   doubled.back() ^= 1;  // the lock time: decodes, but not to the Merkle root
   const Bytes end = record_of(blocks_[1]);
-  write(concatenate({doubled, junk(200, 3), record_of(blocks_[0]), end}));
+  write(join({doubled, junk(200, 3), record_of(blocks_[0]), end}));
   EXPECT_TRUE(loads(0));
   std::vector<uint32_t> heights;
   EXPECT_TRUE(files_.for_each_block(kName, [&](const Block& block) {
@@ -227,7 +224,7 @@ TEST_F(BlockFilesTest, UnreadableRecordsArePassedOver) {
   size_t count = 0;
   EXPECT_TRUE(files_.for_each_hash(kName, [&](const uint256&) { ++count; }));
   EXPECT_EQ(count, 4u);
-  write(concatenate({doubled, end}));
+  write(join({doubled, end}));
   EXPECT_FALSE(loads(0));
 }
 
@@ -320,12 +317,12 @@ TEST_F(BlockFilesTest, RepairCutsATornTailAndKeepsIt) {
     SCOPED_TRACE(len);
     std::filesystem::remove(directory_ / "blk00000.dat.cut");
     const Bytes tail(last.begin(), last.begin() + static_cast<ptrdiff_t>(len));
-    write(concatenate({front, tail}));
+    write(join({front, tail}));
     const auto lost = files_.repair(kName, index_of({0, 1}));
     ASSERT_TRUE(lost);
     const bool is_whole = len == last.size();
     EXPECT_EQ(*lost, is_whole ? std::vector<uint256>{} : std::vector{hash(1)});
-    EXPECT_EQ(read(), is_whole ? concatenate({front, last}) : front);
+    EXPECT_EQ(read(), is_whole ? join({front, last}) : front);
     EXPECT_EQ(read("blk00000.dat.cut"), is_whole ? Bytes{} : tail);
     ASSERT_TRUE(files_.append(blocks_[2], never));
     EXPECT_TRUE(loads(0) && loads(2));
@@ -336,7 +333,7 @@ TEST_F(BlockFilesTest, RepairCutsATornTailAndKeepsIt) {
 
 TEST_F(BlockFilesTest, RepairLeavesWhatIsWellFramed) {
   const Bytes zeros(64);  // records without a block
-  const Bytes bytes = concatenate({record_of(blocks_[0]), junk(300, 9), record_of(blocks_[1]), zeros});
+  const Bytes bytes = join({record_of(blocks_[0]), junk(300, 9), record_of(blocks_[1]), zeros});
   write(bytes);
   EXPECT_EQ(files_.repair(kName, index_of({1})), std::vector<uint256>{});
   EXPECT_EQ(files_.repair(kName, {{hash(1), 7}}), std::vector{hash(1)});
@@ -351,9 +348,9 @@ TEST_F(BlockFilesTest, ABlockBehindDamageIsTakenWithItsHeightOnly) {
   Bytes twin = record_of(blocks_[1]);
   twin[kHeightAt] ^= 1;
   twin[3] = 1;  // leads out of the file
-  write(concatenate({front, twin, record_of(blocks_[1])}));
+  write(join({front, twin, record_of(blocks_[1])}));
   EXPECT_EQ(files_.repair(kName, index_of({0, 1})), std::vector<uint256>{});
-  EXPECT_EQ(read(), concatenate({front, record_of(blocks_[1])}));
+  EXPECT_EQ(read(), join({front, record_of(blocks_[1])}));
 }
 
 TEST_F(BlockFilesTest, TheFirstAppendOfARunWalksTheFile) {
@@ -361,63 +358,41 @@ TEST_F(BlockFilesTest, TheFirstAppendOfARunWalksTheFile) {
   const Bytes torn(front.begin(), front.end() - 1);  // a second copy, cut
   Bytes wrong_length = record_of(blocks_[1]);
   wrong_length[3] = 1;
-  const Bytes damaged = concatenate({front, wrong_length, record_of(blocks_[2])});
+  const Bytes damaged = join({front, wrong_length, record_of(blocks_[2])});
   const auto is_second = [](const std::string& name, const uint256& asked) {
     return name == kName && asked == hash(2);
   };
   const auto is_first = [](const std::string&, const uint256& asked) { return asked == hash(0); };
-  const struct {
-    const char* label;
-    Bytes content;
-    BlockFiles::IsIndexed is_indexed;
-    bool is_taken;
-  } rows[] = {
-      {"nothing wrong", concatenate({front, record_of(blocks_[1])}), is_first, true},
-      {"torn copy of an indexed block", concatenate({front, torn}), is_first, true},
+  const std::tuple<const char*, Bytes, BlockFiles::IsIndexed, bool> rows[] = {
+      {"nothing wrong", join({front, record_of(blocks_[1])}), is_first, true},
+      {"torn copy of an indexed block", join({front, torn}), is_first, true},
       {"no block of the index behind the damage", damaged, is_first, true},
       {"a block of the index behind the damage", damaged, is_second, false},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    write(row.content);
+  for (const auto& [label, content, is_indexed, is_taken] : rows) {
+    SCOPED_TRACE(label);
+    write(content);
     write({1, 2}, "blk00000.dat.cut");  // of an earlier run
     BlockFiles files(directory_.path());
-    ASSERT_EQ(files.append(blocks_[3], row.is_indexed), row.is_taken);
-    if (!row.is_taken) {
-      EXPECT_EQ(read(), row.content);
+    ASSERT_EQ(files.append(blocks_[3], is_indexed), is_taken);
+    if (!is_taken) {
+      EXPECT_EQ(read(), content);
       EXPECT_EQ(files.repair(kName, index_of({0, 2})), std::vector<uint256>{});
-      EXPECT_TRUE(files.append(blocks_[3], row.is_indexed));
-    } else if (row.content != concatenate({front, record_of(blocks_[1])})) {
-      EXPECT_EQ(read(), concatenate({front, record_of(blocks_[3])}));
-      const Bytes tail(row.content.begin() + static_cast<ptrdiff_t>(front.size()), row.content.end());
-      EXPECT_EQ(read("blk00000.dat.cut"), concatenate({{1, 2}, tail}));
+      EXPECT_TRUE(files.append(blocks_[3], is_indexed));
+    } else if (content != join({front, record_of(blocks_[1])})) {
+      EXPECT_EQ(read(), join({front, record_of(blocks_[3])}));
+      const Bytes tail(content.begin() + static_cast<ptrdiff_t>(front.size()), content.end());
+      EXPECT_EQ(read("blk00000.dat.cut"), join({{1, 2}, tail}));
     }
     EXPECT_TRUE(files.load(kName, hash(3), 4));
   }
 }
 
-// A disk that is full for files of more than `bytes`, while it lives.
-class FullDisk {
- public:
-  explicit FullDisk(rlim_t bytes) {
-    std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit lowered{bytes, before_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &lowered);
-  }
-  ~FullDisk() { setrlimit(RLIMIT_FSIZE, &before_); }
-  FullDisk(const FullDisk&) = delete;
-  FullDisk& operator=(const FullDisk&) = delete;
-
- private:
-  rlimit before_{};
-};
-
 TEST_F(BlockFilesTest, AFailedAppendLeavesTheFile) {
   ASSERT_TRUE(files_.append(blocks_[0], never));
   const Bytes before = read();
   {
-    const FullDisk full(before.size() + 10);
+    const LoweredLimit full_disk(RLIMIT_FSIZE, before.size() + 10);
     EXPECT_FALSE(files_.append(blocks_[1], never));
   }
   EXPECT_EQ(read(), before);
@@ -447,7 +422,7 @@ TEST_F(BlockFilesTest, AFileThatBecameShorterIsNotMadeAnew) {
     EXPECT_EQ(read(), Bytes{});
     std::filesystem::rename(directory_ / "aside", path);
     EXPECT_TRUE(files_.append(blocks_[1], never));
-    EXPECT_EQ(read(), concatenate({before, record_of(blocks_[1])}));
+    EXPECT_EQ(read(), join({before, record_of(blocks_[1])}));
   }
   EXPECT_NE(stderr_.text().find("[Blockchain] ERROR: Block file " + path + " is gone"), std::string::npos);
   EXPECT_NE(stderr_.text().find(path + " has become shorter; a restart mends it"), std::string::npos);
@@ -458,7 +433,7 @@ TEST_F(BlockFilesTest, ARepairThatFailsLeavesTheFile) {
   damaged[3] = 1;
   write(damaged);
   {
-    const FullDisk full(100);
+    const LoweredLimit full_disk(RLIMIT_FSIZE, 100);
     EXPECT_FALSE(files_.repair(kName, whole_index()));
   }
   EXPECT_EQ(read(), damaged);
@@ -479,7 +454,7 @@ TEST_F(BlockFilesTest, WhatAFailedSyncDroppedIsWrittenAgain) {
   EXPECT_FALSE(files_.sync());
   std::filesystem::rename(directory_ / "aside", directory_ / kName);
   EXPECT_TRUE(files_.sync());
-  EXPECT_EQ(read(), concatenate({record_of(blocks_[0]), record_of(blocks_[1]), record_of(blocks_[2])}));
+  EXPECT_EQ(read(), join({record_of(blocks_[0]), record_of(blocks_[1]), record_of(blocks_[2])}));
 }
 
 TEST_F(BlockFilesTest, UnsyncedFilesAreBounded) {

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <tuple>
 
 #include "chain/genesis.h"
+#include "chain/verified_inputs.h"
 #include "consensus/distribution.h"
 #include "consensus/treasury.h"
 #include "core/clock.h"
@@ -88,11 +90,7 @@ struct Scene {
 };
 
 TEST(BlockRules, OneChangeDecides) {
-  const struct SceneRow {
-    const char* label;
-    void (*change)(Scene&);
-    std::string error;
-  } rows[] = {
+  const std::tuple<const char*, void (*)(Scene&), std::string> rows[] = {
       {"nothing", [](Scene&) {}, ""},
       {"nothing at all", [](Scene& s) { s.txs.clear(); }, "Block has no transactions"},
       {"no coinbase", [](Scene& s) { s.txs.erase(s.txs.begin()); }, "First transaction is not coinbase"},
@@ -139,11 +137,11 @@ TEST(BlockRules, OneChangeDecides) {
       {"a bad coinbase and none", [](Scene& s) { s.block.height = 20, s.txs[0].outputs.clear(); },
        "Coinbase has no outputs"},
   };
-  for (const SceneRow& row : rows) {
-    SCOPED_TRACE(row.label);
+  for (const auto& [label, change, want] : rows) {
+    SCOPED_TRACE(label);
     Scene scene;
-    row.change(scene);
-    EXPECT_EQ(scene.verdict(), row.error);
+    change(scene);
+    EXPECT_EQ(scene.verdict(), want);
   }
 }
 
@@ -218,6 +216,36 @@ TEST(BlockRules, EachInputIsVerifiedAheadOfTheRules) {
   scene.txs.back().inputs[0].prevout.index = 99;
   EXPECT_EQ(verify_block_inputs(scene.block, scene.utxos, scene.verified, stop), InputCheck::DONE);
   EXPECT_FALSE(inputs_are_known());
+}
+
+TEST(VerifiedInputs, AVerdictHoldsForWhatItDependsOn) {
+  const TxOut coin(5, sample_key(1).pubkey_hash);
+  Transaction tx = pay(sample_key(1), {{{uint256(), 0}, coin}, {{uint256(), 1}, coin}}, {9});
+  VerifiedInputs verified(64);
+  EXPECT_FALSE(verified.contains(tx, 0, coin));
+  EXPECT_TRUE(verified.verify(tx, 0, coin));
+  EXPECT_TRUE(verified.contains(tx, 0, coin));
+  EXPECT_FALSE(verified.contains(tx, 1, coin)) << "another input";
+  EXPECT_FALSE(verified.contains(tx, 0, TxOut(5, sample_key(2).pubkey_hash))) << "another script";
+  tx.inputs[0].signature[9] ^= 1;
+  tx.invalidate_cache();
+  EXPECT_FALSE(verified.verify(tx, 0, coin)) << "another signature";
+  EXPECT_FALSE(verified.contains(tx, 0, coin)) << "bad verdicts are not remembered";
+  verified.remember(tx, 0, coin);
+  EXPECT_TRUE(verified.verify(tx, 0, coin)) << "what is remembered is not checked";
+}
+
+TEST(VerifiedInputs, AFullTableKeepsTheNewest) {
+  VerifiedInputs verified(64);
+  size_t kept = 0;
+  for (size_t i = 0; i < 1'000; ++i) {
+    verified.remember(Transaction(), i, TxOut());
+    ASSERT_TRUE(verified.contains(Transaction(), i, TxOut())) << i;
+  }
+  for (size_t i = 0; i < 1'000; ++i) {
+    kept += verified.contains(Transaction(), i, TxOut()) ? 1 : 0;
+  }
+  EXPECT_EQ(kept, 64u);
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 
 namespace norvel {
 
-ChainScene::ChainScene(ChainOptions options, PoolSink* sink) : options_(options), sink_(sink) {
+ChainScene::ChainScene(ChainOptions options, PoolSink* sink, std::string directory)
+    : options_(options), sink_(sink), path_(directory.empty() ? directory_.emplace().path() : std::move(directory)) {
   reopen();
 }
 
@@ -15,7 +16,7 @@ ChainOptions small_options(uint32_t distribution_interval) {
 
 void ChainScene::reopen() {
   chain_.reset();
-  chain_ = std::make_unique<Blockchain>(directory_.path(), options_);
+  chain_ = std::make_unique<Blockchain>(path_, options_);
   chain_->set_pool_sink(sink_);
   std::string error;
   ASSERT_TRUE(chain_->initialize(error)) << error;

@@ -21,10 +21,11 @@ ChainOptions small_options(uint32_t distribution_interval = TreasuryState().dist
 
 class ChainScene {
  public:
-  explicit ChainScene(ChainOptions options = small_options(), PoolSink* sink = nullptr);
+  // In `directory`, which stays; without one in a directory of its own.
+  explicit ChainScene(ChainOptions options = small_options(), PoolSink* sink = nullptr, std::string directory = "");
 
   Blockchain& chain() { return *chain_; }
-  const TemporaryDirectory& directory() const { return directory_; }
+  const TemporaryDirectory& directory() const { return *directory_; }  // its own
 
   // Ends the chain and opens it again on the same directory.
   void reopen();
@@ -48,9 +49,10 @@ class ChainScene {
   Bytes replayed_snapshot();
 
  private:
-  TemporaryDirectory directory_;
+  std::optional<TemporaryDirectory> directory_;
   ChainOptions options_;
   PoolSink* sink_;
+  std::string path_;
   std::unique_ptr<Blockchain> chain_;
 };
 

@@ -1,24 +1,17 @@
 // Files that were damaged, cut, doubled or taken away between two starts: the
 // chain comes back by itself, on a known block, with the state of a replay.
 
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
 
 #include "chain/chain_scene.h"
+#include "core/file_io.h"
+#include "support/byte_strings.h"
 
 namespace norvel {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string read_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write_file(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
 
 // A chain of a dozen blocks with payments and a side branch, at rest; each test
 // damages a copy of its directory.
@@ -34,7 +27,8 @@ class Damage : public testing::Test {
         EXPECT_TRUE(scene_.chain().save_snapshot());
       }
     }
-    scene_.add_all(make_branch(start[2], 2, {.message = "side"}));
+    side_ = make_branch(start[2], 2, {.message = "side"});
+    scene_.add_all(side_);
     state_ = scene_.chain().get_snapshot_bytes();
     tip_ = scene_.tip();
     scene_.close();
@@ -56,47 +50,51 @@ class Damage : public testing::Test {
       EXPECT_TRUE(chain.add_block(tip_, error)) << error;
     }
     EXPECT_EQ(chain.get_snapshot_bytes(), state_);
+    for (const Block& block : side_) {
+      EXPECT_TRUE(chain.load_block_from_disk(block.get_hash())) << "side block " << block.height;
+    }
   }
 
-  void expect_recovery_from(const std::string& name, const std::string& content) {
-    expect_recovery([&](const std::string& directory) { write_file(directory + "/" + name, content); });
+  void expect_recovery_from(const std::string& name, const Bytes& content) {
+    expect_recovery([&](const std::string& directory) { ASSERT_TRUE(replace_file(directory + "/" + name, content)); });
   }
 
-  std::string content_of(const std::string& name) { return read_file(scene_.directory() / name); }
+  Bytes content_of(const std::string& name) { return read_whole_file(scene_.directory() / name, 1 << 30).value(); }
 
   ChainScene scene_;
   Bytes state_;
   Block tip_;
+  std::vector<Block> side_;
 };
 
 TEST_F(Damage, OfTheSnapshotOrTheJournalCostsAReplay) {
   for (const std::string name : {kSnapshotFile, "undo.dat"}) {
-    const std::string whole = content_of(name);
+    const Bytes whole = content_of(name);
     ASSERT_GT(whole.size(), 500u);
     // The decoders are tried with every byte; here a few of each section.
     for (size_t at = 0; at < whole.size(); at += 131) {
       SCOPED_TRACE(name + " at byte " + std::to_string(at));
-      std::string flipped = whole;
-      flipped[at] = static_cast<char>(flipped[at] ^ 0x20);
+      Bytes flipped = whole;
+      flipped[at] ^= 0x20;
       expect_recovery_from(name, flipped);
-      expect_recovery_from(name, whole.substr(0, at));
+      expect_recovery_from(name, cut(whole, at));
     }
-    expect_recovery_from(name, whole + whole);
+    expect_recovery_from(name, join({whole, whole}));
     expect_recovery([&](const std::string& directory) { fs::remove(directory + "/" + name); });
   }
 }
 
 TEST_F(Damage, OfTheLastRecordLosesThatBlockOnly) {
   const std::string name = block_file_name(0);
-  const std::string whole = content_of(name);
-  const size_t last = whole.size() - tip_.serialize().size() - 4;
-  // The side branch was written behind the tip: cut from the tip's record on.
+  const Bytes whole = content_of(name);
   const Bytes tip_bytes = tip_.serialize();
-  const size_t start = whole.find(std::string(tip_bytes.begin(), tip_bytes.end())) - 4;
-  ASSERT_LT(start, last);
+  const auto found = std::search(whole.begin(), whole.end(), tip_bytes.begin(), tip_bytes.end());
+  const size_t start = static_cast<size_t>(found - whole.begin()) - 4;
+  ASSERT_LT(start, whole.size() - tip_bytes.size() - 4);
+  side_.clear();  // was written behind the tip and is cut with it
   for (size_t size = start; size < start + 4 + tip_bytes.size(); size += 3) {
     SCOPED_TRACE("cut at " + std::to_string(size));
-    expect_recovery_from(name, whole.substr(0, size));
+    expect_recovery_from(name, cut(whole, size));
   }
 }
 
@@ -108,11 +106,11 @@ TEST_F(Damage, OfAnyDatabaseFileCostsARebuildOfTheIndex) {
   ASSERT_GT(names.size(), 3u);
   for (const std::string& name : names) {
     SCOPED_TRACE(name);
-    const std::string whole = content_of(name);
+    const Bytes whole = content_of(name);
     expect_recovery([&](const std::string& directory) { fs::remove(directory + "/" + name); });
-    expect_recovery_from(name, "");
-    expect_recovery_from(name, std::string(whole.size() + 10, 'x'));
-    expect_recovery_from(name, whole.substr(0, whole.size() / 2));
+    for (const Bytes& content : {Bytes(), Bytes(whole.size() + 10, 'x'), cut(whole, whole.size() / 2)}) {
+      expect_recovery_from(name, content);
+    }
   }
   expect_recovery([](const std::string& directory) { fs::remove_all(directory + "/chainstate"); });
   expect_recovery([](const std::string& directory) {

@@ -3,46 +3,14 @@
 
 #include <dlfcn.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <limits>
-#include <new>
 
 #include "chain/chain_scene.h"
-
-static constexpr uint64_t kNever = std::numeric_limits<uint64_t>::max();
-
-// Allocations numbered first to last fail, on the thread that said so: the
-// database has another one.
-static thread_local uint64_t allocation_number = 0;
-static thread_local uint64_t first_failing = kNever;
-static thread_local uint64_t last_failing = kNever;
-
-void* operator new(size_t size) {
-  const uint64_t number = ++allocation_number;
-  void* memory = number >= first_failing && number <= last_failing ? nullptr : std::malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-// Of those who can do with less; from malloc too, as the operators below free it.
-void* operator new(size_t size, const std::nothrow_t& /*unused*/) noexcept {
-  return std::malloc(size);
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
-}
+#include "support/allocations.h"
 
 // The database begins where the block files are synced; it is another's code.
 extern "C" int fdatasync(int fd) {
-  first_failing = kNever;
+  norvel::allocations.first_failing = norvel::Allocations::kNever;
   static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fdatasync"));
   return real(fd);
 }
@@ -77,13 +45,13 @@ Outcome switch_without_memory(uint64_t first, uint64_t count, bool has_journal =
 
   std::string error;
   error.reserve(1'000);
-  allocation_number = 0;
-  first_failing = first;
-  last_failing = first + count;
+  allocations.count = 0;
+  allocations.first_failing = first;
+  allocations.last_failing = first + count;
   const bool accepted = scene.chain().add_block(heavier[2], error);
   Outcome outcome;
-  outcome.fired = first_failing != kNever ? allocation_number >= first : allocation_number > first;
-  first_failing = kNever;
+  outcome.fired = allocations.count >= first + (allocations.first_failing == Allocations::kNever ? 1 : 0);
+  allocations.first_failing = Allocations::kNever;
 
   outcome.broken = scene.chain().get_status().broken;
   if (outcome.broken) {
@@ -106,40 +74,30 @@ Outcome switch_without_memory(uint64_t first, uint64_t count, bool has_journal =
   return outcome;
 }
 
-TEST(MemoryRunsOut, OnceDuringASwitchOfBranchesAndNothingIsLost) {
-  uint64_t first = 1;
-  for (; switch_without_memory(first, 0).fired; first += 7) {
-    ASSERT_FALSE(testing::Test::HasFailure()) << "allocation " << first;
-  }
-  EXPECT_GT(first, 100u);
-}
-
-TEST(MemoryRunsOut, DuringASwitchWithoutTheJournal) {
-  for (const uint64_t count : {uint64_t{0}, uint64_t{3}, uint64_t{40}}) {
-    bool fired = true;
-    for (uint64_t first = 1; fired; first += 13) {
-      const Outcome outcome = switch_without_memory(first, count, false);
-      ASSERT_FALSE(testing::Test::HasFailure()) << count << " from allocation " << first;
-      EXPECT_FALSE(outcome.broken && count == 0) << "allocation " << first;
-      fired = outcome.fired;
-    }
-  }
-}
-
-TEST(MemoryRunsOut, ForLongAndTheNextStartRebuilds) {
-  for (const uint64_t count : {uint64_t{3}, kNever / 2}) {
+TEST(MemoryRunsOut, DuringASwitchOfBranchesAndNothingIsLost) {
+  constexpr uint64_t kForLong = Allocations::kNever / 2;
+  const struct {
+    uint64_t step;   // between the allocations that are tried
+    uint64_t count;  // of allocations that fail, less one
+    bool has_journal;
+    bool breaks;  // the next start rebuilds
+  } rows[] = {{7, 0, true, false},   {11, 3, true, true},  {11, kForLong, true, true},
+              {13, 0, false, false}, {13, 3, false, true}, {13, 40, false, true}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::Message() << row.count + 1 << " allocations, journal: " << row.has_journal);
     size_t broken_count = 0;
     size_t text_count = 0;
-    bool fired = true;
-    for (uint64_t first = 1; fired; first += 11) {
-      const Outcome outcome = switch_without_memory(first, count);
+    uint64_t first = 1;
+    for (bool fired = true; fired; first += row.step) {
+      const Outcome outcome = switch_without_memory(first, row.count, row.has_journal);
       ASSERT_FALSE(testing::Test::HasFailure()) << "from allocation " << first;
       broken_count += outcome.broken ? 1 : 0;
       text_count += outcome.says_why ? 1 : 0;
       fired = outcome.fired;
     }
-    EXPECT_GT(broken_count, 0u) << count;
-    EXPECT_EQ(text_count > 0, count < kNever / 2) << count;
+    EXPECT_GT(first, 100u);
+    EXPECT_EQ(broken_count > 0, row.breaks);
+    EXPECT_EQ(text_count > 0, row.breaks && row.count < 40) << "memory comes back in time for it";
   }
 }
 

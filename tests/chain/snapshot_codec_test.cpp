@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <tuple>
 
 #include "crypto/hash.h"
 #include "crypto/hex.h"
@@ -110,12 +111,8 @@ TEST(Snapshot, RefusesEveryCutAndEveryFlip) {
 
 TEST(Snapshot, RefusesWhatNoStateCanHold) {
   const std::string hex = crypto::bytes_to_hex(join_fields(kFields));
-  const struct {
-    const char* label;
-    std::string from;  // replaced where it stands first
-    std::string to;
-    const char* reason;
-  } rows[] = {
+  // The first text is replaced by the second where it stands first.
+  const std::tuple<const char*, std::string, std::string, const char*> rows[] = {
       {"negative supply", "0500000000000000", "0500000000000080", "truncated header"},
       {"more outputs than bytes", "02000000" + kSmallId, "ffffffff" + kSmallId, "utxo framing"},
       {"negative output", "001976a9", "801976a9", "utxo parse"},
@@ -136,11 +133,11 @@ TEST(Snapshot, RefusesWhatNoStateCanHold) {
       {"a key twice", "01006200", "01006100", "pubkeys"},
       {"a byte left over", "01006200", "0100620000", "pubkeys"},
   };
-  for (const auto& row : rows) {
-    const size_t at = hex.find(row.from);
-    ASSERT_EQ(at % 2, 0u) << row.label;
-    const std::string changed = std::string(hex).replace(at, row.from.size(), row.to);
-    EXPECT_EQ(reason_for(with_checksum(crypto::hex_to_bytes(changed))), row.reason) << row.label;
+  for (const auto& [label, from, to, reason] : rows) {
+    const size_t at = hex.find(from);
+    ASSERT_EQ(at % 2, 0u) << label;
+    const std::string changed = std::string(hex).replace(at, from.size(), to);
+    EXPECT_EQ(reason_for(with_checksum(crypto::hex_to_bytes(changed))), reason) << label;
   }
 }
 

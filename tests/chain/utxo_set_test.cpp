@@ -4,17 +4,16 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <map>
 #include <random>
 #include <thread>
 
+#include "core/file_io.h"
 #include "crypto/hex.h"
 #include "script/script.h"
-#include "support/ledger_samples.h"
+#include "support/byte_strings.h"
+#include "support/chain_builder.h"
 
 namespace norvel {
 namespace {
@@ -127,23 +126,10 @@ TEST(UTXOSet, MayBeReadWhileItChanges) {
 
 class UTXOSetFile : public testing::Test {
  protected:
-  UTXOSetFile() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "norvel-utxo-XXXXXX").string();
-    directory_ = mkdtemp(pattern.data());
-    path_ = directory_ / "utxos";
-    set_.add_utxo({uint256(uint64_t{9}), 1}, TxOut(5, {}));
-  }
-  ~UTXOSetFile() override { std::filesystem::remove_all(directory_); }
+  UTXOSetFile() { set_.add_utxo({uint256(uint64_t{9}), 1}, TxOut(5, {})); }
 
-  void write(ByteView bytes) const {
-    std::ofstream(path_, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  }
-
-  Bytes read() const {
-    std::ifstream file(path_, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(file), {});
-  }
+  void write(const Bytes& bytes) const { ASSERT_TRUE(replace_file(path_, bytes)); }
+  Bytes read() const { return read_whole_file(path_, 1 << 30).value(); }
 
   // The file is refused, and what the set held is kept only where none was opened.
   void expect_refused(const std::string& path, bool is_kept = false) {
@@ -152,29 +138,23 @@ class UTXOSetFile : public testing::Test {
     EXPECT_EQ(set_.size() != 0, is_kept);
   }
 
-  std::filesystem::path directory_;
-  std::filesystem::path path_;
+  TemporaryDirectory directory_;
+  std::string path_ = directory_ / "utxos";
   UTXOSet set_;
 };
 
-TEST_F(UTXOSetFile, HasTheStatedLayout) {
+TEST_F(UTXOSetFile, HasTheStatedLayoutAndRestoresWhatWasSaved) {
   ASSERT_TRUE(set_.save_to_file(path_));
   EXPECT_EQ(crypto::bytes_to_hex(read()),
             "010000002400000009" + std::string(62, '0') + "010000000a00000005000000000000000000");
-}
-
-TEST_F(UTXOSetFile, RestoresWhatWasSaved) {
   std::mt19937_64 random(9);
   for (int i = 0; i < 300; ++i) {
     set_.add_utxo({random_uint256(random), static_cast<uint32_t>(random())}, random_output(random));
   }
   ASSERT_TRUE(set_.save_to_file(path_));
-  const Bytes file = read();
   UTXOSet loaded;
   ASSERT_TRUE(loaded.load_from_file(path_));
   EXPECT_EQ(contents(loaded), contents(set_));
-  ASSERT_TRUE(loaded.save_to_file(path_));
-  EXPECT_EQ(read(), file);
   ASSERT_TRUE(UTXOSet().save_to_file(path_));  // shorter than the file that stands there
   ASSERT_TRUE(loaded.load_from_file(path_));
   EXPECT_EQ(loaded.size(), 0u);
@@ -185,7 +165,7 @@ TEST_F(UTXOSetFile, RefusesWhatIsNotWhole) {
   const Bytes whole = read();
   for (size_t len = 0; len < whole.size(); ++len) {
     SCOPED_TRACE(len);
-    write(ByteView(whole).first(len));
+    write(cut(whole, len));
     expect_refused(path_);
   }
   // Counts and lengths one off, and ones that no file can hold.
@@ -196,8 +176,7 @@ TEST_F(UTXOSetFile, RefusesWhatIsNotWhole) {
     write(bytes);
     expect_refused(path_);
   }
-  Bytes longer = whole;
-  longer.push_back(0);
+  Bytes longer = join({whole, {0}});
   write(longer);
   expect_refused(path_);
   ++longer[44];  // the output's length now covers the extra byte
@@ -206,9 +185,9 @@ TEST_F(UTXOSetFile, RefusesWhatIsNotWhole) {
 }
 
 TEST_F(UTXOSetFile, ReportsWhatCannotBeOpenedOrWritten) {
-  EXPECT_FALSE(set_.save_to_file(directory_));
+  EXPECT_FALSE(set_.save_to_file(directory_.path()));
   EXPECT_FALSE(set_.save_to_file("/dev/full"));
-  expect_refused(directory_, true);
+  expect_refused(directory_.path(), true);
   ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
   expect_refused(path_, true);  // would otherwise wait for a writer
 }

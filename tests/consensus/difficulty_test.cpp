@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "support/ledger_samples.h"
 
@@ -15,11 +16,7 @@ uint256 number(const std::string& digits, size_t zero_bytes = 0) {
 }
 
 TEST(CompactBits, StandForTargets) {
-  const struct {
-    uint32_t bits;
-    uint256 target;
-    uint32_t canonical;
-  } rows[] = {
+  const std::tuple<uint32_t, uint256, uint32_t> rows[] = {
       {0x00123456, number("0"), 0},
       {0x01ff3456, number("ff"), 0x010000ff},
       {0x02123456, number("1234"), 0x02123400},
@@ -29,9 +26,9 @@ TEST(CompactBits, StandForTargets) {
       {0x21123456, number("3456", 30), 0x20345600},
       {0x23123456, number("0"), 0},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(bits_to_target(row.bits).to_hex(), row.target.to_hex()) << std::hex << row.bits;
-    EXPECT_EQ(target_to_bits(row.target), row.canonical) << row.target.to_hex();
+  for (const auto& [bits, target, canonical] : rows) {
+    EXPECT_EQ(bits_to_target(bits).to_hex(), target.to_hex()) << std::hex << bits;
+    EXPECT_EQ(target_to_bits(target), canonical) << target.to_hex();
   }
   for (uint32_t exponent = 3; exponent <= 32; ++exponent) {
     for (const uint32_t mantissa : {0x008000u, 0x00ffffu, 0x010000u, 0x123456u, 0x7fffffu}) {
@@ -42,13 +39,7 @@ TEST(CompactBits, StandForTargets) {
 }
 
 TEST(NextDifficulty, StaysWithinTheRatioAndTheRange) {
-  const struct {
-    const char* label;
-    uint32_t bits;
-    uint64_t span;
-    uint32_t expected;
-    uint32_t want;
-  } rows[] = {
+  const std::tuple<const char*, uint32_t, uint64_t, uint32_t, uint32_t> rows[] = {
       {"on time", 0x1c100000, 60, 60, 0x1c100000},
       {"just within", 0x1c100000, 65, 60, 0x1c115555},
       {"a tenth slower, the slowest", 0x1c100000, 66, 60, 0x1c119999},
@@ -62,9 +53,9 @@ TEST(NextDifficulty, StaysWithinTheRatioAndTheRange) {
       {"hardest stays", 0x1b00ffff, 54, 60, 0x1b00ffff},
       {"hardest, a tenth easier", 0x1b00ffff, 66, 60, 0x1b011998},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    EXPECT_EQ(calculate_next_difficulty(row.bits, row.span, row.expected), row.want);
+  for (const auto& [label, bits, span, expected, want] : rows) {
+    SCOPED_TRACE(label);
+    EXPECT_EQ(calculate_next_difficulty(bits, span, expected), want);
   }
   EXPECT_EQ(runtime_error_of([] { calculate_next_difficulty(0x1c100000, 0, 0); }), "Division by zero");
 }

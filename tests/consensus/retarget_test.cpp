@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <map>
-#include <random>
+#include <tuple>
 #include <vector>
 
 #include "consensus/difficulty.h"
@@ -44,13 +43,7 @@ TEST_F(Retarget, HappensAtMultiplesOfTheInterval) {
   for (uint32_t height = 0; height < 40; ++height) {
     timestamps_[height] = 1'000 * (height + 1);
   }
-  const struct {
-    const char* label;
-    DifficultyConfig config;
-    uint32_t height;
-    uint32_t want;
-    std::vector<uint32_t> fetched;
-  } rows[] = {
+  const std::tuple<const char*, DifficultyConfig, uint32_t, uint32_t, std::vector<uint32_t>> rows[] = {
       {"last block of the first interval", {}, 5, 0x1e0fffff, {}},
       {"first tip that keeps its bits", {}, 6, kBits, {}},
       {"last tip before an adjustment", {}, 10, kBits, {}},
@@ -61,27 +54,21 @@ TEST_F(Retarget, HappensAtMultiplesOfTheInterval) {
       {"expected time that wraps to nothing", {2, 0x80000000, false}, 11, kBits, {}},
       {"interval of one", {1, 10, false}, 1, kSlower, {0, 1}},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    set_difficulty_config(row.config);
+  for (const auto& [label, config, height, want, fetched] : rows) {
+    SCOPED_TRACE(label);
+    set_difficulty_config(config);
     fetched_.clear();
-    EXPECT_EQ(next_bits(row.height), row.want);
-    EXPECT_EQ(fetched_, row.fetched);
-    EXPECT_EQ(text_ == "[Consensus] Warning: Could not fetch blocks for difficulty calculation\n", row.height > 40);
-    EXPECT_EQ(text_.empty(), row.fetched.empty());
+    EXPECT_EQ(next_bits(height), want);
+    EXPECT_EQ(fetched_, fetched);
+    EXPECT_EQ(text_ == "[Consensus] Warning: Could not fetch blocks for difficulty calculation\n", height > 40);
+    EXPECT_EQ(text_.empty(), fetched.empty());
   }
 }
 
 TEST_F(Retarget, MeasuresClampsAndReports) {
   const std::string harder = "72817.7392\n  Difficulty change:  1.11x (harder)\n";
   const std::string easier = "59578.1560\n  Difficulty change:  0.91x (easier)\n";
-  const struct {
-    uint64_t span;
-    std::string warning;
-    std::string used;
-    std::string ratio;
-    std::string difficulty;
-  } rows[] = {
+  const std::tuple<uint64_t, std::string, std::string, std::string, std::string> rows[] = {
       {240, "", "240", "4.00x (too slow)", easier},
       {54, "", "54", "0.90x (on target)", harder},
       {60, "", "60", "1.00x (on target)", "65535.9375\n  Difficulty change:  1.00x\n"},
@@ -90,76 +77,20 @@ TEST_F(Retarget, MeasuresClampsAndReports) {
       {14, "too small (< 15s), clamping to minimum", "15", "0.25x (too fast)", harder},
       {~uint64_t{0}, "too large (> 240s), clamping to maximum", "240", "4.00x (too slow)", easier},  // clock went back
   };
-  for (const auto& row : rows) {
-    timestamps_ = {{5, 1'000}, {11, 1'000 + row.span}};
-    EXPECT_EQ(next_bits(11), difficulty::calculate_next_difficulty(kBits, std::stoull(row.used), 60));
-    const std::string span = std::to_string(row.span);
+  for (const auto& [seconds, warning, used, ratio, difficulty] : rows) {
+    timestamps_ = {{5, 1'000}, {11, 1'000 + seconds}};
+    EXPECT_EQ(next_bits(11), norvel::difficulty::calculate_next_difficulty(kBits, std::stoull(used), 60));
+    const std::string span = std::to_string(seconds);
     std::string want = "[Consensus] Measuring time between block 5 (timestamp: 1000) and block 11 (timestamp: " +
-                       std::to_string(1'000 + row.span) + ")\n[Consensus] Raw time span measured: " + span +
+                       std::to_string(1'000 + seconds) + ")\n[Consensus] Raw time span measured: " + span +
                        " seconds\n";
-    if (!row.warning.empty()) {
-      want += "[Consensus] Warning: Actual time span (" + span + "s) " + row.warning + "\n";
+    if (!warning.empty()) {
+      want += "[Consensus] Warning: Actual time span (" + span + "s) " + warning + "\n";
     }
-    want += "[Consensus] Difficulty Adjustment at height 12\n  Actual time span:   " + row.used +
-            "s\n  Expected time span: 60s\n  Time ratio:         " + row.ratio +
-            "\n  Old difficulty:     65535.9375\n  New difficulty:     " + row.difficulty;
+    want += "[Consensus] Difficulty Adjustment at height 12\n  Actual time span:   " + used +
+            "s\n  Expected time span: 60s\n  Time ratio:         " + ratio +
+            "\n  Old difficulty:     65535.9375\n  New difficulty:     " + difficulty;
     EXPECT_EQ(text_, want);
-  }
-}
-
-// A chain whose blocks take difficulty / hash rate times `draw()` of the target
-// spacing; the rate jumps from 500 to 5,000 and back a third of the way each.
-// Returns the mean block time, in seconds, of the last 2,000 blocks of a third.
-std::vector<double> simulate(const std::function<double()>& draw) {
-  constexpr uint32_t kThird = 3'334;
-  constexpr uint32_t kMeasured = 2'000;
-  const CapturedStderr quiet;
-  std::vector<BlockHeader> chain(1);
-  chain[0].bits = difficulty::kEasiestBits;
-  chain[0].timestamp = 1'704'067'200;
-  auto clock = static_cast<double>(chain[0].timestamp);
-  std::vector<double> means;
-  double measured_from = 0;
-  for (uint32_t height = 1; height <= 3 * kThird; ++height) {
-    BlockHeader header;
-    header.bits = calculate_next_difficulty_for_chain([&](uint32_t at) { return std::optional(chain.at(at)); },
-                                                      height - 1, chain.back().bits);
-    EXPECT_TRUE(difficulty::verify_bits(header.bits));
-    const double rate = (height - 1) / kThird == 1 ? 5'000 : 500;
-    clock += 10 * draw() * difficulty::get_difficulty(header.bits) / rate;
-    header.timestamp = static_cast<uint64_t>(clock);
-    chain.push_back(header);
-    if (height % kThird == kThird - kMeasured) {
-      measured_from = clock;
-    } else if (height % kThird == 0) {
-      means.push_back((clock - measured_from) / kMeasured);
-    }
-  }
-  return means;
-}
-
-TEST(RetargetSimulation, RegularBlocksSettleAtTheTargetSpacing) {
-  for (const double mean : simulate([] { return 1.0; })) {
-    EXPECT_NEAR(mean, 10.0, 0.2);
-  }
-}
-
-// Random block times settle a little higher: a step to a longer time is cut at
-// 11/10, one to a shorter at 10/11.
-TEST(RetargetSimulation, RandomBlocksSettleSlightlyAboveIt) {
-  std::mt19937_64 random(7);
-  std::vector<double> sums(3);
-  constexpr int kRuns = 10;
-  for (int run = 0; run < kRuns; ++run) {
-    const std::vector<double> means =
-        simulate([&] { return -std::log1p(-static_cast<double>(random() >> 11) * 0x1p-53); });
-    for (size_t i = 0; i < sums.size(); ++i) {
-      sums[i] += means.at(i);
-    }
-  }
-  for (const double sum : sums) {
-    EXPECT_GT(sum / kRuns, 10.5);
-    EXPECT_LT(sum / kRuns, 11.5);
   }
 }
 

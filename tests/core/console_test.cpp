@@ -3,16 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace norvel::console {
 namespace {
 
 TEST(Printable, ReplacesWhatSteersATerminalAndKeepsText) {
-  const struct {
-    const char* label;
-    std::string text;
-    std::string want;
-  } rows[] = {
+  const std::tuple<const char*, std::string, std::string> rows[] = {
       {"line break, tab and escape", "a\nb\tc\x1b[2Jd\r", "a?b?c?[2Jd?"},
       {"zero byte", std::string("a\0b", 3), "a?b"},
       {"DEL", "\x7e\x7f", "~?"},
@@ -26,9 +23,9 @@ TEST(Printable, ReplacesWhatSteersATerminalAndKeepsText) {
       {"last code point", "\xf4\x8f\xbf\xbf", "\xf4\x8f\xbf\xbf"},
       {"beyond the last code point", "\xf4\x90\x80\x80", "\xf4???"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    EXPECT_EQ(printable(row.text), row.want);
+  for (const auto& [label, text, want] : rows) {
+    SCOPED_TRACE(label);
+    EXPECT_EQ(printable(text), want);
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <limits>
 #include <map>
+#include <tuple>
 
 #include "consensus/treasury.h"
 #include "core/clock.h"
@@ -68,44 +69,39 @@ TEST(CoinbaseTx, FieldsAndTreasuryShare) {
 }
 
 TEST(StandardTx, SelectsTheLargestAndReturnsTheChange) {
-  const struct {
-    const char* label;
-    int64_t amount;
-    int64_t fee;
-    SpendableOutputs outputs;
-    std::vector<uint8_t> inputs;  // outpoint numbers, in order
-    int64_t change;
-    const char* error;
-  } rows[] = {
-      {"one unit short", 900, 101, spendable({1'000}), {}, 0, "Insufficient funds"},
-      {"change of 999 joins the fee", 1, 0, spendable({1'000}), {0}, 0, ""},
-      {"change of 1,000 comes back", 1, 0, spendable({1'001}), {0}, 1'000, ""},
-      {"largest first, no more than needed", 60, 0, spendable({10, 50, 30, 40}), {1, 3}, 0, ""},
-      {"values that overflow together", kMax, 0, spendable({kMax - 1, kMax - 1}), {0, 1}, kMax - 2, ""},
-      {"one outpoint listed twice", 15, 0, {spendable({10})[0], spendable({10})[0]}, {}, 0, "Insufficient funds"},
-      {"the null outpoint", 5, 0, {{OutPoint::null(), TxOut(10, {})}}, {}, 0, "Insufficient funds"},
-      {"nothing to pay", 0, 0, spendable({5'000}), {0}, 5'000, ""},
-      {"negative amount", -1, 10, spendable({100}), {}, 0, "Invalid amount"},
-      {"amount and fee overflow", kMax, 1, spendable({kMax}), {}, 0, "Invalid amount"},
-  };
+  // The inputs are numbers of outpoints.
+  const std::tuple<const char*, int64_t, int64_t, SpendableOutputs, std::vector<uint8_t>, int64_t, const char*> rows[] =
+      {
+          {"one unit short", 900, 101, spendable({1'000}), {}, 0, "Insufficient funds"},
+          {"change of 999 joins the fee", 1, 0, spendable({1'000}), {0}, 0, ""},
+          {"change of 1,000 comes back", 1, 0, spendable({1'001}), {0}, 1'000, ""},
+          {"largest first, no more than needed", 60, 0, spendable({10, 50, 30, 40}), {1, 3}, 0, ""},
+          {"values that overflow together", kMax, 0, spendable({kMax - 1, kMax - 1}), {0, 1}, kMax - 2, ""},
+          {"one outpoint listed twice", 15, 0, {spendable({10})[0], spendable({10})[0]}, {}, 0, "Insufficient funds"},
+          {"the null outpoint", 5, 0, {{OutPoint::null(), TxOut(10, {})}}, {}, 0, "Insufficient funds"},
+          {"nothing to pay", 0, 0, spendable({5'000}), {0}, 5'000, ""},
+          {"negative amount", -1, 10, spendable({100}), {}, 0, "Invalid amount"},
+          {"amount and fee overflow", kMax, 1, spendable({kMax}), {}, 0, "Invalid amount"},
+      };
   std::string error;
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    const auto tx = Transaction::create_standard_tx(alice().private_key, alice().pubkey, bob().address, row.amount,
-                                                    row.outputs, row.fee, "", {}, error);
-    EXPECT_EQ(error, row.error);
+  for (const auto& [label, amount, fee, outputs, inputs, change, want] : rows) {
+    SCOPED_TRACE(label);
+    const auto tx = Transaction::create_standard_tx(alice().private_key, alice().pubkey, bob().address, amount, outputs,
+                                                    fee, "", {}, error);
+    EXPECT_EQ(error, want);
     ASSERT_EQ(tx.has_value(), error.empty());
     if (tx) {
-      ASSERT_EQ(tx->inputs.size(), row.inputs.size());
-      for (size_t i = 0; i < row.inputs.size(); ++i) {
-        EXPECT_EQ(tx->inputs[i].prevout, outpoint(row.inputs[i]));
+      std::vector<uint8_t> taken;
+      for (const TxIn& input : tx->inputs) {
+        taken.push_back(static_cast<uint8_t>(input.prevout.index));
       }
-      EXPECT_EQ(tx->outputs[0].value, row.amount);
+      EXPECT_EQ(taken, inputs);
+      EXPECT_EQ(tx->outputs[0].value, amount);
       EXPECT_EQ(tx->outputs[0].pubkey_hash, bob().pubkey_hash);
-      ASSERT_EQ(tx->outputs.size(), row.change == 0 ? 1u : 2u);
-      EXPECT_EQ(row.change == 0 ? 0 : tx->outputs.back().value, row.change);
-      EXPECT_EQ(tx->outputs.back().pubkey_hash, row.change == 0 ? bob().pubkey_hash : alice().pubkey_hash);
-      EXPECT_TRUE(tx->verify_all_signatures(as_map(row.outputs)));
+      ASSERT_EQ(tx->outputs.size(), change == 0 ? 1u : 2u);
+      EXPECT_EQ(change == 0 ? 0 : tx->outputs.back().value, change);
+      EXPECT_EQ(tx->outputs.back().pubkey_hash, change == 0 ? bob().pubkey_hash : alice().pubkey_hash);
+      EXPECT_TRUE(tx->verify_all_signatures(as_map(outputs)));
       const CapturedStderr errors;
       EXPECT_FALSE(tx->verify_all_signatures({}));
       EXPECT_EQ(errors.text(), "[Transaction] UTXO not found for input 0\n");
@@ -121,8 +117,7 @@ TEST(EncryptedNote, TravelsInAPaymentOrAlone) {
     bool alone;
     const SampleKey& to;
     size_t bytes;
-    int64_t value;
-    int64_t fee;
+    int64_t value, fee;
     Bytes recipient_key;
     const char* error;
   } rows[] = {
@@ -180,9 +175,11 @@ TEST(HtlcTx, FundedThenClaimedOrRefunded) {
   const OutPoint contract{funding->get_txid(), 0};
   const TxOut& output = funding->outputs[0];
   const CapturedStderr errors;
-  const auto is_valid = [&](const std::optional<Transaction>& tx, const SampleKey& key) {
+  const auto is_valid = [&](std::optional<Transaction> tx, const SampleKey& key, bool has_marker = true) {
     EXPECT_EQ(tx.value().outputs.at(0).value, 90'000);
     EXPECT_EQ(tx->outputs[0].pubkey_hash, key.pubkey_hash);
+    tx->inputs[0].pubkey.resize(has_marker ? 4 : 3);  // is not signed
+    tx->invalidate_cache();
     return Transaction::deserialize(tx->serialize()).verify_all_signatures({{contract, output}});
   };
   const auto claim = [&](const SampleKey& key, const Bytes& preimage) {
@@ -193,24 +190,19 @@ TEST(HtlcTx, FundedThenClaimedOrRefunded) {
   EXPECT_FALSE(claim(bob(), {'w', 'r', 'o', 'n', 'g'}));
   EXPECT_EQ(errors.text(), "[Transaction] Signature verification failed for input 0\n");
   EXPECT_FALSE(claim(alice(), secret));
-  const auto refund = [&](const SampleKey& key, uint32_t lock_time) {
+  const auto refund = [&](const SampleKey& key, uint32_t lock_time, bool has_marker = true) {
     return is_valid(Transaction::create_htlc_refund_tx(key.private_key, key.pubkey, contract, output, lock_time, error),
-                    key);
+                    key, has_marker);
   };
   EXPECT_FALSE(refund(alice(), kLockTime - 1));
   EXPECT_TRUE(refund(alice(), kLockTime));
+  EXPECT_FALSE(refund(alice(), kLockTime, false)) << "only the whole marker announces an unlocking script";
   EXPECT_FALSE(refund(bob(), kLockTime));
 }
 
 TEST(HtlcTx, RefusesBadArguments) {
   std::string error;
-  const struct {
-    int64_t amount;
-    size_t recipient_bytes;
-    size_t hash_bytes;
-    uint32_t lock_time;
-    const char* error;
-  } rows[] = {
+  const std::tuple<int64_t, size_t, size_t, uint32_t, const char*> rows[] = {
       {0, 19, 31, 1, "amount must be positive"},
       {1, 19, 31, 1, "payment_hash must be 32 bytes"},
       {1, 19, 32, 1, "recipient_pkh must be 20 bytes"},
@@ -219,10 +211,9 @@ TEST(HtlcTx, RefusesBadArguments) {
       {109'901, 20, 32, 1, "Insufficient funds"},
       {109'900, 20, 32, 0x7fffffff, ""},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(fund(row.amount, Bytes(row.recipient_bytes), Bytes(row.hash_bytes), row.lock_time, error).has_value(),
-              *row.error == '\0');
-    EXPECT_EQ(error, row.error);
+  for (const auto& [amount, recipient_bytes, hash_bytes, lock_time, want] : rows) {
+    EXPECT_EQ(fund(amount, Bytes(recipient_bytes), Bytes(hash_bytes), lock_time, error).has_value(), *want == '\0');
+    EXPECT_EQ(error, want);
   }
   const SampleKey& key = bob();
   const TxOut small(10'000, key.pubkey_hash);

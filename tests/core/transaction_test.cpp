@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 
 #include "crypto/hash.h"
@@ -91,27 +90,6 @@ TEST(TransactionFormat, OtherSpellingsOfAnOutputBecomeTheCanonicalOne) {
   size_t offset = 0;
   EXPECT_EQ(crypto::bytes_to_hex(TxOut::deserialize(bytes, offset).serialize()), "00000000000000000151013200" + note);
   EXPECT_EQ(offset, bytes.size());
-}
-
-TEST(TransactionFormat, WhateverIsAcceptedIsAFixedPoint) {
-  std::mt19937_64 random(3);
-  int accepted = 0;
-  for (int i = 0; i < 5'000; ++i) {
-    Bytes bytes = random_transaction(random).serialize();
-    ASSERT_EQ(Transaction::deserialize(bytes).serialize(), bytes);
-    for (auto changes = random() % 4; changes > 0; --changes) {
-      const size_t at = random() % bytes.size();
-      bytes[at] = static_cast<uint8_t>(random());
-      bytes.insert(bytes.begin() + static_cast<ptrdiff_t>(at), random() % 2, bytes[at]);
-    }
-    std::optional<Bytes> once;
-    runtime_error_of([&] { once = Transaction::deserialize(bytes).serialize(); });
-    if (once) {
-      ++accepted;
-      ASSERT_EQ(Transaction::deserialize(*once).serialize(), *once);
-    }
-  }
-  EXPECT_GT(accepted, 1'500);
 }
 
 // The counts and lengths are cut to their width, and writing still ends.

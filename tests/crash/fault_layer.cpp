@@ -20,7 +20,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -93,28 +93,29 @@ void note_size(int fd, const std::string& path, bool synced) {
   }
 }
 
-enum class Fate { GO_ON, DIE, FAIL };
-
 std::atomic<uint64_t> calls{0};
 std::atomic<bool> disk_full{false};
 
-// Counts one call; on FAIL, errno is set.
-Fate next_call(bool needs_space) {
+// Counts one call; false with errno set when it is to fail. `last_act` is what is
+// done of a call in which the process dies.
+bool goes_on(
+    bool needs_space, const std::function<void()>& last_act = [] {}) {
   static const uint64_t fault_at = std::strtoull(setting("NORVEL_FAULT_AT").c_str(), nullptr, 10);
   if (disk_full && needs_space) {
     errno = ENOSPC;
-    return Fate::FAIL;
+    return false;
   }
   if (++calls != fault_at) {
-    return Fate::GO_ON;
+    return true;
   }
   if (kind() == "kill" || kind() == "powercut") {
-    return Fate::DIE;
+    last_act();
+    die();
   }
   close(open(setting("NORVEL_FAULT_MARK").c_str(), O_WRONLY | O_CREAT, 0600));
   disk_full = kind() == "enospc";
   errno = disk_full ? ENOSPC : EIO;
-  return disk_full && !needs_space ? Fate::GO_ON : Fate::FAIL;
+  return disk_full && !needs_space;
 }
 
 template <class Write>
@@ -124,16 +125,7 @@ ssize_t faulty_write(int fd, size_t count, Write write_bytes) {
     return write_bytes(count);
   }
   note_size(fd, path, false);
-  switch (next_call(true)) {
-    case Fate::DIE:
-      write_bytes(count / 2);
-      die();
-    case Fate::FAIL:
-      return -1;
-    case Fate::GO_ON:
-      break;
-  }
-  return write_bytes(count);
+  return goes_on(true, [&] { write_bytes(count / 2); }) ? write_bytes(count) : -1;
 }
 
 int faulty_sync(int fd, int (*sync)(int)) {
@@ -141,11 +133,7 @@ int faulty_sync(int fd, int (*sync)(int)) {
   if (!is_watched(path)) {
     return sync(fd);
   }
-  const Fate fate = next_call(false);
-  if (fate == Fate::DIE) {
-    die();
-  }
-  if (fate == Fate::FAIL) {
+  if (!goes_on(false)) {
     return -1;
   }
   note_size(fd, path, true);
@@ -179,11 +167,7 @@ int fdatasync(int fd) {
 int rename(const char* from, const char* to) noexcept {
   static auto* const call = real<int(const char*, const char*)>("rename");
   if (is_watched(to)) {
-    const Fate fate = next_call(false);
-    if (fate == Fate::DIE) {
-      die();
-    }
-    if (fate == Fate::FAIL) {
+    if (!goes_on(false)) {
       return -1;
     }
     const std::lock_guard lock(sizes_mutex);
@@ -198,16 +182,7 @@ int rename(const char* from, const char* to) noexcept {
 
 int ftruncate(int fd, off_t length) noexcept {
   static auto* const call = real<int(int, off_t)>("ftruncate");
-  if (is_watched(path_of(fd))) {
-    const Fate fate = next_call(false);
-    if (fate == Fate::DIE) {
-      die();
-    }
-    if (fate == Fate::FAIL) {
-      return -1;
-    }
-  }
-  return call(fd, length);
+  return !is_watched(path_of(fd)) || goes_on(false) ? call(fd, length) : -1;
 }
 
 }  // extern "C"

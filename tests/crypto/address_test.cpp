@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <tuple>
+
 #include "crypto/hash.h"
 #include "crypto/hex.h"
 #include "crypto_testing.h"
@@ -16,16 +19,6 @@ TEST(Base58, MatchesPublishedVectors) {
   EXPECT_EQ(base58_encode(pangram), text);
   EXPECT_EQ(base58_decode(text), pangram);
   EXPECT_EQ(base58_encode(Bytes{0x00, 0x00, 0x28, 0x7f, 0xb4, 0xcd}), "11233QC4");
-}
-
-TEST(Base58, ReturnsWhatItEncoded) {
-  std::mt19937_64 random(3);
-  for (size_t i = 0; i < 300; ++i) {
-    Bytes bytes(i % 4, 0);
-    append(bytes, random_bytes(random, i % 61));
-    bytes.push_back(1);
-    EXPECT_EQ(base58_decode(base58_encode(bytes)), bytes);
-  }
 }
 
 TEST(Base58, GivesZerosOneDigitMore) {
@@ -74,11 +67,7 @@ std::string encode_with_checksum(Bytes payload) {
 
 TEST(Address, RefusesMalformedText) {
   const std::string length = "address_to_hash160: invalid address length";
-  const struct {
-    const char* label;
-    std::string text;
-    std::string error;
-  } rows[] = {
+  const std::tuple<const char*, std::string, std::string> rows[] = {
       {"empty", "", length},
       {"24 bytes", encode_with_checksum(Bytes(20, 0x11)), length},
       {"25 bytes", encode_with_checksum(Bytes(21, 0x11)), "(none)"},
@@ -86,10 +75,9 @@ TEST(Address, RefusesMalformedText) {
       {"2 MB", std::string(2'000'000, 'z'), length},
       {"2 MB and an invalid character", std::string(2'000'000, 'z') + "0", "base58_decode: invalid character"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    EXPECT_EQ(thrown_by([&] { address_to_hash160(row.text); }), row.error);
-    EXPECT_EQ(validate_address(row.text), row.error == "(none)");
+  for (const auto& [label, text, error] : rows) {
+    EXPECT_EQ(thrown_by(std::bind(address_to_hash160, text)), error) << label;
+    EXPECT_EQ(validate_address(text), error == "(none)") << label;
   }
   const Bytes good = base58_decode(kAddress);
   for (size_t i = 0; i < good.size(); ++i) {

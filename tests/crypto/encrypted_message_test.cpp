@@ -62,10 +62,7 @@ TEST(DecryptMessage, IsEmptyWhenAnythingWasChanged) {
 
 TEST(DecryptMessage, StatesWhatItRefuses) {
   const std::string mismatch = "decrypt_message: nonce size mismatch for version";
-  const struct {
-    void (*change)(EncryptedMessage& message, Bytes& private_key);
-    std::string error;
-  } rows[] = {
+  const std::pair<void (*)(EncryptedMessage & message, Bytes & private_key), std::string> rows[] = {
       {[](auto&, Bytes& key) { key.pop_back(); }, "decrypt_message: invalid private key size"},
       {[](auto&, Bytes& key) { key = Bytes(32, 0); }, "decrypt_message: failed to load private key"},
       {[](auto& message, Bytes&) { message.ephemeral_pubkey.pop_back(); },
@@ -75,17 +72,17 @@ TEST(DecryptMessage, StatesWhatItRefuses) {
       {[](auto& message, Bytes&) { message.nonce.resize(24); }, mismatch},
       {[](auto& message, Bytes&) { message.version = 2; }, mismatch},
   };
-  for (const auto& row : rows) {
+  for (const auto& [change, error] : rows) {
     EncryptedMessage message = read(kSealed[1]);
     Bytes private_key = kRecipientKey;
-    row.change(message, private_key);
-    EXPECT_EQ(thrown_by([&] { decrypt_message(message, private_key); }), row.error);
+    change(message, private_key);
+    EXPECT_EQ(thrown_by([&] { decrypt_message(message, private_key); }), error);
   }
 }
 
 TEST(EncryptedMessageFormat, ReadsBothVersionsAndStatesWhereTheyAreCut) {
   for (const Bytes& sealed : kSealed) {
-    const Bytes inside = joined(joined(Bytes(3, 0xff), sealed), {0xff});
+    const Bytes inside = join({Bytes(3, 0xff), sealed, {0xff}});
     size_t offset = 3;
     const EncryptedMessage message = EncryptedMessage::deserialize(inside, offset);
     EXPECT_EQ(offset, 3 + sealed.size());
@@ -105,7 +102,7 @@ TEST(EncryptedMessageFormat, ReadsBothVersionsAndStatesWhereTheyAreCut) {
 
 TEST(EncryptedMessageFormat, RefusesOtherVersionsAndLengths) {
   const auto error_at = [](const std::string& header, size_t body_bytes) {
-    return thrown_by([&] { read(joined(hex_to_bytes(header), Bytes(body_bytes))); });
+    return thrown_by([&] { read(join({hex_to_bytes(header), Bytes(body_bytes)})); });
   };
   const size_t most = 0x400000;
   EXPECT_EQ(error_at("0200000000", 45), "EncryptedMessage::deserialize: unknown format version");

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "crypto/hash.h"
 #include "crypto/hex.h"
@@ -23,7 +24,7 @@ TEST(DerivePublicKey, MatchesSec2) {
   const std::string generator_x = "79be667ef9dcbbac55a06295ce870b07029bfcdb2dce28d959f2815b16f81798";
   Bytes last = kOrder;
   last.back() -= 1;
-  EXPECT_EQ(bytes_to_hex(derive_public_key(joined(Bytes(31, 0), {1}))), "02" + generator_x);
+  EXPECT_EQ(bytes_to_hex(derive_public_key(join({Bytes(31, 0), {1}}))), "02" + generator_x);
   EXPECT_EQ(bytes_to_hex(derive_public_key(last)), "03" + generator_x);
 }
 
@@ -70,7 +71,7 @@ TEST(Signature, EqualsTheReferenceForAThousandKeysAndMessages) {
 TEST(Signature, ReducesAHashAboveTheOrder) {
   Bytes above = kOrder;
   above.back() += 5;
-  EXPECT_EQ(sign_message(above, Bytes(32, 0x01)), sign_message(joined(Bytes(31, 0), {5}), Bytes(32, 0x01)));
+  EXPECT_EQ(sign_message(above, Bytes(32, 0x01)), sign_message(join({Bytes(31, 0), {5}}), Bytes(32, 0x01)));
 }
 
 TEST(Signature, CountsTheFirst32BytesOfAMessage) {
@@ -85,12 +86,12 @@ TEST(Signature, CountsTheFirst32BytesOfAMessage) {
 }
 
 Bytes tagged(uint8_t tag, const Bytes& content) {
-  return joined({tag, static_cast<uint8_t>(content.size())}, content);
+  return join({{tag, static_cast<uint8_t>(content.size())}, content});
 }
 
 // The DER sequence of two integers with the given content bytes.
 Bytes sequence(const Bytes& r, const Bytes& s) {
-  return tagged(0x30, joined(tagged(0x02, r), tagged(0x02, s)));
+  return tagged(0x30, join({tagged(0x02, r), tagged(0x02, s)}));
 }
 
 // A message whose signature has an r with a sign byte and an s without one.
@@ -115,30 +116,26 @@ struct Signed {
 TEST(VerifySignature, AcceptsOneEncodingOnly) {
   const Signed good;
   const Bytes &r = good.r, &s = good.s;
-  const Bytes integers = joined(tagged(0x02, r), tagged(0x02, s));
-  const struct {
-    const char* label;
-    Bytes der;
-    bool want;
-  } rows[] = {
+  const Bytes integers = join({tagged(0x02, r), tagged(0x02, s)});
+  const std::tuple<const char*, Bytes, bool> rows[] = {
       {"as signed", good.der, true},
-      {"high s", sequence(r, joined({0}, reference::negated(s))), true},
-      {"trailing byte", joined(good.der, {0}), false},
-      {"trailing byte inside the sequence", tagged(0x30, joined(integers, {0})), false},
-      {"long-form sequence length", joined({0x30, 0x81, 69}, integers), false},
-      {"long-form integer length", tagged(0x30, joined(joined({0x02, 0x81, 33}, r), tagged(0x02, s))), false},
+      {"high s", sequence(r, join({{0}, reference::negated(s)})), true},
+      {"trailing byte", join({good.der, {0}}), false},
+      {"trailing byte inside the sequence", tagged(0x30, join({integers, {0}})), false},
+      {"long-form sequence length", join({{0x30, 0x81, 69}, integers}), false},
+      {"long-form integer length", tagged(0x30, join({{0x02, 0x81, 33}, r, tagged(0x02, s)})), false},
       {"negative r, its sign byte missing", sequence(Bytes(r.begin() + 1, r.end()), s), false},
-      {"superfluous zero before r", sequence(joined({0}, r), s), false},
+      {"superfluous zero before r", sequence(join({{0}, r}), s), false},
       {"r without content", sequence({}, s), false},
       {"r of zero", sequence({0}, s), false},
       {"s of zero", sequence(r, {0}), false},
-      {"r equal to the order", sequence(joined({0}, kOrder), s), false},
-      {"s equal to the order", sequence(r, joined({0}, kOrder)), false},
+      {"r equal to the order", sequence(join({{0}, kOrder}), s), false},
+      {"s equal to the order", sequence(r, join({{0}, kOrder})), false},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    EXPECT_EQ(verify_signature(good.message, row.der, good.public_key), row.want);
-    EXPECT_EQ(reference::verify(good.message, row.der, good.public_key), row.want);
+  for (const auto& [label, der, want] : rows) {
+    SCOPED_TRACE(label);
+    EXPECT_EQ(verify_signature(good.message, der, good.public_key), want);
+    EXPECT_EQ(reference::verify(good.message, der, good.public_key), want);
   }
   for (size_t size = 0; size < good.der.size(); ++size) {
     EXPECT_FALSE(verify_signature(good.message, ByteView(good.der).first(size), good.public_key)) << size;
@@ -158,7 +155,7 @@ TEST(VerifySignature, RefusesMalformedKeys) {
   const Bytes same_point = reference::public_key(good.private_key, SECP256K1_EC_UNCOMPRESSED);
   const Bytes not_on_curve = hex_to_bytes("02" + std::string(63, '0') + "5");
   for (const Bytes& key :
-       {joined({other_sign}, x), joined({0x04}, x), joined(good.public_key, {0}), same_point, not_on_curve, Bytes{}}) {
+       {join({{other_sign}, x}), join({{0x04}, x}), join({good.public_key, {0}}), same_point, not_on_curve, Bytes{}}) {
     EXPECT_FALSE(verify_signature(good.message, good.der, key)) << bytes_to_hex(key);
   }
   EXPECT_EQ(ERR_peek_error(), 0u);

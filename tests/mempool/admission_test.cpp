@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <thread>
+#include <tuple>
 
 #include "chain/chain_scene.h"
 #include "core/clock.h"
@@ -221,26 +222,21 @@ TEST_F(Admission, FollowsTheChain) {
 TEST_F(Admission, DropsWhatIsNotFinalAnyMore) {
   const uint32_t next = scene_.chain().get_best_height() + 1;
   const auto now = static_cast<uint32_t>(unix_time_seconds());
-  const struct {
-    const char* label;
-    uint32_t locktime;
-    uint32_t sequence;
-    bool stays;
-  } rows[] = {
+  const std::tuple<const char*, uint32_t, uint32_t, bool> rows[] = {
       {"height below the next", next - 1, 0, true},   {"next height", next, 0, false},
       {"next height, switched off", next, ~0u, true}, {"time past", now - 1, 0, true},
       {"time to come", now + 1'000, 0, false},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
+  for (const auto& [label, locktime, sequence, stays] : rows) {
+    SCOPED_TRACE(label);
     pool_.clear();
     Transaction tx = spend(coins_[0]);
-    tx.locktime = row.locktime;
-    tx.inputs[0].sequence = row.sequence;
+    tx.locktime = locktime;
+    tx.inputs[0].sequence = sequence;
     tx.invalidate_cache();
     put({tx, child_of(tx)});
     updater_.tip_changed();
-    EXPECT_EQ(pool_.size(), row.stays ? 2u : 0u);
+    EXPECT_EQ(pool_.size(), stays ? 2u : 0u);
   }
 }
 
@@ -281,25 +277,22 @@ TEST_F(Admission, LooksAtEverythingAfterALostBlock) {
   const Transaction apart = spend(coins_[2]);
   scene_.chain().set_pool_sink(nullptr);
   scene_.extend({.txs = {parent, child, spend(coins_[1])}});
-  const struct {
-    const char* label;
-    std::vector<Transaction> before, after;
-  } rows[] = {
+  const std::tuple<const char*, std::vector<Transaction>, std::vector<Transaction>> rows[] = {
       {"confirmed ones, not what stands on them", {parent, child, grandchild, apart}, {grandchild, apart}},
       {"rivals with descendants", {rival, child_of(rival), apart}, {apart}},
       {"a rival of a pool child", {parent, child_rival, child_of(child_rival), apart}, {apart}},
       {"child of nothing", {nowhere, apart}, {apart}},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
+  for (const auto& [label, before, after] : rows) {
+    SCOPED_TRACE(label);
     pool_.clear();
-    put(row.before);
+    put(before);
     updater_.tip_changed();
-    EXPECT_EQ(pool_.size(), row.before.size()) << "not without a reason";
+    EXPECT_EQ(pool_.size(), before.size()) << "not without a reason";
     updater_.block_lost();
     updater_.tip_changed();
-    EXPECT_EQ(pool_.size(), row.after.size());
-    EXPECT_TRUE(std::ranges::all_of(row.after, [this](const Transaction& tx) { return holds(tx); }));
+    EXPECT_EQ(pool_.size(), after.size());
+    EXPECT_TRUE(std::ranges::all_of(after, [this](const Transaction& tx) { return holds(tx); }));
   }
 }
 

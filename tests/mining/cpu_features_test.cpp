@@ -6,8 +6,8 @@ namespace norvel::mining {
 namespace {
 
 TEST(CpuFeatures, NeedTheInstructionsAndTheirSavedRegisters) {
-  constexpr uint32_t kSse = 1u << 9 | 1u << 19;     // SSSE3, SSE4.1
-  constexpr uint32_t kSaving = 1u << 27;            // OSXSAVE
+  constexpr uint32_t kSse = 1u << 9 | 1u << 19;  // SSSE3, SSE4.1
+  constexpr uint32_t kSaving = 1u << 27;         // OSXSAVE
   constexpr uint32_t kAvx = 1u << 28;
   constexpr uint32_t kLeaf1 = kSse | kSaving | kAvx;
   constexpr uint32_t kAvx2 = 1u << 5;

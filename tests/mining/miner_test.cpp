@@ -485,9 +485,9 @@ TEST(Miner, StartFailsCleanlyWhenAThreadCannotBeCreated) {
   if (child == 0) {
     const rlimit limit = {1'000'000'000, 1'000'000'000};
     setrlimit(RLIMIT_AS, &limit);
-    ScriptedMiner scripted(4'000, [](uint32_t request) { return make_block(request, kNever); });
+    ScriptedMiner scripted(4'000, [](uint32_t request) { return make_block(request, kAlways); });
     const bool started = scripted.miner.start();
-    _exit(started || scripted.miner.running ? 1 : 0);
+    _exit(started || scripted.miner.running || scripted.miner.stats.total_hashes != 0 ? 1 : 0);
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);

@@ -149,11 +149,9 @@ std::string identifier(const testing::TestParamInfo<const char*>& info) {
 
 INSTANTIATE_TEST_SUITE_P(All, Kernel, testing::Values("avx512", "sha-ni", "avx2", "portable"), identifier);
 
-TEST(SearchKernels, TheBestIsTheFirstThatRuns) {
+TEST(SearchKernels, AreKnownByNameAndTheBestRuns) {
   const auto kernels = search_kernels();
-  const auto first = std::ranges::find_if(kernels, [](const SearchKernel& kernel) { return kernel.runs_here(); });
-  ASSERT_NE(first, kernels.end());
-  EXPECT_EQ(&best_search_kernel(), &*first);
+  EXPECT_TRUE(best_search_kernel().runs_here());
   EXPECT_EQ(kernels.back().name, "portable");
   EXPECT_EQ(find_search_kernel("portable"), &kernels.back());
   EXPECT_EQ(find_search_kernel("none"), nullptr);

@@ -1,39 +1,11 @@
-// How much memory a script can take: every allocation of this program is counted, with the heap's own bytes.
+// How much memory a script can take, with the heap's own bytes.
 
 #include <gtest/gtest.h>
-#include <malloc.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <new>
 
 #include "script/interpreter.h"
 #include "script/script.h"
 #include "script/script_testing.h"
-
-// In bytes; this program has one thread.
-static size_t live_bytes = 0;
-static size_t peak_bytes = 0;
-
-// Not inlined: the compiler would take malloc and free for a mismatched pair.
-[[gnu::noinline]] void* operator new(size_t size) {
-  void* memory = std::malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  live_bytes += malloc_usable_size(memory) + sizeof(size_t);
-  peak_bytes = std::max(peak_bytes, live_bytes);
-  return memory;
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  live_bytes -= memory == nullptr ? 0 : malloc_usable_size(memory) + sizeof(size_t);
-  std::free(memory);
-}
-
-void operator delete(void* memory, size_t) noexcept {
-  operator delete(memory);
-}
+#include "support/allocations.h"
 
 namespace norvel {
 namespace {
@@ -59,13 +31,13 @@ size_t peak_of(const Row& row) {
   tx.locktime = 0;
   const Script first = fill(row.start, row.repeat);
   const Script second = fill({}, row.end);
-  const size_t before = peak_bytes = live_bytes;
+  const size_t before = allocations.peak_bytes = allocations.live_bytes;
   ScriptStack stack;
   EXPECT_EQ(ScriptInterpreter::execute_script(first, stack, tx, 0), row.succeeds);
   ScriptInterpreter::execute_script(second, stack, tx, 0);
   stack = ScriptStack();
-  EXPECT_EQ(live_bytes, before);
-  return peak_bytes - before;
+  EXPECT_EQ(allocations.live_bytes, before);
+  return allocations.peak_bytes - before;
 }
 
 Bytes half_megabyte(uint8_t fill) {

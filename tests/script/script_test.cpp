@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "script/compact_size.h"
 #include "script/script_testing.h"
 #include "support/ledger_samples.h"
@@ -10,11 +12,7 @@ namespace norvel {
 namespace {
 
 TEST(Script, PushesAndSerializesWithTheShortestPrefix) {
-  const struct {
-    size_t length;
-    const char* push_prefix;
-    const char* wire_prefix;
-  } rows[] = {
+  const std::tuple<size_t, const char*, const char*> rows[] = {
       {0, "00", "00"},
       {75, "4b", "4b"},
       {76, "4c 4c", "4c"},
@@ -25,15 +23,15 @@ TEST(Script, PushesAndSerializesWithTheShortestPrefix) {
       {65'535, "4d ff ff", "fd ff ff"},
       {65'536, "4e 00 00 01 00", "fe 00 00 01 00"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.length);
-    const Bytes data(row.length, 0xab);
+  for (const auto& [length, push_prefix, wire_prefix] : rows) {
+    SCOPED_TRACE(length);
+    const Bytes data(length, 0xab);
     Script pushed(hex("75"));
     pushed.push_data(data);
-    EXPECT_EQ(pushed.bytes, join({hex("75"), hex(row.push_prefix), data}));
+    EXPECT_EQ(pushed.bytes, join({hex("75"), hex(push_prefix), data}));
 
     const Bytes wire = Script(data).serialize();
-    EXPECT_EQ(wire, join({hex(row.wire_prefix), data}));
+    EXPECT_EQ(wire, join({hex(wire_prefix), data}));
     size_t offset = 2;
     EXPECT_EQ(Script::deserialize(join({hex("01 02"), wire, hex("03")}), offset).bytes, data);
     EXPECT_EQ(offset, 2 + wire.size());
@@ -55,9 +53,9 @@ TEST(Script, ReadsEveryPrefixAndRefusesWhatEndsEarly) {
     const Bytes whole = hex(wire);
     size_t offset = 0;
     EXPECT_EQ(Script::deserialize(whole, offset).bytes, hex("51 52"));
-    for (size_t cut = 1; cut < whole.size(); ++cut) {
-      const char* want = cut < whole.size() - 2 ? "Invalid script length encoding" : kTooShort;
-      EXPECT_EQ(error_of(Bytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(cut)), 0), want) << cut;
+    for (size_t len = 1; len < whole.size(); ++len) {
+      const char* want = len < whole.size() - 2 ? "Invalid script length encoding" : kTooShort;
+      EXPECT_EQ(error_of(cut(whole, len), 0), want) << len;
     }
   }
   EXPECT_EQ(error_of(hex("ff ff ff ff ff ff ff ff ff 51"), 0), kTooShort) << "2^64 - 1 bytes";

@@ -1,30 +1,11 @@
-// Small helpers of the tests in this folder.
+// The transaction of the tests in this folder.
 
 #pragma once
 
-#include <algorithm>
-#include <initializer_list>
-#include <string>
-
-#include "core/bytes.h"
 #include "core/transaction.h"
-#include "crypto/hex.h"
+#include "support/byte_strings.h"
 
 namespace norvel {
-
-// Bytes of hexadecimal text that may be spaced for reading.
-inline Bytes hex(std::string text) {
-  std::erase(text, ' ');
-  return crypto::hex_to_bytes(text);
-}
-
-inline Bytes join(std::initializer_list<Bytes> parts) {
-  Bytes whole;
-  for (const Bytes& part : parts) {
-    append(whole, part);
-  }
-  return whole;
-}
 
 // Every field differs from its neighbours; output 0 has a script of its own, output 1 a key hash and a note.
 inline Transaction sample_transaction() {

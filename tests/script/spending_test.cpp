@@ -1,4 +1,4 @@
-// Outputs spent with real keys.
+// Outputs spent with real keys, and what is signed for that.
 
 #include <gtest/gtest.h>
 
@@ -64,27 +64,38 @@ TEST_F(Spending, OneRunChecksSignaturesOfSeveralTypes) {
   }
 }
 
-TEST_F(Spending, ContractIsClaimedWithThePreimageOrRefundedInTime) {
-  const Bytes preimage(40, 0x5a);
-  const Script contract = Script::create_htlc_output(payee_.pubkey_hash, other_.pubkey_hash,
-                                                     crypto::sha256(preimage).to_bytes(), tx_.locktime);
-  spent_.script_pubkey = contract.bytes;
-  const auto unlocks_with = [&](const SampleKey& key, const Bytes& choice) {
-    tx_.inputs[0].pubkey = {'H', 'T', 'L', 'C'};
-    tx_.inputs[0].signature = join({Script::create_p2pkh_input(sign(key, contract), key.pubkey).bytes, choice});
-    return unlocks();
-  };
-  const Bytes claim = join({hex("28"), preimage, hex("51")});
-  const Bytes refund = hex("00");
-  EXPECT_FALSE(unlocks_with(payee_, join({hex("28"), Bytes(40, 0x5b), hex("51")})));
-  EXPECT_FALSE(unlocks_with(other_, claim));
-  EXPECT_FALSE(unlocks_with(payee_, refund));
-  EXPECT_TRUE(unlocks_with(other_, refund));
-  tx_.inputs[0].pubkey.pop_back();
-  EXPECT_FALSE(unlocks()) << "only the whole marker announces an unlocking script";
-  --tx_.locktime;
-  EXPECT_FALSE(unlocks_with(other_, refund)) << "too early";
-  EXPECT_TRUE(unlocks_with(payee_, claim)) << "a claim never waits";
+// The preimage of input 1 with script code 51 67 88 is written out by hand.
+TEST(SignatureHasher, HashesThePreimageFieldByField) {
+  const Bytes preimage = join({
+      hex("02 1817161514131211 04030201"),  // type, timestamp, version
+      hex("02"),                            // inputs
+      Bytes(32, 0xa0), hex("24232221 00 34333231"), Bytes(32, 0xb0), hex("44434241 03 516788 54535251"),
+      hex("02"),  // outputs
+      hex("6867666564636261 02 5152 00"), hex("feffffffffffffff 19 76a914"), Bytes(20, 0x99), hex("88ac 01 4600"),
+      hex("01 00000014"), Bytes(20, 0x77), Bytes(12, 0x66), Bytes(33, 0x55),  // the note
+      hex("74737271"),                                                        // locktime
+  });
+  const Script script_code(hex("51 67 88"));
+  EXPECT_EQ(SignatureHasher::serialize_for_signature(sample_transaction(), 1, script_code, 1), preimage);
+  for (const uint8_t type : Bytes{0x00, 0x01, 0xff}) {
+    EXPECT_EQ(SignatureHasher::compute_signature_hash(sample_transaction(), 1, script_code, type),
+              crypto::hash256(join({preimage, {type, 0, 0, 0}})))
+        << int{type};
+  }
+  EXPECT_EQ(runtime_error_of([&] { SignatureHasher::compute_signature_hash(sample_transaction(), 2, script_code, 1); }),
+            "Input index out of range");
+}
+
+TEST(SignatureHasher, CountsAreCompact) {
+  Transaction tx;
+  tx.inputs.resize(253);
+  tx.outputs.resize(65'536);
+  const Bytes preimage = SignatureHasher::serialize_for_signature(tx, SIZE_MAX, Script(), 1);
+  const auto inputs = preimage.begin() + 1 + 8 + 4;
+  const auto outputs = inputs + 3 + 253 * (36 + 1 + 4);
+  EXPECT_EQ(Bytes(inputs, inputs + 3), hex("fd fd 00"));
+  EXPECT_EQ(Bytes(outputs, outputs + 5), hex("fe 00 00 01 00"));
+  EXPECT_EQ(preimage.end() - outputs, 5 + 65'536 * (8 + 1 + 1) + 4);
 }
 
 }  // namespace
