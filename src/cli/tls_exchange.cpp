@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 #include "cli/failures.h"
@@ -26,6 +28,15 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr size_t kChunkBytesMax = 8'191;
+
+// What a peer may send for one handshake or one chunk of its reply. OpenSSL skips
+// some messages, HelloRequest among them, without returning to its caller; a
+// long chain of certificates takes some ten thousand bytes.
+constexpr uint64_t kOperationBytesMax = uint64_t{1} << 20;
+
+// Once the time of the whole exchange is seen to be up, bytes that are there
+// already are taken for this long.
+constexpr milliseconds kLastLooks{1'000};
 
 template <auto kFree>
 struct Freer {
@@ -92,37 +103,56 @@ Session make_session(SSL_CTX* context, const TlsPeer& peer) {
 
 // The waits of one exchange for its socket: each ends after the step's time, all
 // of them after the whole's. The socket does not block.
+//
+// Must outlive the session that it guards.
 class Waits {
  public:
   Waits(int socket, const rpc::ExchangeTimeouts& timeouts)
       : socket_(socket), step_(timeouts.step_ms), whole_end_(Clock::now() + milliseconds(timeouts.whole_ms)) {}
 
+  Waits(const Waits&) = delete;
+  Waits& operator=(const Waits&) = delete;
+
   // Whether the socket became ready for `events` in time. A peer that keeps it
   // ready does not outlast the whole's time either.
-  bool wait(short events) const {
+  bool wait(short events) {
     const Clock::time_point end = std::min(whole_end_, Clock::now() + step_);
-    for (;;) {
-      const auto left = std::chrono::ceil<milliseconds>(end - Clock::now()).count();
-      if (left <= 0) {
-        return false;
-      }
+    while (!are_over()) {
+      // Looks once more after a time is up: what came while the process was suspended is not lost.
+      const int64_t left = std::chrono::ceil<milliseconds>(end - Clock::now()).count();
       pollfd waiting{socket_, events, 0};
-      const int ready = ::poll(&waiting, 1, static_cast<int>(std::min<int64_t>(left, kPollMsMax)));
+      const int ready = ::poll(&waiting, 1, static_cast<int>(std::clamp<int64_t>(left, 0, kPollMsMax)));
       if (ready > 0) {
         return true;
       }
-      if (ready < 0 && errno != EINTR) {
+      if (left <= 0 || (ready < 0 && errno != EINTR)) {
         return false;
       }
     }
+    return false;
   }
 
-  bool are_over() const { return Clock::now() >= whole_end_; }
+  bool are_over() {
+    const Clock::time_point now = Clock::now();
+    if (now >= whole_end_ && !last_looks_end_) {
+      last_looks_end_ = now + kLastLooks;
+    }
+    return last_looks_end_ && now >= *last_looks_end_;
+  }
+
+  // Makes the operations of `session` fail, from inside OpenSSL's calls too, once
+  // the time is up or one of them has read kOperationBytesMax.
+  void guard(SSL* session) {
+    BIO* const bio = SSL_get_rbio(session);
+    BIO_set_callback_arg(bio, reinterpret_cast<char*>(this));
+    BIO_set_callback_ex(bio, &Waits::on_socket_call);
+  }
 
   // Repeats a TLS operation of `session` until it succeeds; false when it fails
   // or the time is up.
   template <typename Operation>
-  bool drive(SSL* session, Operation operation) const {
+  bool drive(SSL* session, Operation operation) {
+    operation_bytes_ = 0;
     for (;;) {
       ERR_clear_error();  // an older error would be taken for this operation's
       const int result = operation();
@@ -140,12 +170,26 @@ class Waits {
  private:
   static constexpr int64_t kPollMsMax = 1'000'000;
 
+  // A BIO_callback_fn_ex: called before (a result of 0 or less refuses) and after.
+  static long on_socket_call(BIO* bio, int call, const char*, size_t, int, long, int result, size_t* bytes) {
+    Waits& waits = *reinterpret_cast<Waits*>(BIO_get_callback_arg(bio));
+    if (call == (BIO_CB_READ | BIO_CB_RETURN) && result > 0) {
+      waits.operation_bytes_ += *bytes;
+    } else if (call == BIO_CB_READ && (waits.operation_bytes_ >= kOperationBytesMax || waits.are_over())) {
+      BIO_clear_retry_flags(bio);  // those of the call before would ask for a retry
+      return -1;
+    }
+    return result;
+  }
+
   const int socket_;
   const milliseconds step_;
   const Clock::time_point whole_end_;
+  std::optional<Clock::time_point> last_looks_end_;  // set when the time of the whole was first seen to be up
+  uint64_t operation_bytes_ = 0;                     // that the operation under way has read
 };
 
-bool connect_to(const FileDescriptor& socket, const TlsPeer& peer, const Waits& waits) {
+bool connect_to(const FileDescriptor& socket, const TlsPeer& peer, Waits& waits) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(peer.port);
@@ -163,9 +207,12 @@ bool connect_to(const FileDescriptor& socket, const TlsPeer& peer, const Waits& 
   return false;
 }
 
-void shake_hands(SSL* session, int socket, const TlsPeer& peer, const Waits& waits) {
-  if (SSL_set_fd(session, socket) == 1 && waits.drive(session, [&] { return SSL_connect(session); })) {
-    return;
+void shake_hands(SSL* session, int socket, const TlsPeer& peer, Waits& waits) {
+  if (SSL_set_fd(session, socket) == 1) {
+    waits.guard(session);
+    if (waits.drive(session, [&] { return SSL_connect(session); })) {
+      return;
+    }
   }
   const long verdict = SSL_get_verify_result(session);
   const std::string reason = openssl_reason();
@@ -179,7 +226,7 @@ rpc::HttpReply send_tls_request(const TlsPeer& peer, const std::string& request,
                                 const rpc::ExchangeTimeouts& timeouts) {
   const Context context = make_context(peer);
   const FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  const Waits waits(socket.get(), timeouts);
+  Waits waits(socket.get(), timeouts);
   if (!connect_to(socket, peer, waits)) {
     throw ConnectionError("Failed to connect to RPC server at " + place_of(peer));
   }

@@ -22,7 +22,9 @@ struct TlsPeer {
 
 // Sends `request` once the peer has proven to be `peer.name`; reads the reply
 // until it is complete, the peer closes or the time is up. The times hold for
-// the handshake and each of its messages too. Throws ConnectionError when there
+// the handshake and each of its messages too; what has come when they are up is
+// still read, for a second at most. A peer that sends 1 MiB without ending its
+// handshake, or without a byte of its reply, counts as lost. Throws ConnectionError when there
 // is no connection, no proof or the request cannot be sent in time, UsageError
 // when the file of certificates cannot be read; the exceptions of
 // HttpReply::append() propagate.

@@ -4,8 +4,8 @@
 // A digest returned as a uint256 holds the bytes in the order in which the
 // function emits them, so to_hex() prints the published digest reversed.
 //
-// Errors: std::runtime_error when OpenSSL refuses (no such digest in the loaded
-// providers). Threads: safe from any thread; each keeps one digest context, and
+// Errors: the functions throw std::runtime_error when OpenSSL refuses (no such
+// digest in the loaded providers). Threads: safe from any thread; each keeps one digest context, and
 // sha256() and hash256() allocate nothing after a thread's first call.
 
 #pragma once
@@ -23,15 +23,19 @@ uint256 sha256(ByteView data);
 uint256 hash256(ByteView data);
 
 // hash256 of many byte strings that begin alike: the common part is hashed once.
-// Throws std::bad_alloc as well. Threads: finish() from any.
+// Threads: finish() from any.
 class Hash256Prefix {
  public:
+  // Throws std::runtime_error when the loaded providers have no SHA-256,
+  // std::bad_alloc when OpenSSL refuses anything else: memory is all it can lack.
   explicit Hash256Prefix(ByteView prefix);
   ~Hash256Prefix();
   Hash256Prefix(Hash256Prefix&&) noexcept;
   Hash256Prefix& operator=(Hash256Prefix&&) noexcept;
 
-  // hash256 of the prefix followed by `end`.
+  // hash256 of the prefix followed by `end`; any number of times. Not of an object
+  // that was moved from. Throws std::bad_alloc when OpenSSL refuses to hash `end`,
+  // for the same reason, and what sha256() throws.
   uint256 finish(ByteView end) const;
 
  private:

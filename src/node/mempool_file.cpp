@@ -196,13 +196,13 @@ bool load_mempool(TransactionAdmission& admission, const std::string& directory,
     }
     return !stop.is_requested();
   }
-  LoadProgress progress(reader);
   size_t read_count = 0;
   size_t taken_count = 0;
   try {
     if (!reader.read_magic()) {
       throw std::runtime_error("not a file of this node");
     }
+    LoadProgress progress(reader);
     for (; !reader.at_end() && !stop.is_requested(); ++read_count) {
       progress.update(read_count);
       std::string reason;

@@ -110,6 +110,8 @@ TlsContext load_tls_context(const std::string& certificate_file, const std::stri
   SSL_CTX_set_num_tickets(context.get(), 0);
   SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_TICKET);
   SSL_CTX_set_mode(context.get(), SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  // Key updates without end would hold a read that goes on by itself beyond its deadline.
+  SSL_CTX_clear_mode(context.get(), SSL_MODE_AUTO_RETRY);
   if (SSL_CTX_use_certificate_chain_file(context.get(), certificate_file.c_str()) != 1) {
     console::error_line("[RPC] TLS: failed to load certificate: " + certificate_file);
     return nullptr;

@@ -37,9 +37,10 @@ class ScriptInterpreter {
   // Runs `script` for input `input_index` of `tx`, starting from `stack` and
   // leaving there what the script left, also when it fails. A signature check
   // of an input that does not exist fails the script. OP_CHECKSIG commits to
-  // the whole of `script`; each signature hash type is hashed once a run. Each
-  // run takes its cost from `budget`, when there is one: a check for every
-  // OP_CHECKSIG that is executed, and the bytes that are hashed.
+  // the whole of `script`. Each run takes its cost from `budget`, when there is
+  // one: a check for every OP_CHECKSIG that is executed, the bytes that other
+  // opcodes hash, and once for each signature hash type all the bytes it signs, as
+  // if each type were hashed whole; what the types share is hashed once a run.
   static bool execute_script(const Script& script, ScriptStack& stack, const Transaction& tx, size_t input_index,
                              ScriptBudget* budget = nullptr);
 

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <functional>
 #include <optional>
 #include <thread>
@@ -101,6 +102,49 @@ TEST(TlsExchange, PeerThatDribblesItsHandshakeIsLeft) {
   const Outcome outcome = ask(slow.port());
   EXPECT_EQ(outcome.body, std::nullopt);
   EXPECT_TRUE(outcome.is_in_time);
+}
+
+TEST(TlsExchange, PeerThatFloodsItsHandshakeIsLeft) {
+  // HelloRequest messages, four zero bytes each, are skipped as long as there are more (RFC 5246, section 7.4.1.1).
+  std::string records;
+  for (int i = 0; i < 16; ++i) {
+    records += std::string("\x16\x03\x03\x40\x00", 5) + std::string(16'384, '\0');
+  }
+  constexpr size_t kMoreThanIsReadAndSocketsHold = 32'000'000;
+  std::atomic<size_t> sent{0};
+  const TlsPeerThread flood(false, [&](SSL*, int fd) {
+    const auto end = Clock::now() + 2 * kBound;
+    while (Clock::now() < end && ::send(fd, records.data(), records.size(), MSG_NOSIGNAL) > 0) {
+      sent += records.size();
+    }
+  });
+  const Outcome outcome = ask(flood.port());
+  EXPECT_EQ(outcome.body, std::nullopt);
+  EXPECT_TRUE(outcome.is_in_time);
+  EXPECT_LT(sent, kMoreThanIsReadAndSocketsHold);
+}
+
+// The step and the whole exchange run out while the client is stopped in its tracks, as by Ctrl-Z.
+TEST(TlsExchange, ReplyThatCameWhileTheClientWasSuspendedIsRead) {
+  static std::atomic<bool> is_suspended;
+  is_suspended = false;
+  std::signal(SIGUSR1, [](int) {
+    is_suspended = true;
+    const timespec longer_than_whole{.tv_sec = 0, .tv_nsec = 800'000'000};
+    ::nanosleep(&longer_than_whole, nullptr);
+  });
+  const pthread_t client = ::pthread_self();
+  const TlsPeerThread peer(true, [client](SSL* session, int) {
+    std::array<char, 100> request;
+    SSL_read(session, request.data(), request.size());
+    ::pthread_kill(client, SIGUSR1);
+    while (!is_suspended) {
+      std::this_thread::yield();
+    }
+    SSL_write(session, "HTTP/1.1 200 OK\r\n\r\nlate", 23);
+  });
+  EXPECT_EQ(ask(peer.port()).body, "late");
+  std::signal(SIGUSR1, SIG_DFL);
 }
 
 TEST(TlsExchange, PeerThatHardlyReadsIsLeft) {

@@ -54,6 +54,20 @@ TEST(Hash256, HashesTheDigestAgain) {
   }
 }
 
+TEST(Hash256Prefix, HashesThePrefixAndEachEnd) {
+  std::mt19937_64 random(2);
+  for (const size_t prefix_size : {0u, 1u, 64u, 150u}) {
+    const Bytes prefix = random_bytes(random, prefix_size);
+    const Hash256Prefix hasher(prefix);
+    for (const size_t end_size : {4u, 0u, 100u}) {
+      const Bytes end = random_bytes(random, end_size);
+      Bytes whole = prefix;
+      whole.insert(whole.end(), end.begin(), end.end());
+      EXPECT_EQ(hasher.finish(end), hash256(whole)) << prefix_size << " + " << end_size;
+    }
+  }
+}
+
 Bytes ripemd160(ByteView data) {
   Bytes digest(20);
   size_t len = 0;
