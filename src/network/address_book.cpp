@@ -21,15 +21,6 @@ constexpr uint64_t kFileBytesMax = 16 << 20;
 
 constexpr size_t kHostBytesMax = 253;  // of a name, RFC 1035
 
-// "203.0" of 203.0.113.7; empty for a name or a private address.
-std::string group_of(const std::string& address) {
-  const auto ip = parse_ipv4(address);
-  if (!ip || is_private_address(address)) {
-    return "";
-  }
-  return std::to_string((*ip)[0]) + "." + std::to_string((*ip)[1]);
-}
-
 // Reads the decimal digits that `text` begins with and takes them away.
 template <class T>
 std::optional<T> take_number(std::string_view& text) {

@@ -63,4 +63,12 @@ bool is_private_address(std::string_view ip) {
   return error == std::errc() && stop != rest.data() + rest.size() && *stop == '.' && second >= 16 && second <= 31;
 }
 
+std::string group_of(const std::string& address) {
+  const auto ip = parse_ipv4(address);
+  if (!ip || is_private_address(address)) {
+    return "";
+  }
+  return std::to_string((*ip)[0]) + "." + std::to_string((*ip)[1]);
+}
+
 }  // namespace norvel::network

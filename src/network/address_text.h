@@ -36,4 +36,7 @@ std::string format_ipv4(const Ipv4& ip);
 // Of a loopback or private range: 127/8, 10/8, 192.168/16 or 172.16/12.
 bool is_private_address(std::string_view ip);
 
+// The /16: "203.0" of 203.0.113.7; empty for a name or a private address.
+std::string group_of(const std::string& address);
+
 }  // namespace norvel::network

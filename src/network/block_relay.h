@@ -36,6 +36,7 @@ class BlockRelay {
   void tick();
 
   void forget(const PeerPtr& peer) { sync_.forget(peer); }
+  void forget_all() { sync_.forget_all(); }
 
   // ---- Any thread
 

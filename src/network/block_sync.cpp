@@ -1,12 +1,15 @@
 #include "network/block_sync.h"
 
 #include <algorithm>
+#include <limits>
+#include <utility>
 
 namespace norvel::network {
 
 namespace {
 
 constexpr int64_t kPendingRetryMs = 1'000;
+constexpr uint32_t kUnknownHeight = std::numeric_limits<uint32_t>::max();
 
 }  // namespace
 
@@ -18,13 +21,16 @@ BlockSync::PeerPtr BlockSync::choose(const std::vector<PeerPtr>& peers, int64_t 
 BlockSync::PeerPtr BlockSync::choose_locked(const std::vector<PeerPtr>& peers, int64_t now_ms) {
   PeerPtr highest;
   PeerPtr longest_idle;
+  PeerPtr longest_idle_ahead;
   uint32_t height_max = 0;
   int64_t asked_min_ms = 0;
+  int64_t asked_min_ahead_ms = 0;
   bool highest_is_busy = false;
   bool all_discredited = true;
   for (const PeerPtr& peer : peers) {
     PeerState& state = state_of(peer, now_ms);
     expire(state, now_ms);
+    judge_claim(*peer, state, now_ms);
     const bool discredited = now_ms < state.discredited_until_ms;
     all_discredited &= discredited;
     const uint32_t height = discredited ? state.proven_height : peer->best_height.load();
@@ -33,17 +39,36 @@ BlockSync::PeerPtr BlockSync::choose_locked(const std::vector<PeerPtr>& peers, i
       height_max = height;
       highest_is_busy = state.is_busy(now_ms);
     }
-    if (!state.is_busy(now_ms) && (!longest_idle || state.last_asked_ms < asked_min_ms)) {
+    if (state.is_busy(now_ms)) {
+      continue;
+    }
+    if (!longest_idle || state.last_asked_ms < asked_min_ms) {
       longest_idle = peer;
       asked_min_ms = state.last_asked_ms;
+    }
+    if (height > our_height_ && (!longest_idle_ahead || state.last_asked_ms < asked_min_ahead_ms)) {
+      longest_idle_ahead = peer;
+      asked_min_ahead_ms = state.last_asked_ms;
     }
   }
   const bool takes_turns = all_discredited || batch_failed_ || (is_fruitless(now_ms) && (in_turn_ || highest_is_busy));
   if (!takes_turns || !longest_idle) {
     return highest;
   }
-  batch_failed_ = false;
-  return longest_idle;
+  const bool ahead = std::exchange(batch_failed_, false) && longest_idle_ahead;
+  return ahead ? longest_idle_ahead : longest_idle;
+}
+
+// Who answers with less than a full answer names all that it has.
+void BlockSync::judge_claim(const Peer& peer, PeerState& state, int64_t now_ms) {
+  if (state.claim_until_ms == 0 || now_ms < state.claim_until_ms) {
+    return;
+  }
+  state.claim_until_ms = 0;
+  if (peer.best_height > std::max(state.proven_height, our_height_)) {
+    state.discredited_until_ms = now_ms + kDiscreditMs;
+    batch_failed_ = true;
+  }
 }
 
 bool BlockSync::is_fruitless(int64_t now_ms) const {
@@ -80,6 +105,7 @@ bool BlockSync::begin(const Ask& ask, const uint256& start, uint32_t start_heigh
     state.unpaid_since_ms = now_ms;
   }
   if (from_tip) {
+    our_height_ = start_height == kUnknownHeight ? our_height_ : start_height;
     pending_ = false;
     in_turn_ = tip_asked_ms_ == 0 || !in_turn_;
     fruitless_count_ += is_fruitless(now_ms) ? 1 : 0;
@@ -181,8 +207,18 @@ void BlockSync::forget(const PeerPtr& peer) {
 }
 
 BlockSync::States::iterator BlockSync::leave(States::iterator at) {
-  batch_failed_ = batch_failed_ || !at->second.owed.empty();
+  batch_failed_ = batch_failed_ || !at->second.owed.empty() || at->second.claim_until_ms != 0;
   return states_.erase(at);
+}
+
+void BlockSync::forget_all() {
+  const MutexLock lock(mutex_);
+  states_.clear();
+  pending_ = false;
+  tip_asked_ms_ = 0;
+  fruitless_count_ = 0;
+  in_turn_ = false;
+  batch_failed_ = false;
 }
 
 void BlockSync::expire(PeerState& state, int64_t now_ms) {

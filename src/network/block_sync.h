@@ -36,13 +36,14 @@ namespace norvel::network {
 
 inline constexpr size_t kWantedItemsMax = 50'000;    // requested of one peer, or waiting to be
 inline constexpr size_t kAnswerBlocksMax = 500;      // items of one answer to GETBLOCKS
+inline constexpr size_t kAnswerNewsMin = 250;        // of these, for which a greater height is believed for longer
 inline constexpr size_t kRefusedHashesMax = 10'000;  // in each memory of refusals
 inline constexpr uint32_t kFirstStepDepth = 8;       // below the tip, doubled with each step
 inline constexpr int64_t kAnswerWaitMs = 30'000;     // for the answer, and for the first block that is taken
 inline constexpr int64_t kSameStartMs = 10'000;      // before the same start goes to the same peer again
 inline constexpr int64_t kSameItemMs = 30'000;       // before the same item is requested of the same peer again
 inline constexpr int64_t kDeliveryWaitMs = 30'000;   // after a peer's last block
-inline constexpr int64_t kBatchWaitMs = 120'000;     // after the answer, for all of it
+inline constexpr int64_t kBatchWaitMs = 120'000;     // after the answer, for all of it, or for what the peer announced
 inline constexpr int64_t kVerdictHoldMs = 600'000;   // a block that broke a rule
 inline constexpr int64_t kIncidentHoldMs = 60'000;   // a block refused for anything else, from its sender
 inline constexpr int64_t kDiscreditMs = 600'000;     // a peer's word counts for nothing
@@ -129,7 +130,8 @@ class BlockSync {
   // a request from our tip that brought nothing, every second choice, and any
   // that would have to wait, is the idle one asked longest ago, whatever its
   // height; so is the first after a peer left or ran out of time with blocks of its
-  // batch owed. A newcomer counts as asked when it came, so that reconnecting gains
+  // batch owed or less proven than it announced, of those that are ahead of us if
+  // any is. A newcomer counts as asked when it came, so that reconnecting gains
   // nothing. Null for no peers.
   PeerPtr choose(const std::vector<PeerPtr>& peers, int64_t now_ms) EXCLUDES(mutex_);
 
@@ -168,6 +170,9 @@ class BlockSync {
 
   void forget(const PeerPtr& peer) EXCLUDES(mutex_);
 
+  // Forgets all peers and what was asked of them; refused and parked blocks stay so.
+  void forget_all() EXCLUDES(mutex_);
+
  private:
   using ItemKey = std::pair<uint8_t, uint256>;
 
@@ -198,6 +203,7 @@ class BlockSync {
     bool was_asked = false;
     int64_t unpaid_since_ms = 0;  // asked, nothing taken since; 0: no
     uint32_t proven_height = 0;
+    int64_t claim_until_ms = 0;  // till then it has to prove the height that it announced; 0: need not
     int64_t discredited_until_ms = 0;
 
     // Wanted blocks that have not come.
@@ -227,6 +233,7 @@ class BlockSync {
 
   PeerState& state_of(const PeerPtr& peer, int64_t now_ms) REQUIRES(mutex_);
   PeerPtr choose_locked(const std::vector<PeerPtr>& peers, int64_t now_ms) REQUIRES(mutex_);
+  void judge_claim(const Peer& peer, PeerState& state, int64_t now_ms) REQUIRES(mutex_);
   bool is_fruitless(int64_t now_ms) const REQUIRES(mutex_);
   void defer(const Ask& ask, PeerState& state, int64_t tip_due_ms, int64_t other_due_ms) REQUIRES(mutex_);
   void note_arrival(PeerState& state, const uint256& block, int64_t now_ms) REQUIRES(mutex_);
@@ -239,7 +246,7 @@ class BlockSync {
       REQUIRES(mutex_);
   std::optional<Ask> take_answer(const PeerPtr& peer, PeerState& state, const Inv& inv, bool complete, int64_t now_ms)
       REQUIRES(mutex_);
-  void begin_batch(PeerState& state, const Inv& inv, int64_t now_ms) REQUIRES(mutex_);
+  size_t begin_batch(PeerState& state, const Inv& inv, int64_t now_ms) REQUIRES(mutex_);
   std::optional<Ask> next_step(const PeerPtr& peer, PeerState& state, uint32_t our_height) REQUIRES(mutex_);
   std::optional<Ask> go_on(const PeerPtr& peer, PeerState& state) REQUIRES(mutex_);
   std::optional<Ask> settle(const PeerPtr& peer, PeerState& state, const uint256& hash, int64_t now_ms)
@@ -258,6 +265,7 @@ class BlockSync {
   bool in_turn_ GUARDED_BY(mutex_) = false;  // the next goes to the one asked longest ago
 
   bool batch_failed_ GUARDED_BY(mutex_) = false;  // a peer did not bring all of its batch; the same follows
+  uint32_t our_height_ GUARDED_BY(mutex_) = 0;    // as it was last told
 };
 
 }  // namespace norvel::network

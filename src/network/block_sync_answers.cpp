@@ -19,6 +19,7 @@ BlockSync::InvOutcome BlockSync::receive_inv(const PeerPtr& peer, const Inv& inv
   const MutexLock lock(mutex_);
   PeerState& state = state_of(peer, now_ms);
   expire(state, now_ms);
+  our_height_ = inv.our_height;
   InvOutcome outcome;
   bool complete = true;
   outcome.wanted = select_wanted(state, inv, complete, now_ms);
@@ -71,6 +72,9 @@ std::optional<BlockSync::Ask> BlockSync::take_answer(const PeerPtr& peer, PeerSt
   // Blocks that the peer pushed of its own accord can come before the answer proper.
   state.late_until_ms = all_known ? 0 : state.open_until_ms;
   state.open_until_ms = 0;
+  if (state.claim_until_ms == 0) {
+    state.claim_until_ms = now_ms + kBatchWaitMs;
+  }
 
   if (all_known && (begins_low || (!full && (inv.peer_height > inv.our_height || state.orphan)))) {
     if (auto step = next_step(peer, state, inv.our_height)) {
@@ -83,16 +87,21 @@ std::optional<BlockSync::Ask> BlockSync::take_answer(const PeerPtr& peer, PeerSt
   if (!late) {
     state.owed.clear();
   }
-  begin_batch(state, inv, now_ms);
+  const size_t news = begin_batch(state, inv, now_ms);
   state.continues = complete && full;
+  if (full && news >= kAnswerNewsMin) {
+    state.claim_until_ms = 0;
+  }
   return go_on(peer, state);
 }
 
-// An honest answer has no more items than are looked at here.
-void BlockSync::begin_batch(PeerState& state, const Inv& inv, int64_t now_ms) {
+// An honest answer has no more items than are looked at here. Returns how many of
+// them the peer owes now.
+size_t BlockSync::begin_batch(PeerState& state, const Inv& inv, int64_t now_ms) {
   state.deadline_ms = now_ms + kBatchWaitMs;
   state.last_delivery_ms = now_ms;
   size_t count = 0;
+  size_t news = 0;
   for (const InvItem& entry : inv.items) {
     if (!is_block(entry)) {
       continue;
@@ -103,8 +112,10 @@ void BlockSync::begin_batch(PeerState& state, const Inv& inv, int64_t now_ms) {
     state.last = entry.item.hash;
     if (!entry.known && state.is_due(entry.item.hash)) {
       state.owed.insert(entry.item.hash);
+      ++news;
     }
   }
+  return news;
 }
 
 BlockSync::Request BlockSync::check_request(const PeerPtr& peer, const uint256& block, int64_t now_ms) {
@@ -146,6 +157,9 @@ void BlockSync::forget_batch(PeerState& state) {
   }
   state.owed.clear();
   state.continues = false;
+  if (state.claim_until_ms == 0) {
+    state.claim_until_ms = state.deadline_ms;  // it did not bring the batch
+  }
 }
 
 // The next start further down our chain, to find where the peer's leaves it.
@@ -194,6 +208,9 @@ BlockSync::DeliveryOutcome BlockSync::delivered(const PeerPtr& sender, const Del
   PeerState& state = state_of(sender, now_ms);
   expire(state, now_ms);
   note_arrival(state, block.hash, now_ms);
+  if (block.connected) {
+    our_height_ = std::max(our_height_, block.height);
+  }
   switch (block.fate) {
     case Fate::TAKEN:
       state.unpaid_since_ms = 0;
@@ -204,6 +221,9 @@ BlockSync::DeliveryOutcome BlockSync::delivered(const PeerPtr& sender, const Del
       [[fallthrough]];
     case Fate::KNOWN:
       state.proven_height = std::max(state.proven_height, block.height);
+      if (state.proven_height >= sender->best_height) {
+        state.claim_until_ms = 0;
+      }
       break;
     case Fate::ORPHAN:
       if (block.has_work) {

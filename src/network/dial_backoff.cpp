@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "network/address_text.h"
+
 namespace norvel::network {
 
 bool DialBackoff::may_dial(const std::string& key, int64_t delay_max_ms) const {
@@ -46,13 +48,43 @@ void DialBackoff::note_success(const std::string& key, bool reached) {
   if (!records_.contains(key)) {
     make_room();
   }
-  records_[key] = {now, kDialDelayMinMs, reached};
+  Record& record = records_[key];
+  record.since_ms = now;
+  record.delay_ms = kDialDelayMinMs;
+  set_reached(key, record, reached);
+}
+
+void DialBackoff::set_reached(const std::string& key, Record& record, bool reached) {
+  record.reached = reached;
+  const std::string name = group_of(ip_of_key(key));
+  if (name.empty()) {
+    return;
+  }
+  std::set<std::string>& group = reached_[name];
+  if (reached) {
+    group.insert(key);
+  } else {
+    group.erase(key);
+  }
+  if (group.size() > kReachedPerGroupMax) {
+    auto oldest = group.begin();
+    for (auto at = group.begin(); at != group.end(); ++at) {
+      oldest = records_[*at].since_ms < records_[*oldest].since_ms ? at : oldest;
+    }
+    records_[*oldest].reached = false;
+    group.erase(oldest);
+  }
+  if (group.empty()) {
+    reached_.erase(name);
+  }
 }
 
 void DialBackoff::make_room() {
   if (records_.size() >= kDialRecordsMax) {
     const auto rank = [](const auto& entry) { return std::pair(entry.second.reached, entry.second.since_ms); };
-    records_.erase(std::ranges::min_element(records_, {}, rank));
+    const auto first = std::ranges::min_element(records_, {}, rank);
+    set_reached(first->first, first->second, false);
+    records_.erase(first);
   }
 }
 

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,8 +24,11 @@ inline constexpr int64_t kDialDelayMaxMs = 30 * 60'000;
 // For hosts that the operator named, and for all while no peer that was dialled is up.
 inline constexpr int64_t kDialDelayUrgentMs = 60'000;
 
-// Beyond it those not dialled for longest are forgotten, first of them those that were never reached.
+// Beyond it those not dialled for longest are forgotten, first of them those that do not count as reached.
 inline constexpr size_t kDialRecordsMax = 40'000;
+
+// That count as reached, of one /16 outside private ranges: the one not dialled for longest stops to.
+inline constexpr size_t kReachedPerGroupMax = 64;
 
 class DialBackoff {
  public:
@@ -56,10 +60,12 @@ class DialBackoff {
   };
 
   void make_room() REQUIRES(mutex_);
+  void set_reached(const std::string& key, Record& record, bool reached) REQUIRES(mutex_);
 
   const NetworkClock& clock_;
   mutable Mutex mutex_;  // leaf
   std::map<std::string, Record> records_ GUARDED_BY(mutex_);
+  std::map<std::string, std::set<std::string>> reached_ GUARDED_BY(mutex_);  // keys by /16
 };
 
 }  // namespace norvel::network

@@ -255,7 +255,7 @@ void Dialler::note_success(const Peer& peer) {
       }
     }
   }
-  backoff_.note_success(key, peer.port == peer.dialled_port);
+  backoff_.note_success(key, peer.version_received && peer.port == peer.dialled_port);
   for (const std::string& name_key : names) {
     backoff_.note_success(name_key, false);
   }

@@ -98,10 +98,15 @@ void Handshake::note_version(Peer& peer, const VersionPayload& version) {
 
 void Handshake::leave_self(const PeerPtr& peer, uint16_t announced_port) {
   const std::string key = make_key(peer->address, announced_port);
-  const std::string connection_key = key_of_peer(*peer);
-  parts_.book.mark_self(key, connection_key, peer->outbound);
-  if (!peer->outbound && parts_.connections.table().is_greeting(peer->address, announced_port)) {
-    parts_.book.mark_self(key, key, true);  // the other end of a dial of this node's
+  const std::string connection_key = make_key(peer->address, peer->dialled_port);
+  if (peer->outbound) {
+    // What was dialled is this node, whoever passed its words on; the port is only told.
+    parts_.book.mark_self(connection_key, connection_key, true);
+    parts_.book.mark_self(key, key, false);
+  } else if (parts_.connections.table().is_other_end(*peer, announced_port)) {
+    parts_.book.mark_self(key, key, true);
+  } else {
+    parts_.book.mark_self(key, connection_key, false);
   }
   parts_.log.out("self-connection",
                  "[Network] Self-connect detectado (" + key + " somos nosotros): cerrando y vetando la direccion");

@@ -129,7 +129,8 @@ void MessageHandler::take_snapshot() {
     }
   }
   if (!now.empty()) {
-    first_ = (first_ + refused_.value_or(1)) % now.size();
+    const auto refused = std::ranges::find(now, refused_.lock());
+    first_ = refused == now.end() ? (first_ + 1) % now.size() : static_cast<size_t>(refused - now.begin());
     std::rotate(now.begin(), now.begin() + static_cast<std::ptrdiff_t>(first_), now.end());
   }
   peers_ = std::move(now);
@@ -151,7 +152,6 @@ void MessageHandler::wait_readable(int wait_ms) {
 
 void MessageHandler::serve(size_t index) {
   const PeerPtr& peer = peers_[index];
-  const bool had_refusal = refused_.has_value();
   const int events = polls_[index].revents;
   if (peer->is_closed) {
     return;
@@ -165,9 +165,6 @@ void MessageHandler::serve(size_t index) {
   }
   if (!peer->reading_paused && !cut_frames(peer)) {
     sound = false;
-  }
-  if (!had_refusal && refused_) {
-    refused_ = index;
   }
   if (!sound) {
     doomed_.push_back(peer);
@@ -210,7 +207,9 @@ bool MessageHandler::cut_frames(const PeerPtr& peer) {
   if (cut == Cut::WAIT) {
     peer->has_whole_frame = true;
     work_left_ = true;
-    refused_ = refused_.value_or(0);
+    if (refused_.expired()) {
+      refused_ = peer;
+    }
   }
   Bytes& buffer = peer->recv_buffer;
   buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(offset));
@@ -403,10 +402,10 @@ void MessageHandler::disconnect_doomed() {
 
 // So that nothing of this run stays open or counts in the next.
 void MessageHandler::let_go() {
-  for (const PeerPtr& peer : std::exchange(peers_, {})) {
-    relay_.forget(peer);
-  }
+  relay_.forget_all();
+  peers_.clear();
   doomed_.clear();
+  refused_.reset();
   work_left_ = false;
   clock_.end_passes();
 }

@@ -13,7 +13,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <memory>
 #include <vector>
 
 #include "chain/blockchain.h"
@@ -83,7 +83,7 @@ class MessageHandler {
   std::vector<pollfd> polls_;  // of peers_
   PeerList doomed_;            // to be disconnected at the end of the pass
   size_t first_ = 0;
-  std::optional<size_t> refused_;                     // the first of peers_ whose costly frame has to wait
+  std::weak_ptr<Peer> refused_;                       // the first of the pass whose costly frame has to wait
   std::chrono::steady_clock::time_point costly_end_;  // of the time for costly frames in this pass
   int64_t heard_ms_ = 0;                              // NetworkClock, at the start of the pass
   bool work_left_ = false;                            // whole frames wait in some buffer

@@ -154,7 +154,8 @@ std::vector<NetworkManager::State::Candidate> NetworkManager::State::list_due_pe
 
 // Seeds first, then by turns one that was reached before and one that was not, of
 // both kinds those that have waited longest first: so addresses where nobody
-// answers keep nobody from his turn, however many of them a peer tells.
+// answers keep nobody from his turn, however many of them a peer tells, nor does a
+// host that answers at thousands of ports, for of its /16 only a few count as reached.
 void NetworkManager::State::put_in_turn(std::vector<Candidate>& due) {
   std::ranges::stable_sort(due, {}, [](const Candidate& each) { return each.past.last_ms; });
   size_t next_reached = 0;

@@ -1,11 +1,32 @@
 #include "network/peer_table.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "network/address_text.h"
 
 namespace norvel::network {
+
+namespace {
+
+// Of this end of the connection; empty when it has none.
+std::string local_key(int fd) {
+  sockaddr_in address{};
+  socklen_t address_bytes = sizeof address;
+  if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &address_bytes) != 0 || address.sin_family != AF_INET) {
+    return "";
+  }
+  Ipv4 ip;
+  static_assert(sizeof address.sin_addr == ip.size());
+  std::memcpy(ip.data(), &address.sin_addr, ip.size());
+  return make_key(format_ipv4(ip), ntohs(address.sin_port));
+}
+
+}  // namespace
 
 std::string key_of_peer(const Peer& peer) {
   return make_key(peer.address, peer.port);
@@ -91,9 +112,11 @@ PeerList PeerTable::find_by_address(const std::string& ip) const {
   return peers;
 }
 
-bool PeerTable::is_greeting(const std::string& ip, uint16_t port) const {
+bool PeerTable::is_other_end(const Peer& inbound, uint16_t port) const {
+  const std::string source = make_key(inbound.address, inbound.dialled_port);
   return std::ranges::any_of(snapshot(), [&](const PeerPtr& peer) {
-    return peer->outbound && !peer->version_received && peer->address == ip && peer->dialled_port == port;
+    return peer->outbound && !peer->version_received && peer->address == inbound.address &&
+           peer->dialled_port == port && local_key(peer->connection.get()) == source;
   });
 }
 

@@ -54,8 +54,9 @@ class PeerTable {
   PeerList snapshot() const EXCLUDES(mutex_);  // in key order
   PeerList find_by_address(const std::string& ip) const EXCLUDES(mutex_);
 
-  // Whether that address was dialled and its VERSION has not come yet.
-  bool is_greeting(const std::string& ip, uint16_t port) const EXCLUDES(mutex_);
+  // Whether `inbound` comes from the very socket with which this node dialled the
+  // same address at `port`, from where no VERSION has come yet.
+  bool is_other_end(const Peer& inbound, uint16_t port) const EXCLUDES(mutex_);
 
   // Keys of all peers, and what was dialled for those that were.
   std::set<std::string> connected_keys() const EXCLUDES(mutex_);

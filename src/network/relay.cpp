@@ -161,6 +161,12 @@ void Relay::forget(const std::shared_ptr<Peer>& peer) {
   state_->blocks.forget(peer);
 }
 
+void Relay::forget_all() {
+  state_->work.clear();
+  state_->next.reset();
+  state_->blocks.forget_all();
+}
+
 void Relay::check_sync_with_peer(const std::shared_ptr<Peer>& peer) {
   state_->blocks.check_sync_with_peer(peer);
 }

@@ -54,6 +54,9 @@ class Relay {
   // Forgets what was kept for a peer that is gone.
   void forget(const std::shared_ptr<Peer>& peer);
 
+  // The same for all peers, so that nothing of them counts later.
+  void forget_all();
+
   // ---- Any thread
 
   void check_sync_with_peer(const std::shared_ptr<Peer>& peer);

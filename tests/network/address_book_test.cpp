@@ -182,6 +182,14 @@ TEST(DialBackoff, RemembersWhomItReachedLongerThanOthers) {
   }
   EXPECT_EQ(backoff.past("under another port:1").last_ms, 0) << "the oldest of the others made room";
   EXPECT_EQ(backoff.list_reached(), std::vector<std::string>{"reached:1"});
+  for (size_t i = 0; i <= kReachedPerGroupMax; ++i) {
+    clock.advance_ms(1);
+    backoff.note_success("203.0.113.7:" + std::to_string(1'000 + i), true);
+    backoff.note_success("192.168.0.1:" + std::to_string(1'000 + i), true);
+  }
+  EXPECT_EQ(backoff.list_reached().size(), 1 + 2 * kReachedPerGroupMax + 1) << "private ranges have no group";
+  EXPECT_FALSE(backoff.past("203.0.113.7:1000").reached);
+  EXPECT_TRUE(backoff.past("203.0.113.7:1001").reached);
 }
 
 }  // namespace

@@ -263,7 +263,8 @@ TEST_F(Sync, WordsWithoutBlocksDoNotCountForTenMinutes) {
 
 TEST_F(Sync, ABatchThatFailedIsAnothersTurn) {
   const PeerPtr honest = peer(300);
-  EXPECT_EQ(sync.choose({honest}, now), honest);
+  const PeerPtr behind = peer(99);
+  EXPECT_EQ(sync.choose({behind, honest}, now), honest);
   now += 1;
   const PeerPtr newcomer = peer(4'294'967'295);
   for (const bool leaves : {true, false}) {
@@ -281,10 +282,67 @@ TEST_F(Sync, ABatchThatFailedIsAnothersTurn) {
     } else {
       now += kBatchWaitMs;
     }
-    const std::vector<PeerPtr> peers = leaves ? std::vector{newcomer, honest} : std::vector{newcomer, feeder, honest};
+    std::vector<PeerPtr> peers{newcomer, behind, honest};
+    if (!leaves) {
+      peers.push_back(feeder);
+    }
     EXPECT_EQ(sync.choose(peers, now), honest);
     EXPECT_EQ(sync.choose(peers, now), newcomer) << "once";
   }
+}
+
+TEST_F(Sync, AnswersThatNameLittleMustProveTheHeightInTwoMinutes) {
+  const struct {
+    const char* label;
+    uint64_t items;
+    uint64_t news;  // the first of them; the rest is known
+    uint32_t height;
+    bool refused;  // the twelfth block, and nothing comes after it
+    bool believed;
+  } rows[] = {
+      {"few items", 12, 12, 4'294'967'295, false, false},
+      {"few items, as far as it announced", 400, 400, 500, false, true},
+      {"many items, most of them known", 500, 12, 4'294'967'295, false, false},
+      {"many items, the twelfth is refused", 500, 500, 4'294'967'295, true, false},
+      {"many items", 500, 500, 4'294'967'295, false, true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    BlockSync fresh;
+    const std::vector<PeerPtr> peers = {peer(300), peer(row.height)};
+    const PeerPtr& feeder = peers[1];
+    ASSERT_TRUE(fresh.choose(peers, now) == feeder);
+    ASSERT_TRUE(fresh.begin({feeder}, block(100), 100, now));
+    BlockSync::Inv answer{.items = {}, .peer_height = row.height, .our_height = 100};
+    for (uint64_t i = 1; i <= row.items; ++i) {
+      answer.items.push_back({{kInvBlock, block(100 + i)}, i > row.news});
+    }
+    fresh.receive_inv(feeder, answer, now);
+    for (uint64_t i = 1; i <= (row.refused ? 12 : row.news); ++i) {
+      const Fate fate = row.refused && i == 12 ? Fate::REFUSED : Fate::TAKEN;
+      const auto height = static_cast<uint32_t>(100 + i);
+      fresh.delivered(
+          feeder,
+          {.hash = block(height), .parent = {}, .height = height, .fate = fate, .connected = fate == Fate::TAKEN}, now);
+    }
+    EXPECT_TRUE(fresh.choose(peers, now + kBatchWaitMs - 1) == feeder);
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(fresh.choose(peers, now + kBatchWaitMs) == feeder, row.believed);
+    }
+  }
+}
+
+TEST_F(Sync, NothingOfARunCountsInTheNext) {
+  const PeerPtr honest = peer(300);
+  EXPECT_EQ(sync.choose({honest}, now), honest);
+  const PeerPtr other = peer(200);
+  ASSERT_TRUE(ask(other, 1));
+  inv(other, 101, 150);
+  EXPECT_FALSE(ask(other, 2));
+  sync.forget_all();
+  now += kFruitlessMs;
+  EXPECT_TRUE(sync.tick({honest}, now).empty());
+  EXPECT_EQ(sync.choose({peer(200), honest}, now), honest);
 }
 
 TEST_F(Sync, OrphansAskAtOnceOnlyForAParentThatIsNowhere) {

@@ -245,11 +245,22 @@ TEST_F(Manager, BelievesOnlyItselfThatASeedIsItself) {
   auto dialled = seed.accept();
   ASSERT_TRUE(dialled);
   const auto nonce = decode_version(dialled->next()->payload)->nonce;
+  const auto lie_inbound = [&] {
+    RawPeer liar("127.0.0.9", port_);
+    liar.send(version_message(seed.port(), *nonce));
+    EXPECT_TRUE(liar.is_closed());
+  };
+  lie_inbound();  // while the seed has yet to answer
   dialled.reset();
   ASSERT_TRUE(eventually([&] { return is_empty(); }));
-  RawPeer liar("127.0.0.9", port_);
-  liar.send(version_message(seed.port(), *nonce));
-  EXPECT_TRUE(liar.is_closed());
+  lie_inbound();
+  RawListener echo("127.0.0.9");
+  ASSERT_TRUE(manager_->connect_to_peer("127.0.0.9", echo.port()));
+  auto liar = echo.accept();
+  ASSERT_TRUE(liar);
+  liar->send(version_message(seed.port(), *nonce));
+  EXPECT_TRUE(liar->is_closed());
+  EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", echo.port()));
   EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", seed.port()));
   manager_->get_clock().advance_ms(10'000);
   EXPECT_TRUE(seed.accept());
