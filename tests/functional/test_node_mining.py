@@ -3,7 +3,7 @@
 import json
 import os
 import time
-from typing import Dict, Tuple
+from typing import Any, Dict, Tuple
 
 import pytest
 
@@ -56,6 +56,16 @@ def send(node: Node, tx: bytes) -> Dict[str, object]:
     return wait_mined(node, wallet.txid(tx))
 
 
+def at_one_height(node: Node, first: str, second: str, params: object) -> "tuple[Any, Any]":
+    """The answers of two methods between which no block came."""
+    for _ in range(20):
+        height = node.height()
+        answers = node.rpc(first, params), node.rpc(second, params)
+        if node.height() == height:
+            return answers
+    raise AssertionError("blocks come without a pause")
+
+
 def check_visible(node: Node, txid: str, *keys: Key) -> None:
     """A mined transaction, as every method shows it that can."""
     shown = node.rpc("gettransaction", txid)
@@ -70,8 +80,7 @@ def check_visible(node: Node, txid: str, *keys: Key) -> None:
     for key in keys:
         listed = {row["txid"]: row for row in node.rpc("listtransactions", key.address, 1000)}
         assert listed[txid]["blockhash"] == shown["blockhash"] and listed[txid]["hex"] == raw.hex()
-        unspent = node.rpc("getutxos", {"address": key.address})
-        info = node.rpc("getaddressinfo", {"address": key.address})
+        unspent, info = at_one_height(node, "getutxos", "getaddressinfo", {"address": key.address})
         assert info["utxo_count"] == len(unspent)
 
 

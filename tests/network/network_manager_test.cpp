@@ -315,7 +315,7 @@ TEST_F(Manager, TakesAndTellsAddresses) {
 }
 
 TEST_F(Manager, DialsSeedsAndForCallersWhileOthersDoNotAnswer) {
-  start(50, 20);
+  start(50, 60);
   FullListener dead("0.0.0.0");
   RawListener live("0.0.0.0", 100);
   RawPeer teller("127.0.0.8", port_);
@@ -335,7 +335,7 @@ TEST_F(Manager, DialsSeedsAndForCallersWhileOthersDoNotAnswer) {
   EXPECT_EQ(keys().count(make_key("127.0.0.10", live.port())), 0u) << "all workers wait";
   dead.end();
   EXPECT_TRUE(eventually([&] { return keys().contains(make_key("127.0.0.10", live.port())); }))
-      << "before 20 of the others";
+      << "before 60 of the others";
 }
 
 TEST_F(Manager, RemembersPeersAndDialsThemAgain) {

@@ -92,6 +92,16 @@ class LaneWalk {
     }
   }
 
+  // As rounds_of_schedule, for words whose two early sources are zero.
+  template <int t, int end>
+  [[gnu::always_inline]] void rounds_of_short_words() {
+    if constexpr (t < end) {
+      word<t>() = small_sigma1(word<t - 2>()) + word<t - 7>();
+      round_of_word<t>();
+      rounds_of_short_words<t + 1, end>();
+    }
+  }
+
   // Rounds t to 15 with nothing but a message's padding: `last` is its length.
   template <int t>
   [[gnu::always_inline]] void rounds_of_padding(uint32_t last) {
@@ -142,14 +152,7 @@ class LaneWalk {
     round_of_word<24>();
     word<25>() = small_sigma1(word<23>()) + lift_(fixed_.w18);
     round_of_word<25>();
-    word<26>() = small_sigma1(word<24>()) + word<19>();
-    round_of_word<26>();
-    word<27>() = small_sigma1(word<25>()) + word<20>();
-    round_of_word<27>();
-    word<28>() = small_sigma1(word<26>()) + word<21>();
-    round_of_word<28>();
-    word<29>() = small_sigma1(word<27>()) + word<22>();
-    round_of_word<29>();
+    rounds_of_short_words<26, 30>();
     word<30>() = small_sigma1(word<28>()) + word<23>() + lift_(small_sigma0(kHeaderBits));
     round_of_word<30>();
     word<31>() = small_sigma1(word<29>()) + word<24>() + lift_(small_sigma0(fixed_.w16) + kHeaderBits);
@@ -211,16 +214,7 @@ class LaneWalk {
     round_of_word<23>();
     word<24>() = small_sigma1(word<22>()) + word<17>() + lift_(kPaddingWord);
     round_of_word<24>();
-    word<25>() = small_sigma1(word<23>()) + word<18>();
-    round_of_word<25>();
-    word<26>() = small_sigma1(word<24>()) + word<19>();
-    round_of_word<26>();
-    word<27>() = small_sigma1(word<25>()) + word<20>();
-    round_of_word<27>();
-    word<28>() = small_sigma1(word<26>()) + word<21>();
-    round_of_word<28>();
-    word<29>() = small_sigma1(word<27>()) + word<22>();
-    round_of_word<29>();
+    rounds_of_short_words<25, 30>();
     word<30>() = small_sigma1(word<28>()) + word<23>() + lift_(small_sigma0(kDigestBits));
     round_of_word<30>();
     word<31>() = small_sigma1(word<29>()) + word<24>() + (small_sigma0(word<16>()) + lift_(kDigestBits));
