@@ -10,12 +10,10 @@ namespace norvel {
 
 namespace {
 
-// A thread costs about as much as a tenth of a signature check, so it pays from few turns on.
-constexpr size_t kTurnsPerThreadMin = 2;
-
+// A thread costs about as much as a tenth of a signature check, so it pays from the second turn on.
 size_t thread_count(size_t turns) {
   const size_t cores = std::max<size_t>(std::thread::hardware_concurrency(), 1);
-  return std::min(cores, turns / kTurnsPerThreadMin);
+  return std::min(cores, turns);
 }
 
 }  // namespace
