@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 
@@ -14,9 +15,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace norvel {
 
-// A broken promise of the code under test; kept in every build.
-inline void require(bool holds) {
+// A broken promise of the code under test; kept in every build. Names the caller's line.
+inline void require(bool holds, const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
   if (!holds) {
+    std::fprintf(stderr, "%s:%d: does not hold\n", file, line);
     std::abort();
   }
 }

@@ -3,6 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "chain/block_rules.h"
+
 namespace norvel {
 
 Bytes make_record(const Block& block) {
@@ -17,7 +19,7 @@ Bytes make_record(const Block& block) {
 std::optional<Block> read_record(ByteView bytes) {
   try {
     Block block = Block::deserialize(bytes);
-    return block.check_merkle_root() ? std::optional(std::move(block)) : std::nullopt;
+    return block.check_merkle_root() && !repeats_transaction(block) ? std::optional(std::move(block)) : std::nullopt;
   } catch (const std::runtime_error&) {
     return std::nullopt;
   }

@@ -26,7 +26,7 @@ inline constexpr size_t kRecordPrefixBytes = 4;
 Bytes make_record(const Block& block);
 
 // The block at the start of `bytes`, which begin behind the length, when it
-// decodes and its transactions match its Merkle root; what follows it is ignored.
+// decodes and its transactions are those of its Merkle root; what follows it is ignored.
 std::optional<Block> read_record(ByteView bytes);
 
 }  // namespace norvel

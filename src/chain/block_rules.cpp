@@ -226,19 +226,22 @@ bool validate_context_free(const Block& block, ClockRule clock, std::string& err
   if (!block.has_valid_form(error, clock)) {
     return false;
   }
+  for (size_t i = 0; i < block.transactions.size(); ++i) {
+    if (!fits_byte_format(block.transactions[i])) {
+      return fail(error, "Transaction in block [" + std::to_string(i) + "] does not fit its byte format");
+    }
+  }
+  return !repeats_transaction(block) || fail(error, "Block contains a transaction twice");
+}
+
+bool repeats_transaction(const Block& block) {
   std::vector<uint256> txids;
   txids.reserve(block.transactions.size());
   for (const Transaction& tx : block.transactions) {
-    if (!fits_byte_format(tx)) {
-      return fail(error, "Transaction in block [" + std::to_string(txids.size()) + "] does not fit its byte format");
-    }
     txids.push_back(tx.get_txid());
   }
   std::sort(txids.begin(), txids.end());
-  if (std::adjacent_find(txids.begin(), txids.end()) != txids.end()) {
-    return fail(error, "Block contains a transaction twice");
-  }
-  return true;
+  return std::adjacent_find(txids.begin(), txids.end()) != txids.end();
 }
 
 int64_t block_fees(const Block& block, const UTXOSet& utxos) {

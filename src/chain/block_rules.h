@@ -18,10 +18,12 @@
 namespace norvel {
 
 // Everything that needs no outputs: what Block::is_valid checks but for inputs,
-// every transaction representable in the byte format, and no two transactions
-// with the same id (the lone-element rule of the Merkle tree gives [a, b, c] and
-// [a, b, c, c] one root).
+// every transaction representable in the byte format, and no repeated one.
 bool validate_context_free(const Block& block, ClockRule clock, std::string& error);
+
+// Whether two transactions have the same id: the lone-element rule of the Merkle
+// tree gives [a, b, c] and [a, b, c, c] one root.
+bool repeats_transaction(const Block& block);
 
 // Sum over the ordinary transactions of input value minus output value, each
 // counted only when positive; the outputs made earlier in the block count as

@@ -295,6 +295,7 @@ class Blockchain {
   void try_heaviest_branch() REQUIRES(mutex_);
   void refuse_for_depth(const uint256& tip_hash, const std::string& reason) REQUIRES(mutex_);
   void declare_broken() REQUIRES(mutex_);
+  bool mark_rebuild() const;
 
   // ---- Storage (blockchain_storage.cpp)
   bool write_state() REQUIRES(mutex_);

@@ -358,9 +358,13 @@ void Blockchain::refuse_for_depth(const uint256& tip_hash, const std::string& re
 // rebuilds it from the block files. Needs no memory.
 void Blockchain::declare_broken() {
   broken_ = true;
-  if (!open_file(rebuild_marker_, O_WRONLY | O_CREAT).is_open() || !sync_directory(directory_)) {
+  if (!mark_rebuild()) {
     console::error_line("[Blockchain] ERROR: Cannot write the file rebuild-needed");
   }
+}
+
+bool Blockchain::mark_rebuild() const {
+  return open_file(rebuild_marker_, O_WRONLY | O_CREAT).is_open() && sync_directory(directory_);
 }
 
 }  // namespace norvel

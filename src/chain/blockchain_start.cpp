@@ -61,6 +61,10 @@ bool Blockchain::open_directory(std::string& error) {
   if (flock(directory_lock_.get(), LOCK_EX | LOCK_NB) != 0) {
     return fail(error, "Data directory " + directory_ + " is in use by another process");
   }
+  // One that is cut short must not end with the old snapshot: the mark stays until it is done.
+  if (options_.rebuild && !mark_rebuild()) {
+    return fail(error, "Cannot write the file rebuild-needed in " + directory_);
+  }
   rebuilding_ = options_.rebuild || std::filesystem::exists(rebuild_marker_, failure);
   return true;
 }

@@ -185,7 +185,7 @@ AdmissionOutcome TransactionAdmission::check_rules(const Transaction& tx, const 
 AdmissionOutcome TransactionAdmission::check_scripts(const Transaction& tx, const OutputsByOutpoint& spent,
                                                      std::string& reason) const {
   VerifiedInputs& verified = chain_.get_verified_inputs();
-  ScriptBudget budget{kPolicySignatureChecksMax, kPolicyHashBytesMax};
+  ScriptBudget budget{kPolicySignatureChecksMax, kPolicyHashBytesMax, kPolicyScriptBytesMax};
   const auto verify = [&](const Transaction& spender, size_t input_index, const TxOut& output) {
     return verified.contains(spender, input_index, output) ||
            ScriptInterpreter::verify_input_signature(spender, input_index, output, &budget);

@@ -49,6 +49,12 @@ enum class AdmissionOutcome {
 inline constexpr uint64_t kPolicySignatureChecksMax = 2'000;
 inline constexpr uint64_t kPolicyHashBytesMax = 200'000'000;
 
+// Of scripts run. Locking scripts are prepared at leisure, a small transaction
+// may spend many, and a million bytes of them take up to 0.8 s. Claims of
+// contracts come to a third of this before they make too many checks.
+inline constexpr uint64_t kPolicyScriptBytesMax = 1'500'000;
+static_assert(kPolicyScriptBytesMax > kTransactionBytesMax, "an output of the largest script can be spent");
+
 // The most, in base units, that a block's coinbase can account for: it shares
 // half of the fees with the treasury and pays out at most kCoinbaseFeesMax
 // beyond the subsidy.

@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "core/console.h"
+#include "core/pending_signals.h"
 #include "miner/session.h"
 
 namespace norvel::miner::stop_signals {
@@ -67,6 +68,10 @@ void sleep_one_second() {
     const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
     const timespec wait = {nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
     ppoll(nullptr, 0, &wait, &g_waiting_mask);
+  }
+  if (g_running && is_pending_in_a_thread(both_signals())) {
+    raise(SIGTERM);
+    let_in();
   }
 }
 

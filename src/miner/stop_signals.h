@@ -25,7 +25,8 @@ const sigset_t& waiting_mask();
 // Runs the handler for a signal that is pending now.
 void let_in();
 
-// Sleeps one second, resuming after any signal until the second is over.
+// Sleeps one second, resuming after any signal until the second is over. Then
+// runs the handler if one of both was sent to another thread alone.
 void sleep_one_second();
 
 // From here on both signals do nothing.

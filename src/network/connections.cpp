@@ -2,16 +2,28 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "core/console.h"
+#include "core/descriptor_limit.h"
 #include "network/address_text.h"
 
 namespace norvel::network {
 
 namespace {
 
+// Descriptors that those who connect leave to files, RPC clients and dials, or
+// half of all where there are few.
+constexpr uint64_t kDescriptorsLeft = 320;
+
 constexpr const char kBanReason[] = "misbehavior score exceeded threshold";
+
+// Whether `fd`, the lowest number that was free, is among those for strangers.
+bool leaves_descriptors(int fd) {
+  const uint64_t limit = descriptor_limit();
+  return std::cmp_less(fd, limit - std::min(limit / 2, kDescriptorsLeft));
+}
 
 std::string ban_line(const std::string& ip, const std::string& reason) {
   std::string line = "[Network] Banning " + console::printable(ip);
@@ -40,7 +52,8 @@ void Connections::close() {
 }
 
 bool Connections::admit_inbound(FileDescriptor connection, const std::string& ip, uint16_t port) {
-  if (bans_.is_banned(ip) || !rate_.admit(ip) || table_.inbound_count() >= limits_.inbound_max) {
+  if (bans_.is_banned(ip) || !rate_.admit(ip) || table_.inbound_count() >= limits_.inbound_max ||
+      !leaves_descriptors(connection.get())) {
     return false;
   }
   SubnetGuard::Admission admission = subnets_.check_and_register(ip);

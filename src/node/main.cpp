@@ -11,6 +11,7 @@
 
 #include "consensus/retarget.h"
 #include "core/console.h"
+#include "core/descriptor_limit.h"
 #include "node/data_directory.h"
 #include "node/directory_check.h"
 #include "node/log_file.h"
@@ -31,6 +32,9 @@ constexpr mode_t kPrivateMask = 077;
 // allocator raises the threshold, and each thread's arena keeps the buffers of
 // the largest requests that it ever served.
 constexpr int kMappedBytesMin = 128 * 1024;
+
+// Above the usual 1,024, which all peers and RPC clients that are allowed would exceed.
+constexpr uint64_t kDescriptorsWanted = 8'192;
 
 // Null without a log file. Throws std::runtime_error when it does not open.
 std::shared_ptr<LogFile> open_log(const Options& options) {
@@ -89,6 +93,7 @@ int main(int argc, char** argv) {
   rpc::keep_openssl_until_exit();
   console::guard_standard_streams();
   umask(node::kPrivateMask);
+  raise_descriptor_limit(node::kDescriptorsWanted);
   node::block_signals();
   try {
     const auto invocation = node::read_options(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));

@@ -9,12 +9,14 @@
 #include <chrono>
 #include <csignal>
 #include <exception>
+#include <initializer_list>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
 #include "core/console.h"
+#include "core/pending_signals.h"
 
 namespace norvel::node {
 
@@ -22,13 +24,20 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-sigset_t watched_signals() {
+// Between looks for signals that other threads keep to themselves.
+constexpr int kLookPeriodMs = 1'000;
+
+sigset_t set_of(std::initializer_list<int> signals) {
   sigset_t set;
   sigemptyset(&set);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal : signals) {
     sigaddset(&set, signal);
   }
   return set;
+}
+
+sigset_t watched_signals() {
+  return set_of({SIGINT, SIGTERM, SIGHUP});
 }
 
 // Calls what may fail for lack of memory; the wait for the work goes on.
@@ -60,10 +69,9 @@ int run_work(const Supervised& supervised) {
   }
 }
 
-// Milliseconds to wait for; -1 without a deadline.
 int time_left_ms(const std::optional<Clock::time_point>& deadline) {
   if (!deadline) {
-    return -1;
+    return kLookPeriodMs;
   }
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
   return static_cast<int>(std::max<int64_t>(left, 0));
@@ -89,8 +97,15 @@ int supervise(const Supervised& supervised, StopRequest& stop, int64_t deadline_
   while (!finished.is_requested()) {
     // A descriptor below zero is left out.
     pollfd waiting[] = {{finished.fd(), POLLIN, 0}, {signals.get(), POLLIN, 0}, {deadline ? -1 : stop.fd(), POLLIN, 0}};
-    poll(waiting, std::size(waiting), time_left_ms(deadline));
+    const int ready_count = poll(waiting, std::size(waiting), time_left_ms(deadline));
     read_signals(signals.get(), supervised, stop);
+    if (ready_count == 0 && !deadline) {
+      call_quietly([&] {
+        if (is_pending_in_a_thread(set_of({SIGINT, SIGTERM}))) {
+          stop.request(supervised.signalled_status);
+        }
+      });
+    }
     if (stop.is_requested() && !deadline) {
       deadline = Clock::now() + std::chrono::milliseconds(deadline_ms);
       call_quietly(supervised.on_stop);

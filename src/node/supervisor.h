@@ -3,7 +3,8 @@
 //
 // SIGINT and SIGTERM ask for a stop; SIGHUP has the log file opened anew. All
 // three are blocked in every thread and read from a descriptor, so that no
-// handler interrupts anything.
+// handler interrupts anything. A SIGINT or SIGTERM that was sent to another thread
+// alone is found within a second.
 //
 // Threads: main thread only.
 

@@ -19,8 +19,8 @@ void check_error(const JsonValue& reply) {
 }
 
 // The result of a reply's body.
-JsonValue read_result(std::string_view body) {
-  JsonValue reply = JsonValue::parse(body);
+JsonValue read_result(std::string_view body, const JsonLimits& limits) {
+  JsonValue reply = JsonValue::parse(body, limits);
   check_error(reply);
   return std::move(reply.object["result"]);  // a reply of another type has no members
 }
@@ -33,7 +33,8 @@ JsonValue RpcClient::call(const std::string& method, JsonValue params, const Exc
   return exchange(method, std::move(params), control).result;
 }
 
-RpcClient::Outcome RpcClient::exchange(const std::string& method, JsonValue params, const ExchangeControl& control) {
+RpcClient::Outcome RpcClient::exchange(const std::string& method, JsonValue params, const ExchangeControl& control,
+                                       const JsonLimits& limits) {
   JsonValue request;
   request.set("jsonrpc", "2.0");
   request.set("id", std::to_string(next_request_id_.fetch_add(1)));
@@ -45,7 +46,7 @@ RpcClient::Outcome RpcClient::exchange(const std::string& method, JsonValue para
   const HttpExchange response =
       send_http_request(host_, port_, build_http_request(host_, port_, request.to_string()), control, timeouts);
   try {
-    return {read_result(response.reply.body()), response.was_cut};
+    return {read_result(response.reply.body(), limits), response.was_cut};
   } catch (const std::exception&) {
     if (response.was_cut) {
       return {JsonValue(), true};

@@ -82,7 +82,8 @@ class RpcClient {
     bool was_cut = false;
   };
 
-  Outcome exchange(const std::string& method, JsonValue params, const ExchangeControl& control);
+  Outcome exchange(const std::string& method, JsonValue params, const ExchangeControl& control,
+                   const JsonLimits& limits = {});
   bool send_for_acceptance(const std::string& method, const char* key, const Bytes& bytes,
                            const ExchangeControl& control);
 

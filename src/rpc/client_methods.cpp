@@ -11,6 +11,11 @@ namespace norvel::rpc {
 
 namespace {
 
+// What a miner reads. A block of 1,000,000 bytes holds at most 47,619 transactions,
+// of at most five values each in a template. More would only keep a miner from
+// its work, and from Ctrl+C, for seconds.
+constexpr JsonLimits kMiningLimits{.values = 500'000};
+
 // What `read` returns; when it throws, an empty result after one error line of
 // `prefix` and the reason.
 template <typename Read>
@@ -72,7 +77,7 @@ SpendableOutputs read_utxos(const JsonValue& result, const std::string& address)
 
 std::optional<uint32_t> RpcClient::get_block_count(const ExchangeControl& control) {
   return read_or_print("[RPC Client] getblockcount error: ", [&]() -> std::optional<uint32_t> {
-    const JsonValue count = call("getblockcount", JsonValue::make_object(), control);
+    const JsonValue count = exchange("getblockcount", JsonValue::make_object(), control, kMiningLimits).result;
     if (count.type != JsonType::kNumber) {
       return std::nullopt;
     }
@@ -149,7 +154,7 @@ SpendableOutputs RpcClient::get_utxos_for_address(const std::string& address, co
 
 std::optional<BlockTemplate> RpcClient::get_block_template(const std::string& address, const ExchangeControl& control) {
   return read_or_print("[RPC Client] getblocktemplate error: ", [&] {
-    const Outcome outcome = exchange("getblocktemplate", address_params(address), control);
+    const Outcome outcome = exchange("getblocktemplate", address_params(address), control, kMiningLimits);
     if (outcome.was_cut && control.cut && control.cut()) {
       return std::optional(BlockTemplate());  // whoever cut it wants no part of a template
     }
@@ -168,7 +173,7 @@ bool RpcClient::send_for_acceptance(const std::string& method, const char* key, 
                                     const ExchangeControl& control) {
   JsonValue params;
   params.set(key, crypto::bytes_to_hex(bytes));
-  return call(method, std::move(params), control).get("accepted").boolean;
+  return exchange(method, std::move(params), control, kMiningLimits).result.get("accepted").boolean;
 }
 
 bool RpcClient::submit_block(const Block& block, std::string& error, const ExchangeControl& control) {

@@ -5,7 +5,15 @@
 #include <algorithm>
 #include <utility>
 
+#include "core/descriptor_limit.h"
+
 namespace norvel::rpc {
+
+namespace {
+
+constexpr uint64_t kDescriptorsLeft = 8;  // of each server's quarter
+
+}  // namespace
 
 ConnectionTicket::ConnectionTicket(std::shared_ptr<ConnectionSlots> slots, uint64_t id, int socket)
     : slots_(std::move(slots)), id_(id), socket_(socket) {}
@@ -76,14 +84,21 @@ void ConnectionTicket::end_work() {
 
 std::optional<ConnectionTicket> ConnectionSlots::admit(FileDescriptor socket) {
   const MutexLock lock(mutex_);
-  const bool is_full = entries_.size() - gone_count_ >= limits_.connections;
+  const size_t most = connections_max();
+  const bool is_full = entries_.size() - gone_count_ >= most;
   // Those that gave way still have their threads for a moment.
-  if ((is_full && !shed_one()) || entries_.size() >= 2 * limits_.connections) {
+  if ((is_full && !shed_one()) || entries_.size() >= 2 * most) {
     return std::nullopt;
   }
   const int fd = socket.get();
   entries_[next_id_].socket = std::move(socket);
   return std::optional<ConnectionTicket>(std::in_place, shared_from_this(), next_id_++, fd);
+}
+
+// Two servers with peers beside them leave some descriptors to the node's files.
+size_t ConnectionSlots::connections_max() const {
+  const uint64_t share = descriptor_limit() / 4;
+  return std::min<uint64_t>(limits_.connections, share > kDescriptorsLeft ? share - kDescriptorsLeft : 1);
 }
 
 void ConnectionSlots::shed_waiting() {

@@ -91,6 +91,9 @@ class ConnectionSlots : public std::enable_shared_from_this<ConnectionSlots> {
     size_t answer_bytes = 0;
   };
 
+  // Fewer than configured where the process may open few descriptors.
+  size_t connections_max() const;
+
   // What of a body counts.
   size_t counted(size_t body_bytes) const;
 

@@ -70,6 +70,9 @@ class ScriptRun {
       : script_(script), tx_(tx), input_index_(input_index), budget_(budget), stack_(stack) {}
 
   bool run() {
+    if (budget_ != nullptr && !charge(budget_->script_bytes_left, script_.bytes.size())) {
+      return false;
+    }
     while (pc_ < script_.bytes.size()) {
       if (!step(static_cast<OpCode>(script_.bytes[pc_++]))) {
         return false;

@@ -23,6 +23,7 @@ namespace {
 constexpr const char kMisplaced[] = "TREASURY_DISTRIBUTION tx may only appear at index 1";
 constexpr const char kUnexpected[] = "Block contains unexpected TREASURY_DISTRIBUTION tx (no pending distribution)";
 constexpr const char kNotFinal[] = "Invalid transaction in block [2]: Transaction is not final";
+constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
 constexpr const char kExceeds[] = "Coinbase miner output exceeds block reward ";
 constexpr const char kMismatch[] = "Coinbase treasury output value mismatch (expected 10000, got ";
 
@@ -123,6 +124,9 @@ TEST(BlockRules, OneChangeDecides) {
       {"one more", [](Scene& s) { s.txs[0].outputs[1].value = 10'001; }, ""},
       {"two less", [](Scene& s) { s.txs[0].outputs[1].value = 9'998; }, std::string(kMismatch) + "9998"},
       {"two more", [](Scene& s) { s.txs[0].outputs[1].value = 10'002; }, std::string(kMismatch) + "10002"},
+      {"the most for the treasury", [](Scene& s) { s.txs[0].outputs[1].value = kMax; },
+       kMismatch + std::to_string(kMax)},
+      {"the least", [](Scene& s) { s.txs[0].outputs[1].value = -kMax - 1; }, kMismatch + std::to_string(-kMax - 1)},
       {"a distribution in time", [](Scene& s) { s.distribute(20), s.pay_on(1); }, ""},
       {"one that is not pending", [](Scene& s) { s.distribute(20), s.set_pending(false); }, kUnexpected},
       {"none", [](Scene& s) { s.block.height = 20, s.set_pending(false); }, ""},
@@ -185,10 +189,10 @@ TEST(BlockRules, FeesCountWhatIsPaidOnlyWherePositive) {
   scene.add_payment(Scene::coin(2), 0);
   EXPECT_EQ(block_fees(scene.block, scene.utxos), 21'000) << "nothing known of its input";
   for (const uint32_t index : {7u, 8u}) {
-    scene.utxos.add_utxo({uint256(), index}, TxOut(std::numeric_limits<int64_t>::max(), {}));
+    scene.utxos.add_utxo({uint256(), index}, TxOut(kMax, {}));
     scene.add_payment({{uint256(), index}, TxOut()}, 0);
   }
-  EXPECT_EQ(block_fees(scene.block, scene.utxos), std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(block_fees(scene.block, scene.utxos), kMax);
 }
 
 TEST(BlockRules, EachInputIsVerifiedAheadOfTheRules) {

@@ -153,43 +153,6 @@ TEST(Blockchain, ReorganisesSevenHundredAndTwentyBlocksAndNotOneMore) {
   EXPECT_EQ(scene.chain().get_snapshot_bytes(), scene.replayed_snapshot());
 }
 
-TEST(Blockchain, AJunkOrDoubledBodyNeverTakesThePlaceOfTheTrueBlock) {
-  ChainScene scene;
-  const Block fork = scene.extend();
-  scene.extend({.message = "active"});
-  const auto coin = output_of(fork.transactions[0]);
-  const Transaction first = pay(sample_key(1), {coin}, {coin.second.value});
-  const Transaction second = pay(sample_key(2), {output_of(first)}, {coin.second.value});
-  const Block side = make_child(fork, {.txs = {first, second}});
-  const Block child = make_child(side);
-
-  Block junk = side;
-  junk.transactions.pop_back();
-  Block doubled = side;
-  doubled.transactions.push_back(doubled.transactions.back());
-  ASSERT_EQ(doubled.calculate_merkle_root(), side.header.merkle_root);
-  Block misplaced = side;
-  misplaced.height = 7;
-  const std::tuple<const Block&, std::string> rows[] = {
-      {junk, "Invalid merkle root"},
-      {doubled, "Block contains a transaction twice"},
-      {misplaced, "Invalid block height (parent at 1, block claims 7"},
-  };
-  for (const auto& [block, want] : rows) {
-    EXPECT_EQ(scene.refusal(block), want);
-    scene.reopen();
-  }
-  // Their like among the orphans: the pool keeps room for the true block.
-  EXPECT_EQ(scene.refusal(child).substr(0, 7), "orphan:");
-  for (uint32_t height = 10; height < 16; ++height) {
-    Block twin = child;
-    twin.height = height;
-    EXPECT_EQ(scene.refusal(twin).substr(0, 7), "orphan:");
-  }
-  scene.add(side);
-  EXPECT_EQ(scene.chain().get_best_hash(), child.get_hash());
-}
-
 TEST(Blockchain, ADamagedBlockHoldsTheSwitchUntilTheNextStartOrIsFetchedAgain) {
   for (const bool is_active : {true, false}) {
     SCOPED_TRACE(is_active);

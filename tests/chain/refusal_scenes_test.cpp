@@ -1,11 +1,16 @@
 // Blocks that break a rule at each stage, through every entrance: on the tip, on
 // a side chain that becomes the heaviest, as an orphan, from the block files at a
-// start. The rules themselves are tried in block_rules_test.cpp.
+// start; and their transactions through the pool into a template. The rules
+// themselves are tried in block_rules_test.cpp.
 
 #include <functional>
+#include <limits>
 
 #include "chain/chain_scene.h"
 #include "consensus/distribution.h"
+#include "mempool/admission.h"
+#include "mempool/mempool.h"
+#include "rpc/template_builder.h"
 #include "script/script.h"
 
 namespace norvel {
@@ -13,6 +18,9 @@ namespace {
 
 constexpr uint32_t kInterval = 5;
 constexpr int64_t kFee = 20'000;
+constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+constexpr const char kOutOfRange[] = "Value out of range in output 0";
+const std::string kInvalidFirst = "Invalid transaction in block [1]: ";
 
 // Blocks 1 to 3, of which block 3 has paid a fee, so that block 4 freezes a pool
 // for the distribution at height 5. Coins of blocks 1 and 2 belong to key 1.
@@ -53,6 +61,27 @@ Block with_transaction(const Block& parent, const Transaction& tx, int64_t fees 
   return make_child(parent, {.txs = {tx}, .fees = fees});
 }
 
+// A payment of the coin of block 2, changed and signed again.
+Scene altered(const char* label, const std::string& reason, const std::function<void(Transaction&)>& change) {
+  const auto make = [change](const Past& past, const Block& parent) {
+    Transaction tx = past.spend(1, 0);
+    change(tx);
+    for (size_t i = 0; i < tx.inputs.size(); ++i) {
+      tx.sign_input(i, sample_key(1).private_key, Script(past.coin(1).second.locking_script()));
+    }
+    tx.invalidate_cache();
+    return with_transaction(parent, tx);
+  };
+  return {label, make, 3, kInvalidFirst + reason};
+}
+
+Scene null_outpoint(const char* label, TransactionType type) {
+  return altered(label, "Null outpoint in input 0", [type](Transaction& tx) {
+    tx.type = type;
+    tx.inputs[0].prevout = OutPoint::null();
+  });
+}
+
 // The pool at height 5 is half of the 50,000 of block 3; miner 1 found blocks 1 to 4.
 Transaction distribution(int64_t pool = 25'000) {
   return treasury::create_distribution_tx(pool, {{sample_key(1).address, 4}}, kInterval);
@@ -71,18 +100,29 @@ std::vector<Scene> scenes() {
          return with_transaction(parent, pay(sample_key(2), {past.coin(1)}, {1}));
        },
        3, "Invalid transaction signature in block"},
-      {"more out than in",
-       [](const Past& past, const Block& parent) { return with_transaction(parent, past.spend(1, -1)); }, 3,
-       "Invalid transaction in block [1]: Outputs exceed inputs"},
-      {"a lock time that has not come",
+      altered("more out than in", "Outputs exceed inputs", [](Transaction& tx) { tx.outputs[0].value += 1; }),
+      altered("minus one", kOutOfRange, [](Transaction& tx) { tx.outputs[0].value = -1; }),
+      altered("all money and one", kOutOfRange, [](Transaction& tx) { tx.outputs[0].value = kMoneyMax + 1; }),
+      altered("a sum that wraps", kOutOfRange, [](Transaction& tx) { tx.outputs.assign(2, TxOut(kMax, Bytes(20))); }),
+      altered("all money twice", "Sum of outputs out of range",
+              [](Transaction& tx) { tx.outputs.assign(2, TxOut(kMoneyMax, Bytes(20))); }),
+      altered("no inputs", "Transaction has no inputs", [](Transaction& tx) { tx.inputs.clear(); }),
+      altered("no outputs", "Transaction has no outputs", [](Transaction& tx) { tx.outputs.clear(); }),
+      altered("one outpoint twice", "Output spent twice by one transaction",
+              [](Transaction& tx) { tx.inputs.push_back(tx.inputs[0]); }),
+      null_outpoint("a null outpoint", TransactionType::TRANSFER),
+      null_outpoint("a null outpoint in a note", TransactionType::MESSAGE),
+      null_outpoint("a null outpoint in a contract", TransactionType::HTLC_FUNDING),
+      altered("a type without meaning", "Transaction type not allowed: 7",
+              [](Transaction& tx) { tx.type = TransactionType{7}; }),
+      altered("a lock time that has not come", "Transaction is not final",
+              [](Transaction& tx) { tx.locktime = 4, tx.inputs[0].sequence = 0; }),
+      {"an output made later",
        [](const Past& past, const Block& parent) {
-         Transaction tx = past.spend(1, 0);
-         tx.locktime = 4;
-         tx.inputs[0].sequence = 0;
-         tx.sign_input(0, sample_key(1).private_key, Script(past.coin(1).second.locking_script()));
-         return with_transaction(parent, tx);
+         const Transaction tx = past.spend(1, 0);
+         return make_child(parent, {.txs = {pay(sample_key(2), {output_of(tx)}, {1}), tx}});
        },
-       3, "Invalid transaction in block [1]: Transaction is not final"},
+       3, "UTXO not found for transaction input"},
       {"a coin spent twice",
        [](const Past& past, const Block& parent) {
          return make_child(parent, {.txs = {past.spend(1, 1), past.spend(1, 2)}});
@@ -165,6 +205,21 @@ TEST_P(RefusalScenes, FromTheBlockFiles) {
   ASSERT_TRUE(scene_.chain().save_block_to_disk(make_child(bad_)));
   scene_.reopen();
   EXPECT_EQ(scene_.chain().get_snapshot_bytes(), before);
+}
+
+TEST_P(RefusalScenes, ThroughThePoolIntoATemplate) {
+  Mempool pool(5'000'000);
+  TransactionAdmission admission(scene_.chain(), pool);
+  for (const Transaction& tx : bad_.transactions) {
+    std::string reason;
+    int64_t fee = 0;
+    admission.accept(Transaction::deserialize(tx.serialize()), reason, fee);
+  }
+  if (GetParam().reason.starts_with(kInvalidFirst)) {
+    EXPECT_EQ(pool.size(), 0u);
+  }
+  const auto offered = rpc::build_template(scene_.chain(), pool, bad_.header.timestamp);
+  scene_.add(make_child(parent_, {.txs = offered.transactions, .fees = offered.total_fees}));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachRule, RefusalScenes, testing::ValuesIn(scenes()), [](const auto& row) {

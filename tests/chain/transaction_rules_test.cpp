@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <random>
 #include <tuple>
 #include <vector>
@@ -14,6 +15,8 @@
 
 namespace norvel {
 namespace {
+
+constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
 
 std::pair<OutPoint, TxOut> coin(uint32_t index, int64_t value) {
   return {{uint256(uint64_t{5}), index}, TxOut(value, sample_key(1).pubkey_hash)};
@@ -78,6 +81,9 @@ TEST(TransactionRules, OneChangeDecidesBeforeAnySignatureIsChecked) {
       {"an output of all money", [](Scene& s) { s.set_coins(kMoneyMax, 0), s.set_outputs(kMoneyMax, 0); }, ""},
       {"a unit above", [](Scene& s) { s.set_outputs(kMoneyMax + 1, 0); }, "Value out of range in output 0"},
       {"a unit above together", [](Scene& s) { s.set_outputs(kMoneyMax, 1); }, "Sum of outputs out of range"},
+      {"outputs that wrap", [](Scene& s) { s.set_outputs(kMax, kMax); }, "Value out of range in output 0"},
+      {"the least output", [](Scene& s) { s.set_outputs(1'100, -kMax - 1); }, "Value out of range in output 1"},
+      {"coins that wrap", [](Scene& s) { s.set_coins(kMax, kMax); }, "Value out of range in input 0"},
       {"a null input", [](Scene& s) { s.tx.inputs[1].prevout = OutPoint::null(); }, "Null outpoint in input 1"},
       {"an input twice", [](Scene& s) { s.repeat_input(); }, "Output spent twice by one transaction"},
       {"a lost coin", [](Scene& s) { s.spent.erase(coin(1, 0).first); }, "Spent output not found for input 1"},

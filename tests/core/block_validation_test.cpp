@@ -104,6 +104,8 @@ TEST(BlockValidity, OneChangeDecides) {
       {"one unit more", [](Scene& s) { s.reward(7, 800'000'001, kFees); }, kBadCoinbase},
       {"a negative value balances another", [](Scene& s) { s.reward(7, 800'000'001 + kFees, -1); }, kBadCoinbase},
       {"a sum that wraps", [](Scene& s) { s.reward(7, int64_t{1} << 62, int64_t{1} << 62); }, kBadCoinbase},
+      {"2^63 - 1 twice", [](Scene& s) { s.reward(7, INT64_MAX, INT64_MAX); }, kBadCoinbase},
+      {"the least value", [](Scene& s) { s.reward(7, 800'000'000, INT64_MIN); }, kBadCoinbase},
       {"before the halving", [](Scene& s) { s.reward(1'259'999, 800'000'000, kFees); }, ""},
       {"halved, one unit more", [](Scene& s) { s.reward(1'260'000, 400'000'001, kFees); }, kBadCoinbase},
       {"64 halvings", [](Scene& s) { s.reward(64 * 1'260'000, 1, kFees); }, kBadCoinbase},

@@ -83,15 +83,6 @@ TEST(TransactionFormat, ChoosesTheLockingScript) {
   EXPECT_EQ(crypto::bytes_to_hex(TxOut(0, Bytes(19, 0xaa)).serialize()), "00000000000000000000");
 }
 
-// A script length in nine bytes, flag 255, and two bytes after the note.
-TEST(TransactionFormat, OtherSpellingsOfAnOutputBecomeTheCanonicalOne) {
-  const std::string note = "0100000000" + std::string(24, 'e') + std::string(66, '3');
-  const Bytes bytes = crypto::hex_to_bytes("0000000000000000ff010000000000000051ff3400" + note + "aabb");
-  size_t offset = 0;
-  EXPECT_EQ(crypto::bytes_to_hex(TxOut::deserialize(bytes, offset).serialize()), "00000000000000000151013200" + note);
-  EXPECT_EQ(offset, bytes.size());
-}
-
 // The counts and lengths are cut to their width, and writing still ends.
 TEST(TransactionFormat, WritesMoreThanItsCountsCanHold) {
   Transaction tx;

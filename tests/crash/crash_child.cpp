@@ -1,9 +1,10 @@
 // What the crash loop kills. `crash_child add DIR` opens the chain in DIR and
 // offers it a fixed script of blocks: a chain with payments, a snapshot, a side
-// branch that wins, the old branch that wins back. `crash_child check DIR` opens
-// the chain without help, expects one of the script's blocks as tip and the
-// state that a fresh replay of its chain has, then offers the whole script and
-// expects its end. Exit status 0 when all held.
+// branch that wins, the old branch that wins back; it prints the hash of each that
+// is accepted. `crash_child check DIR HASH...` opens the chain without help,
+// expects these blocks, one of the script's as tip and the state that a fresh
+// replay of its chain has, then offers the whole script and expects its end. Exit
+// status 0 when all held.
 
 #include <gtest/gtest.h>
 
@@ -48,7 +49,9 @@ std::vector<Block> make_script() {
 void offer(Blockchain& chain, const std::vector<Block>& script) {
   std::string error;
   for (size_t i = 0; i < script.size(); ++i) {
-    chain.add_block(script[i], error);
+    if (chain.add_block(script[i], error)) {
+      std::cout << script[i].get_hash().to_hex() << std::endl;
+    }
     if (i == kSnapshotAfter) {
       chain.save_snapshot();
     }
@@ -59,7 +62,7 @@ bool has_failed() {
   return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed();
 }
 
-void run(const std::string& directory, bool checks) {
+void run(const std::string& directory, bool checks, const std::vector<std::string>& accepted) {
   const std::vector<Block> script = make_script();
   ChainScene scene(small_options(kInterval), nullptr, directory);
   if (has_failed()) {
@@ -70,6 +73,9 @@ void run(const std::string& directory, bool checks) {
     const auto is_tip = [&](const Block& block) { return block.get_hash() == chain.get_best_hash(); };
     EXPECT_TRUE(is_tip(make_genesis_block()) || std::ranges::any_of(script, is_tip));
     EXPECT_EQ(chain.get_snapshot_bytes(), scene.replayed_snapshot());
+    for (const std::string& hash : accepted) {
+      EXPECT_TRUE(chain.load_block_from_disk(uint256(hash))) << hash << " was accepted and is lost";
+    }
   }
   offer(chain, script);
   if (checks) {
@@ -82,10 +88,10 @@ void run(const std::string& directory, bool checks) {
 }  // namespace norvel
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::cerr << "usage: crash_child add|check DIR\n";
+  if (argc < 3) {
+    std::cerr << "usage: crash_child add|check DIR [HASH...]\n";
     return 2;
   }
-  norvel::run(argv[2], std::string(argv[1]) == "check");
+  norvel::run(argv[2], std::string(argv[1]) == "check", {argv + 3, argv + argc});
   return norvel::has_failed() ? 1 : 0;
 }

@@ -121,6 +121,12 @@ TEST(VerifySignature, AcceptsOneEncodingOnly) {
       {"as signed", good.der, true},
       {"high s", sequence(r, join({{0}, reference::negated(s)})), true},
       {"trailing byte", join({good.der, {0}}), false},
+      {"indefinite length", join({{0x30, 0x80}, integers, {0, 0}}), false},
+      {"a set", join({{0x31, 69}, integers}), false},
+      {"r as bit string", tagged(0x30, join({tagged(0x03, r), tagged(0x02, s)})), false},
+      {"a third integer", tagged(0x30, join({integers, tagged(0x02, {1})})), false},
+      {"r beyond 256 bits", sequence(join({{1}, r}), s), false},
+      {"s of minus one", sequence(r, {0xff}), false},
       {"trailing byte inside the sequence", tagged(0x30, join({integers, {0}})), false},
       {"long-form sequence length", join({{0x30, 0x81, 69}, integers}), false},
       {"long-form integer length", tagged(0x30, join({{0x02, 0x81, 33}, r, tagged(0x02, s)})), false},
@@ -144,6 +150,16 @@ TEST(VerifySignature, AcceptsOneEncodingOnly) {
     Bytes der = good.der;
     der[bit / 8] = static_cast<uint8_t>(der[bit / 8] ^ 1u << bit % 8);
     EXPECT_FALSE(verify_signature(good.message, der, good.public_key)) << bit;
+  }
+  std::mt19937_64 random(690);
+  for (int i = 0; i < 4'000; ++i) {  // in the frame: elsewhere the numbers are wrong, whatever their form
+    Bytes der = good.der;
+    for (auto count = 1 + random() % 3; count > 0; --count) {
+      constexpr size_t kFrame[] = {0, 1, 2, 3, 4, 37, 38, 39};
+      der[kFrame[random() % std::size(kFrame)]] = static_cast<uint8_t>(random() % 4 == 0 ? random() : random() % 40);
+    }
+    const bool want = reference::verify(good.message, der, good.public_key);
+    ASSERT_EQ(verify_signature(good.message, der, good.public_key), want) << bytes_to_hex(der);
   }
   EXPECT_EQ(ERR_peek_error(), 0u) << "refusals must leave the error queue as it was";
 }

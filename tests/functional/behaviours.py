@@ -58,11 +58,12 @@ def trickle(exchange: Exchange) -> None:
         time.sleep(0.1)
 
 
-def endless(piece: bytes) -> Behaviour:
-    """A reply without length that repeats `piece` until the peer hangs up."""
+def endless(piece: bytes, head: bytes = b"HTTP/1.1 200 OK\r\n\r\n") -> Behaviour:
+    """A reply that repeats `piece` until the peer hangs up; each "%d" in it is another number."""
     def behave(exchange: Exchange) -> None:
         exchange.sock.settimeout(HANG_S)
-        exchange.sock.sendall(b"HTTP/1.1 200 OK\r\n\r\n")
-        for _ in range(1 << 16):
-            exchange.sock.sendall(piece * (65536 // len(piece)))
+        exchange.sock.sendall(head)
+        for first in range(0, 1 << 32, 65536):
+            numbers = range(first, first + 65536)
+            exchange.sock.sendall(b"".join(piece % n for n in numbers) if b"%d" in piece else piece * 65536)
     return behave

@@ -5,7 +5,7 @@ import resource
 import subprocess
 import tempfile
 import time
-from typing import IO, Callable, Optional, TypeVar
+from typing import IO, Callable, Mapping, Optional, TypeVar
 
 resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # the child processes inherit it
 
@@ -32,11 +32,13 @@ def wait_until(condition: Callable[[], object], what: str, limit_s: float = 10) 
 class Child:
     """One run of a program; leaving the context kills what is still running."""
 
-    def __init__(self, path: str, *args: object, stdout: Optional[IO[bytes]] = None) -> None:
+    def __init__(self, path: str, *args: object, stdout: Optional[IO[bytes]] = None,
+                 environment: Optional[Mapping[str, str]] = None) -> None:
+        """`environment` is added to that of the test."""
         self._out = stdout or tempfile.TemporaryFile()
         self._err = tempfile.TemporaryFile()
         self.process = subprocess.Popen([path, *map(str, args)], stdin=subprocess.DEVNULL, stdout=self._out,
-                                        stderr=self._err)
+                                        stderr=self._err, env={**os.environ, **(environment or {})})
 
     def __enter__(self: SelfType) -> SelfType:
         return self

@@ -2,7 +2,7 @@
 
 import signal
 from concurrent.futures import ThreadPoolExecutor
-from typing import IO, Callable, Iterable, List, Optional, Tuple
+from typing import IO, Callable, Iterable, List, Mapping, Optional, Tuple
 
 import screen
 from child_process import Child, program, wait_until
@@ -12,8 +12,9 @@ from stand_in_node import MINER_ADDRESS, START_HEIGHT
 class Miner(Child):
     """One run of the program; leaving the context kills what is still running."""
 
-    def __init__(self, *args: object, stdout: Optional[IO[bytes]] = None) -> None:
-        super().__init__(program("NORVEL_MINER"), *args, stdout=stdout)
+    def __init__(self, *args: object, stdout: Optional[IO[bytes]] = None,
+                 environment: Optional[Mapping[str, str]] = None) -> None:
+        super().__init__(program("NORVEL_MINER"), *args, stdout=stdout, environment=environment)
 
     def wait_for_dashboard(self, fits: Callable[[screen.Dashboard], bool], limit_s: float = 10) -> screen.Dashboard:
         """Waits for a dashboard drawn from now on that fits."""

@@ -6,7 +6,7 @@ import shutil
 import signal
 import socket
 import tempfile
-from typing import Any, Iterable, List, Optional
+from typing import Any, Dict, Iterable, List, Optional
 
 import raw_http
 from child_process import Child, program, wait_until
@@ -48,6 +48,7 @@ class Node:
             shutil.copytree(copy_of, self.directory)
         self._options = ("--datadir", self.directory, "--bind", address, "--port", self.port, "--rpc-port",
                          self.rpc_port, *options)
+        self.environment: Dict[str, str] = {}  # of the next start
         self.child: Optional[Child] = None
 
     def __enter__(self) -> "Node":
@@ -70,10 +71,15 @@ class Node:
 
     def start(self, *options: object, limit_s: float = 20) -> "Node":
         """Starts it, with further options this once, and waits until it is ready for peers and for calls."""
-        self.discard()
-        self.child = Child(program("NORVEL_NODE"), *self._options, *options)
+        self.launch(*options)
         wait_until(self._answers, "answer of the node", limit_s)
         return self
+
+    def launch(self, *options: object) -> Child:
+        """Starts it and waits for nothing."""
+        self.discard()
+        self.child = Child(program("NORVEL_NODE"), *self._options, *options, environment=self.environment)
+        return self.child
 
     def _answers(self) -> bool:
         assert self.running.process.poll() is None, (self.running.process.returncode, self.running.err()[-2000:])

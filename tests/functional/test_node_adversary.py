@@ -25,6 +25,7 @@ from wallet import LEFT, MAIN, RIGHT
 
 HEIGHT = 100
 TIP, NEXT = chain()[HEIGHT : HEIGHT + 2]
+LOG_BYTES_PER_S = 10_000
 _HOSTS = itertools.count(2)
 
 
@@ -211,6 +212,32 @@ def slow_bytes(node: Node) -> None:
         peer.sock.close()
 
 
+def echoes_of_its_nonce(node: Node) -> None:
+    """5,000 connections, each of which says to be this node, under as many ports."""
+    with RawPeer(node, new_host()) as peer:
+        peer.send(p.VERSION, p.version_payload(port=peer.port))
+        nonce = peer.expect(p.VERSION)[-8:]
+    for first in range(0, 5000, 100):
+        peers = [RawPeer(node, f"127.7.{n // 250}.{n % 250 + 1}") for n in range(first, first + 100)]
+        for port, peer in enumerate(peers, 10_000 + first):
+            push(peer, p.frame(p.VERSION, p.version_payload(port=port, nonce=nonce)))
+        for peer in peers:
+            peer.wait_closed()
+            peer.sock.close()
+
+
+def what_is_logged(node: Node) -> None:
+    """All that a stranger can have printed, from 600 addresses."""
+    unknown = p.frame(p.GETBLOCKS, os.urandom(64))
+    no_tx, no_block = p.frame(p.TX, bytes(40)), p.frame(p.BLOCK, bytes(40))
+    orphan = chain("left")[700].encode()
+    for _ in range(600):
+        with attacker(node) as peer:
+            push(peer, p.frame(p.REJECT) * 40 + unknown * 40 + p.frame(p.BLOCK, orphan))
+            push(peer, p.frame(p.BLOCK, child(TIP, LEFT.key_hash, 5).encode()) + no_tx * 5 + no_block * 20)
+            peer.wait_closed()
+
+
 ATTACKS = [
     ("malformed before the handshake", lambda node: malformed(node, False), 1),
     ("malformed after the handshake", lambda node: malformed(node, True), 1),
@@ -228,14 +255,19 @@ ATTACKS = [
     ("orphan transactions", orphan_transactions, 1),
     ("orphan blocks", orphan_blocks, 1),
     ("slow bytes", slow_bytes, 30),
+    ("echoes of its nonce", echoes_of_its_nonce, 100),
+    ("what is logged", what_is_logged, 1),
 ]
 
 
 @pytest.mark.parametrize("attack, attackers", [row[1:] for row in ATTACKS], ids=[row[0] for row in ATTACKS])
 def test_an_attack_holds_nobody_up(stage: Stage, attack: Callable[[Node], None], attackers: int) -> None:
     with stage.node(1, HEIGHT) as node:
+        begin = time.monotonic()
         with NodeWatch(node, attackers) as watch:
             attack(node)
+        seconds, logged = time.monotonic() - begin, len(node.running.out()) + len(node.running.err())
+        assert logged < 8_000 + LOG_BYTES_PER_S * seconds
         watch.observer.send(p.BLOCK, NEXT.encode())
         node.wait_for_tip(NEXT)
         watch.observer.sock.close()

@@ -6,8 +6,8 @@ from typing import Iterator, List
 import pytest
 
 import wallet
-from child_process import wait_until
-from node_process import Node
+from child_process import Child, program, wait_until
+from node_process import FIXED_DIFFICULTY, Node
 from node_scenes import Stage, has_in_template
 from norvel_formats import hash_text
 from raw_peer import INV, RawPeer, ServingPeer
@@ -91,6 +91,16 @@ def test_the_peer_list_survives_and_is_dialled_again(stage: Stage) -> None:
     first.stop()
 
 
+def test_a_directory_serves_one_process(stage: Stage) -> None:
+    with stage.node(1, 5) as node:
+        for options in ((), ("--check",), ("--rebuild",)):
+            with Child(program("NORVEL_NODE"), "--datadir", node.directory, *FIXED_DIFFICULTY, *options) as second:
+                assert second.end() == 1
+                assert "another process uses" in second.err()
+        assert node.height() == 5
+        node.stop()
+
+
 def test_bytes_of_a_synchronisation_from_one_peer(stage: Stage) -> None:
     blocks = chain()
     with stage.node(1, 0) as node, ServingPeer(node, blocks) as peer:
@@ -111,18 +121,4 @@ def test_a_peer_that_lies_about_its_height_holds_nothing_up(stage: Stage) -> Non
         news = stage.solver.solve(child(chain()[1200], LEFT.key_hash))
         node.submit(news)
         liar.expect(INV, lambda payload: news.hash() in payload)
-        node.stop()
-
-
-def test_a_node_that_is_killed_while_it_synchronises_goes_on(stage: Stage) -> None:
-    with stage.node(1, 0) as node:
-        reached = 0
-        while reached < HEIGHT:
-            with ServingPeer(node, chain()):
-                wait_until(lambda: node.height() >= min(reached + 300, HEIGHT), "blocks")
-            node.kill()
-            node.start()
-            assert node.height() >= reached
-            reached = node.height()
-        assert node.tip() == hash_text(chain()[HEIGHT].hash())
         node.stop()

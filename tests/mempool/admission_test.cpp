@@ -4,6 +4,7 @@
 #include "mempool/admission.h"
 
 #include <algorithm>
+#include <ctime>
 #include <thread>
 #include <tuple>
 
@@ -12,6 +13,7 @@
 #include "mempool/mempool.h"
 #include "mempool/pool_updater.h"
 #include "script/script.h"
+#include "support/byte_strings.h"
 
 namespace norvel {
 namespace {
@@ -170,6 +172,66 @@ TEST_F(Admission, BudgetsTheScriptsOfAllInputsTogether) {
     tx.invalidate_cache();
     EXPECT_EQ(offer(tx), second == 1 ? ACCEPTED : NOT_TAKEN);
     EXPECT_EQ(reason_, second == 1 ? "" : "scripts cost more than relay allows");
+  }
+}
+
+#ifdef NORVEL_SANITIZED
+constexpr double kBombSecondsMax = 40;
+#else
+constexpr double kBombSecondsMax = 2;
+#endif
+
+// Of processor time, as the machine may be busy.
+double seconds_of_this_thread() {
+  timespec time;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+// `start`, then `repeat` as often as there is room for it.
+Bytes filled_script(Bytes start, const Bytes& repeat) {
+  while (start.size() + repeat.size() <= 990'000) {
+    append(start, repeat);
+  }
+  return start;
+}
+
+TEST_F(Admission, RefusesScriptBombsInTime) {
+  // A signature that is well formed and wrong, and a key that is right.
+  const Bytes check = join({hex("09 3006020101020101 01 21"), sample_key(1).pubkey, hex("ac 75")});
+  const Bytes half_megabyte = join({hex("4e 20a10700"), Bytes(500'000, 0xab)});
+  const struct {
+    const char* label;
+    Bytes locking;  // of each spent output
+    size_t outputs;
+    size_t bytes;  // of the transaction, about
+    AdmissionOutcome want;
+  } rows[] = {
+      {"signature checks", filled_script({}, check), 1, 0, NOT_TAKEN},
+      {"large element, hashed again and again", filled_script(half_megabyte, hex("76 a8 75 76 a9 75")), 1, 0, ACCEPTED},
+      {"digests of digests", filled_script(hex("02 aabb"), hex("a9")), 4, 0, NOT_TAKEN},
+      {"operations that no budget counts", filled_script(hex("51"), hex("02 aabb")), 4, 0, NOT_TAKEN},
+      {"many inputs sign a large transaction", join({check, hex("51")}), 300, 900'000, NOT_TAKEN},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    pool_.clear();
+    Transaction funding = spend(coins_[0]);
+    funding.outputs.assign(row.outputs, TxOut(1, {}));
+    for (TxOut& output : funding.outputs) {
+      output.script_pubkey = row.locking;
+    }
+    funding.invalidate_cache();
+    put({funding});
+    Transaction tx;
+    for (uint32_t i = 0; i < row.outputs; ++i) {
+      tx.inputs.push_back({{funding.get_txid(), i}, {}, bytes_of("HTLC"), 0});
+    }
+    tx.outputs.emplace_back().script_pubkey.resize(row.bytes);
+    const double start = seconds_of_this_thread();
+    EXPECT_EQ(offer(tx), row.want);
+    EXPECT_LT(seconds_of_this_thread() - start, kBombSecondsMax);
+    EXPECT_EQ(reason_, row.want == ACCEPTED ? "" : "scripts cost more than relay allows");
   }
 }
 

@@ -111,11 +111,12 @@ TEST_F(AddressBookTest, NeverKnowsItself) {
   book_.mark_self("203.0.113.7:3", "203.0.113.7:4", true);
   book_.add_seed("203.0.113.7", 4);
   EXPECT_EQ(book_.size(), 1u);
-  for (size_t i = 0; i < kSelfAddressesMax; ++i) {
+  for (size_t i = 0; i < 5 * kSelfAddressesMax; ++i) {
     book_.mark_self("203.0.113.8:" + std::to_string(i), "203.0.113.8:0", false);
   }
   EXPECT_FALSE(book_.is_self("203.0.113.7:1")) << "the oldest claim made room";
-  EXPECT_TRUE(book_.is_self("203.0.113.8:1"));
+  EXPECT_FALSE(book_.is_self("203.0.113.8:" + std::to_string(4 * kSelfAddressesMax - 1)));
+  EXPECT_TRUE(book_.is_self("203.0.113.8:" + std::to_string(4 * kSelfAddressesMax)));
   EXPECT_TRUE(book_.is_self("203.0.113.7:3") && book_.is_self("203.0.113.7:4"));
 }
 

@@ -282,14 +282,21 @@ TEST_F(Manager, BelievesOnlyItselfThatASeedIsItself) {
 }
 
 TEST_F(Manager, KeepsTheKeyOfAPeerThatClaimsAnothers) {
-  RawPeer first("127.0.0.9", port_);
-  first.shake_hands(4'444);
-  RawPeer second("127.0.0.9", port_);
-  second.shake_hands(4'444);
-  EXPECT_EQ(keys(), (std::set<std::string>{"127.0.0.9:4444", make_key("127.0.0.9", second.port())}));
+  std::vector<RawPeer> peers;
+  std::set<std::string> want = {"127.0.0.9:4444"};
+  for (int i = 0; i < 20; ++i) {
+    if (i % 3 == 0) {  // of each second
+      manager_->get_clock().advance_ms(1'005 - manager_->get_clock().now_ms() % 1'000);
+    }
+    peers.emplace_back("127.0.0.9", port_).shake_hands(4'444);
+    if (i > 0) {
+      want.insert(make_key("127.0.0.9", peers.back().port()));
+    }
+  }
+  EXPECT_EQ(keys(), want);
   manager_->disconnect_peer("127.0.0.9:4444");
-  EXPECT_TRUE(first.is_closed());
-  EXPECT_TRUE(second.is_served());
+  EXPECT_TRUE(peers.front().is_closed());
+  EXPECT_TRUE(std::all_of(peers.begin() + 1, peers.end(), [](RawPeer& peer) { return peer.is_served(); }));
 }
 
 TEST_F(Manager, TakesAndTellsAddresses) {
@@ -408,14 +415,19 @@ TEST_F(Manager, DialsFixedPeersOnly) {
 }
 
 TEST_F(Manager, EndsPeersWhoseTimeIsUp) {
+  start(2);
   RawPeer mute("127.0.0.2", port_);
   ASSERT_TRUE(mute.is_served());
   RawPeer good("127.0.0.3", port_);
   good.shake_hands(std::nullopt);
   manager_->get_clock().advance_ms(59'000);
   EXPECT_TRUE(mute.is_served());
+  RawPeer refused("127.0.0.4", port_);
+  EXPECT_TRUE(refused.is_closed()) << "all places are taken";
   manager_->get_clock().advance_ms(1'500);
   EXPECT_TRUE(mute.is_closed());
+  RawPeer newcomer("127.0.0.4", port_);
+  EXPECT_TRUE(newcomer.is_served());
   EXPECT_TRUE(good.is_served());
   manager_->get_clock().advance_ms(61'000);
   EXPECT_TRUE(good.await(MessageType::PING)) << "no PONG for two minutes";

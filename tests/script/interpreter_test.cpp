@@ -139,9 +139,11 @@ TEST(ScriptInterpreter, RunsTakeTheirCostFromTheBudget) {
       EXPECT_NE(done, budget.exceeded);
       return done;
     };
-    EXPECT_TRUE(runs({row.checks, row.bytes}));
-    EXPECT_TRUE(row.checks == 0 || !runs({row.checks - 1, row.bytes}));
-    EXPECT_TRUE(row.bytes == 0 || !runs({row.checks, row.bytes - 1}));
+    const uint64_t size = row.script.size();
+    EXPECT_TRUE(runs({row.checks, row.bytes, size}));
+    EXPECT_TRUE(row.checks == 0 || !runs({row.checks - 1, row.bytes, size}));
+    EXPECT_TRUE(row.bytes == 0 || !runs({row.checks, row.bytes - 1, size}));
+    EXPECT_FALSE(runs({row.checks, row.bytes, size - 1}));
   }
 }
 
