@@ -59,12 +59,13 @@ class Node {
   }
   ~Node() { connections_.close(); }
 
-  // `piece_bytes` from 1 on.
-  void serve(ByteView stream, size_t piece_bytes) {
+  // `pieces` from 1 on.
+  void serve(ByteView stream, size_t pieces) {
     clock_.advance_ms(1'000);  // rates of connections and messages begin anew
     peer_number_ = (peer_number_ + 1) % 65'536;
     Wire wire = connect("10.1." + std::to_string(peer_number_ / 256) + "." + std::to_string(peer_number_ % 256));
     witness_.write(Message{MessageType::PING, {}}.serialize());
+    const size_t piece_bytes = stream.size() / pieces + 1;
     for (size_t at = 0; at < stream.size(); at += piece_bytes) {
       wire.write(stream.subspan(at, std::min(piece_bytes, stream.size() - at)));
       pass(wire);
@@ -115,11 +116,11 @@ class Node {
 
 }  // namespace
 
-// The first byte says in how large pieces the rest comes.
+// The first byte says in how many pieces the rest comes.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Node node;
   if (size > 0) {
-    node.serve(ByteView(data, size).subspan(1), data[0] < 128 ? 65'536 : 1 + data[0] % 128u * 16);
+    node.serve(ByteView(data, size).subspan(1), 1 + data[0] % 8u);
   }
   return 0;
 }

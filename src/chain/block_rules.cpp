@@ -26,10 +26,6 @@ bool fail(std::string& error, std::string reason) {
   return false;
 }
 
-bool is_ordinary(const Transaction& tx) {
-  return tx.type != TransactionType::COINBASE && tx.type != TransactionType::TREASURY_DISTRIBUTION;
-}
-
 // The outputs that a transaction of the block may name: those made before it in
 // the block and those of the set. Spending takes nothing away.
 class SpendableView {
@@ -84,7 +80,7 @@ std::vector<InputJob> list_inputs(const Block& block, const UTXOSet& utxos) {
   SpendableView view(utxos);
   for (const Transaction& tx : block.transactions) {
     const size_t job_count = jobs.size();
-    for (size_t i = 0; is_ordinary(tx) && i < tx.inputs.size(); ++i) {
+    for (size_t i = 0; tx.is_ordinary() && i < tx.inputs.size(); ++i) {
       const OutPoint& prevout = tx.inputs[i].prevout;
       const TxOut* made = view.find_made(prevout);
       if (made != nullptr || utxos.has_utxo(prevout)) {
@@ -140,7 +136,7 @@ bool check_transactions(const Block& block, const UTXOSet& utxos, const InputVer
   view.add(block.transactions[0]);
   for (size_t i = 1; i < block.transactions.size(); ++i) {
     const Transaction& tx = block.transactions[i];
-    if (is_ordinary(tx)) {
+    if (tx.is_ordinary()) {
       const OutputsByOutpoint spent = view.spent_by(tx);
       std::string reason;
       if (!is_final(tx, block.height, block.header.timestamp)) {
@@ -248,7 +244,7 @@ int64_t block_fees(const Block& block, const UTXOSet& utxos) {
   int64_t fees = 0;
   SpendableView view(utxos);
   for (const Transaction& tx : block.transactions) {
-    if (is_ordinary(tx)) {
+    if (tx.is_ordinary()) {
       add_fee(fees, transaction_fee(tx, view.spent_by(tx)));
     }
     view.add(tx);
@@ -261,7 +257,7 @@ bool check_spends(const Block& block, std::string& error) {
   for (size_t i = 0; i < block.transactions.size(); ++i) {
     const Transaction& tx = block.transactions[i];
     std::string reason;
-    if (!is_ordinary(tx)) {
+    if (!tx.is_ordinary()) {
       continue;
     }
     if (!check_outpoints(tx, reason)) {

@@ -27,7 +27,7 @@ constexpr uint32_t kWalkedHeights = 2'000;
 
 constexpr mode_t kDirectoryMode = 0700;
 
-bool fail(std::string& error, std::string reason) {
+bool refuse_start(std::string& error, std::string reason) {
   error = std::move(reason);
   return false;
 }
@@ -52,18 +52,18 @@ bool Blockchain::open_directory(std::string& error) {
   const auto parent = std::filesystem::absolute(directory_, failure).parent_path();
   std::filesystem::create_directories(parent, failure);
   if (mkdir(directory_.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
-    return fail(error, "Cannot create data directory " + directory_ + ": " + std::strerror(errno));
+    return refuse_start(error, "Cannot create data directory " + directory_ + ": " + std::strerror(errno));
   }
   directory_lock_ = open_file(directory_ + "/.lock", O_RDWR | O_CREAT);
   if (!directory_lock_.is_open()) {
-    return fail(error, "Cannot use data directory " + directory_ + ": " + std::strerror(errno));
+    return refuse_start(error, "Cannot use data directory " + directory_ + ": " + std::strerror(errno));
   }
   if (flock(directory_lock_.get(), LOCK_EX | LOCK_NB) != 0) {
-    return fail(error, "Data directory " + directory_ + " is in use by another process");
+    return refuse_start(error, "Data directory " + directory_ + " is in use by another process");
   }
   // One that is cut short must not end with the old snapshot: the mark stays until it is done.
   if (options_.rebuild && !mark_rebuild()) {
-    return fail(error, "Cannot write the file rebuild-needed in " + directory_);
+    return refuse_start(error, "Cannot write the file rebuild-needed in " + directory_);
   }
   rebuilding_ = options_.rebuild || std::filesystem::exists(rebuild_marker_, failure);
   return true;
@@ -73,13 +73,13 @@ bool Blockchain::load_index(std::string& error) {
   StateDatabase::Content content;
   auto result = rebuilding_ ? StateDatabase::ReadResult::UNREADABLE : database_.read(content);
   if (result == StateDatabase::ReadResult::FAILED) {
-    return fail(error, "The database in " + directory_ + " cannot be opened");
+    return refuse_start(error, "The database in " + directory_ + " cannot be opened");
   }
   if (result == StateDatabase::ReadResult::UNREADABLE) {
     console::error_line("[Blockchain] Rebuilding the block index from the block files...");
     content = StateDatabase::Content();
     if (!database_.set_aside()) {
-      return fail(error, "The damaged database in " + directory_ + " cannot be moved aside");
+      return refuse_start(error, "The damaged database in " + directory_ + " cannot be moved aside");
     }
   } else if (result == StateDatabase::ReadResult::READ) {
     saved_tip_ = content.tip;
@@ -106,7 +106,7 @@ bool Blockchain::check_block_files(std::string& error) {
   }
   for (const std::string& name : names) {
     if (!files_.exists(name)) {
-      return fail(error, "Block file " + directory_ + "/" + name + " is missing");
+      return refuse_start(error, "Block file " + directory_ + "/" + name + " is missing");
     }
   }
   return true;
@@ -116,7 +116,7 @@ bool Blockchain::create_genesis(std::string& error) {
   const Block genesis = make_genesis_block();
   const uint256 hash = genesis.get_hash();
   if (!tree_.all().empty() && tree_.find(hash) == nullptr) {
-    return fail(error, "Data directory " + directory_ + " belongs to another chain");
+    return refuse_start(error, "Data directory " + directory_ + " belongs to another chain");
   }
   const std::string file_name = block_file_name(0);
   const bool stored = files_.exists(file_name) && files_.record_bytes(file_name, hash) != 0 &&
@@ -125,7 +125,7 @@ bool Blockchain::create_genesis(std::string& error) {
     return false;
   }
   if (!stored && !append_block(genesis)) {
-    return fail(error, "Failed to save block to disk");
+    return refuse_start(error, "Failed to save block to disk");
   }
   if (tree_.find(hash) == nullptr) {
     insert_entry(BlockTree::make_entry(genesis, nullptr));
@@ -153,7 +153,7 @@ bool Blockchain::repair_recent_files(std::string& error) {
 
 bool Blockchain::repair_file(const std::string& file_name, std::string& error) {
   if (stop_) {
-    return fail(error, "Node is stopping");
+    return refuse_start(error, "Node is stopping");
   }
   std::map<uint256, uint32_t> indexed;
   for (const auto& [hash, entry] : tree_.all()) {
@@ -163,7 +163,7 @@ bool Blockchain::repair_file(const std::string& file_name, std::string& error) {
   }
   const auto lost = files_.repair(file_name, indexed);
   if (!lost) {
-    return fail(error, "Block file " + directory_ + "/" + file_name + " cannot be read");
+    return refuse_start(error, "Block file " + directory_ + "/" + file_name + " cannot be read");
   }
   for (const uint256& hash : *lost) {
     // The genesis block is known without its file.
@@ -256,7 +256,7 @@ bool Blockchain::activate(std::string& error) {
       break;
     }
     if (stop_ || state_.empty() || (!is_invalid && !failure->unreadable)) {
-      return fail(error, failure->reason);
+      return refuse_start(error, failure->reason);
     }
     whole = false;
     console::error_line("[Blockchain] Chain goes on from height " + std::to_string(state_.tip_height()) + ": " +
@@ -291,17 +291,17 @@ void Blockchain::try_saved_alternatives() {
 
 bool Blockchain::finish_start(std::string& error) {
   if (broken_) {
-    return fail(error, "Chain state could not be restored");
+    return refuse_start(error, "Chain state could not be restored");
   }
   const bool changed = !unsaved_.empty() || !dropped_.empty() || !saved_tip_ ||
                        *saved_tip_ != ChainTip{state_.tip_hash(), state_.tip_height(), state_.total_supply()};
   if (changed && !write_state()) {
-    return fail(error, "The state cannot be written to " + directory_);
+    return refuse_start(error, "The state cannot be written to " + directory_);
   }
   if (rebuilding_) {
     std::error_code failure;
     if (!write_snapshot() || (!std::filesystem::remove(rebuild_marker_, failure) && failure)) {
-      return fail(error, "The rebuilt state cannot be written to " + directory_);
+      return refuse_start(error, "The rebuilt state cannot be written to " + directory_);
     }
     rebuilding_ = false;
   }
@@ -330,7 +330,7 @@ std::optional<Blockchain::Failure> Blockchain::replay_from_best_start(const std:
   if (!rebuilding_ && !is_new) {
     if (restore_snapshot(path, reason)) {
       const uint32_t snapshot_height = state_.tip_height();
-      const std::optional<Failure> failure = replay_chain(path, size_t{snapshot_height} + 1);
+      std::optional<Failure> failure = replay_chain(path, size_t{snapshot_height} + 1);
       if (!failure) {
         console::write_out("[Blockchain] Snapshot loaded (height " + std::to_string(snapshot_height) + "), caught up " +
                            std::to_string(state_.tip_height() - snapshot_height) + " block(s) to height " +
@@ -360,9 +360,9 @@ std::optional<uint256> Blockchain::read_snapshot_tip() const {
 bool Blockchain::read_snapshot(SnapshotData& data, std::string& reason) const {
   try {
     const auto file = read_whole_file(directory_ + "/" + kSnapshotFile, std::numeric_limits<uint64_t>::max());
-    return file ? decode_snapshot(*file, data, reason) : fail(reason, "no snapshot file");
+    return file ? decode_snapshot(*file, data, reason) : refuse_start(reason, "no snapshot file");
   } catch (const std::exception&) {
-    return fail(reason, "no snapshot file");  // too large to be read whole
+    return refuse_start(reason, "no snapshot file");  // too large to be read whole
   }
 }
 
@@ -375,7 +375,7 @@ bool Blockchain::restore_snapshot(const std::vector<uint256>& path, std::string&
   }
   const uint32_t height = data.header.tip_height;
   if (height >= path.size() || path[height] != data.header.tip_hash) {
-    return fail(reason, "snapshot tip not on active chain");
+    return refuse_start(reason, "snapshot tip not on active chain");
   }
   std::vector<uint256> active(path.begin(), path.begin() + height + 1);
   ++change_number_;

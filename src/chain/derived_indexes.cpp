@@ -10,10 +10,6 @@ namespace norvel {
 
 namespace {
 
-bool is_ordinary(const Transaction& tx) {
-  return tx.type != TransactionType::COINBASE && tx.type != TransactionType::TREASURY_DISTRIBUTION;
-}
-
 bool reveals_key(const TxIn& input) {
   return !input.pubkey.empty() && !std::ranges::equal(input.pubkey, TxIn::kHtlcMarker);
 }
@@ -47,7 +43,7 @@ IndexPlan DerivedIndexes::plan(const Block& block, std::span<const Bytes> spent_
       }
     }
     spent_hashes = spent_hashes.subspan(tx.inputs.size());
-    if (!is_ordinary(tx)) {
+    if (!tx.is_ordinary()) {
       continue;
     }
     for (const TxIn& input : tx.inputs) {

@@ -16,7 +16,7 @@ constexpr std::string_view kMagic = "NSNAP001";
 constexpr size_t kChecksumBytes = uint256::kSize;
 constexpr size_t kTreasuryAmountBytes = 8 + 4 + 8 + 1;
 constexpr size_t kSnapshotBytesMin =
-    kMagic.size() + uint256::kSize + 4 + 8 + 4 + kTreasuryAmountBytes + 2 * 4 + 3 * 4 + kChecksumBytes;
+    kMagic.size() + uint256::kSize + 4 + 8 + 4 + kTreasuryAmountBytes + size_t{5} * 4 + kChecksumBytes;
 static_assert(kSnapshotBytesMin == 129);
 
 // Value, empty script and flag; what a count may reserve follows from it.
@@ -76,7 +76,7 @@ void append_indexes(Bytes& out, const DerivedIndexes& indexes) {
 }
 
 size_t index_bytes(const DerivedIndexes& indexes) {
-  size_t bytes = 3 * 4 + indexes.transaction_heights().size() * (uint256::kSize + 4);
+  size_t bytes = size_t{3} * 4 + indexes.transaction_heights().size() * (uint256::kSize + 4);
   for (const auto& [hash, txids] : indexes.address_transactions()) {
     bytes += 1 + hash.size() + 4 + txids.size() * uint256::kSize;
   }

@@ -44,7 +44,7 @@ leveldb::Status open_database(const std::string& path, bool create, std::unique_
   options.create_if_missing = create;
   options.paranoid_checks = true;
   leveldb::DB* opened = nullptr;
-  const leveldb::Status status = leveldb::DB::Open(options, path, &opened);
+  leveldb::Status status = leveldb::DB::Open(options, path, &opened);
   db.reset(opened);
   return status;
 }

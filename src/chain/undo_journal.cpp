@@ -17,16 +17,16 @@ namespace norvel {
 namespace {
 
 constexpr size_t kHeaderBytes = 4 + 4 + uint256::kSize;
-constexpr size_t kChecksumBytes = uint256::kSize;
-constexpr size_t kFrameBytesMin = kHeaderBytes + kChecksumBytes;
+constexpr size_t kDigestBytes = uint256::kSize;
+constexpr size_t kFrameBytesMin = kHeaderBytes + kDigestBytes;
 static_assert(kFrameBytesMin == 72);
 
 ByteView without_checksum(const Bytes& frame) {
-  return ByteView(frame).first(frame.size() - kChecksumBytes);
+  return ByteView(frame).first(frame.size() - kDigestBytes);
 }
 
 uint256 checksum_of(const Bytes& frame) {
-  return uint256(ByteView(frame).last(kChecksumBytes));
+  return uint256(ByteView(frame).last(kDigestBytes));
 }
 
 ByteView content_of(const Bytes& frame) {

@@ -48,7 +48,7 @@ class UndoJournal {
   static constexpr uint32_t kContentBytesMax = 64 * 1024 * 1024;
 
   // Below this size the file is not shortened.
-  static constexpr uint64_t kShortenedBytesMin = 1024 * 1024;
+  static constexpr uint64_t kShortenedBytesMin = uint64_t{1} << 20;
 
   // While on, no entry leaves at the far end: a reorganisation that fails after
   // more than kDepth blocks still needs all of them. Turning it off trims.

@@ -173,8 +173,8 @@ std::optional<OutPoint> UTXOSet::visit_after(const std::optional<OutPoint>& outp
 
 void UTXOSet::assign(std::vector<std::pair<OutPoint, TxOut>> ascending) {
   std::map<OutPoint, TxOut> outputs;
-  for (auto& [outpoint, output] : ascending) {
-    outputs.emplace_hint(outputs.end(), outpoint, std::move(output));
+  for (auto& entry : ascending) {
+    outputs.insert(outputs.end(), std::move(entry));
   }
   const MutexLock lock(mutex_);
   outputs_.swap(outputs);

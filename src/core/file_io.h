@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -36,6 +37,11 @@ class FileDescriptor {
  private:
   int fd_ = -1;
 };
+
+// Whether the error of a call on a socket only says "not now".
+inline bool would_block(int error) {
+  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
 
 // Opens with O_CLOEXEC; a new file gets mode 0600. `flags` as for open(2).
 FileDescriptor open_file(const std::string& path, int flags);

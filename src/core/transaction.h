@@ -152,6 +152,11 @@ class Transaction {
   // are ignored.
   static Transaction deserialize(ByteView data);
 
+  // Neither a coinbase nor a treasury distribution: all that it pays comes from its inputs.
+  bool is_ordinary() const {
+    return type != TransactionType::COINBASE && type != TransactionType::TREASURY_DISTRIBUTION;
+  }
+
   // Double SHA-256 of serialize(), cached.
   uint256 get_txid() const;
 

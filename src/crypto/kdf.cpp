@@ -11,7 +11,7 @@ namespace norvel::crypto {
 
 namespace {
 
-constexpr size_t kIntMax = std::numeric_limits<int>::max();
+constexpr size_t kParameterMax = std::numeric_limits<int>::max();
 
 const char* chars(const Bytes& bytes) {
   // OpenSSL takes a null pointer for "no password given".
@@ -29,7 +29,7 @@ Bytes pbkdf2_hmac_sha256(const Bytes& password, const Bytes& salt, uint32_t iter
     throw std::runtime_error("pbkdf2_hmac_sha256: key_len out of range");
   }
   Bytes key(key_len);
-  if (password.size() > kIntMax || salt.size() > kIntMax || iterations > kIntMax ||
+  if (password.size() > kParameterMax || salt.size() > kParameterMax || iterations > kParameterMax ||
       PKCS5_PBKDF2_HMAC(chars(password), static_cast<int>(password.size()), salt.data(), static_cast<int>(salt.size()),
                         static_cast<int>(iterations), EVP_sha256(), static_cast<int>(key_len), key.data()) != 1) {
     secure_zero(key);

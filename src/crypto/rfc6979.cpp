@@ -13,8 +13,8 @@ namespace norvel::crypto {
 
 namespace {
 
-constexpr size_t kHashBytes = 32;
-using Block = std::array<uint8_t, kHashBytes>;
+constexpr size_t kBlockBytes = 32;
+using Block = std::array<uint8_t, kBlockBytes>;
 
 // A context for HMAC-SHA-256; nullptr on failure. Duplicating a prepared one is
 // cheaper than looking the algorithms up again; it holds no key.
@@ -90,14 +90,14 @@ class NonceGenerator {
 
 // bits2octets of section 2.3.4: the leftmost 256 bits of the hash, modulo n.
 bool reduce_hash(const Curve& curve, ByteView hash, Block& reduced) {
-  const ByteView leftmost = hash.first(std::min(hash.size(), kHashBytes));
+  const ByteView leftmost = hash.first(std::min(hash.size(), kBlockBytes));
   const BigNumber value(BN_bin2bn(leftmost.data(), static_cast<int>(leftmost.size()), nullptr));
   // The hash is below 2^256, which is less than 2n.
   if (value == nullptr ||
       (BN_cmp(value.get(), curve.order) >= 0 && BN_sub(value.get(), value.get(), curve.order) != 1)) {
     return false;
   }
-  return BN_bn2binpad(value.get(), reduced.data(), kHashBytes) == kHashBytes;
+  return BN_bn2binpad(value.get(), reduced.data(), kBlockBytes) == kBlockBytes;
 }
 
 }  // namespace

@@ -8,14 +8,6 @@
 
 namespace norvel {
 
-namespace {
-
-bool is_ordinary(const Transaction& tx) {
-  return tx.type != TransactionType::COINBASE && tx.type != TransactionType::TREASURY_DISTRIBUTION;
-}
-
-}  // namespace
-
 PoolUpdater::PoolUpdater(const Blockchain& chain, Mempool& pool) : pool_(pool), admission_(chain, pool) {}
 
 void PoolUpdater::block_connected(const Block& block) {
@@ -38,7 +30,7 @@ void PoolUpdater::block_disconnected(const Block& block) {
   for (const Transaction& tx : block.transactions) {
     const std::vector<uint256> children = pool_.get_children(tx.get_txid());
     bereft.insert(children.begin(), children.end());
-    Bytes bytes = is_ordinary(tx) ? tx.serialize() : Bytes();
+    Bytes bytes = tx.is_ordinary() ? tx.serialize() : Bytes();
     const uint64_t cost = bytes.size() + kReturnedOverheadBytes;
     if (!bytes.empty() && cost <= kReturnedBytesMax - returned_bytes) {
       bytes.shrink_to_fit();

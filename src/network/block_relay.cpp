@@ -18,7 +18,7 @@ namespace {
 using Ask = BlockSync::Ask;
 using Fate = BlockSync::Fate;
 
-constexpr uint32_t kDecodePoints = 10;
+constexpr uint32_t kBlockDecodePoints = 10;
 constexpr uint32_t kPushedBlocksMax = 500;
 
 // Only work for bits that the chain could ever demand costs anything.
@@ -57,7 +57,7 @@ void BlockRelay::receive(const PeerPtr& sender, const Bytes& payload) {
     throw;
   } catch (const std::exception& failure) {
     context_.log.error("block decode", "[Network] Block decode error from " + sender->address + ": " + failure.what());
-    context_.peers.add_misbehavior(*sender, kDecodePoints);
+    context_.peers.add_misbehavior(*sender, kBlockDecodePoints);
     return;
   }
   BlockSync::DeliveryOutcome outcome;

@@ -19,7 +19,7 @@
 namespace norvel::network {
 
 inline constexpr int64_t kDialDelayMinMs = 10'000;
-inline constexpr int64_t kDialDelayMaxMs = 30 * 60'000;
+inline constexpr int64_t kDialDelayMaxMs = int64_t{30} * 60'000;
 
 // For hosts that the operator named, and for all while no peer that was dialled is up.
 inline constexpr int64_t kDialDelayUrgentMs = 60'000;

@@ -55,7 +55,7 @@ bool is_local_interface(const Ipv4& ip) {
 
 // After an error of accept() that says nothing about the next attempt.
 bool is_passing(int error) {
-  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED;
+  return would_block(error) || error == ECONNABORTED;
 }
 
 }  // namespace

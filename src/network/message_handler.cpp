@@ -39,10 +39,6 @@ constexpr uint32_t kOversizedPoints = 50;
 constexpr uint32_t kUndecodablePoints = 10;
 constexpr uint32_t kSpamPoints = 2;
 
-bool would_block(int error) {
-  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-}
-
 bool is_counted(MessageType type) {
   switch (type) {
     case MessageType::GETBLOCKS:

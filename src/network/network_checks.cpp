@@ -26,7 +26,7 @@ constexpr uint64_t kSavePasses = 30;
 
 // What one step throws must not keep the others from running.
 template <class Step>
-void guarded(LogLimiter& log, Step step) {
+void checked(LogLimiter& log, Step step) {
   try {
     step();
   } catch (const std::exception& error) {
@@ -51,7 +51,7 @@ void NetworkManager::State::check_loop(int64_t start_ms) {
   while (!stop_signal.wait_for(kCheckStep)) {
     if (!reconnected && clock.now_ms() >= first_reconnect_ms) {
       reconnected = true;
-      guarded(log, [this] { reconnect_known_peers(); });
+      checked(log, [this] { reconnect_known_peers(); });
     }
     if (clock.now_ms() >= next_pass_ms) {
       check_pass();
@@ -62,19 +62,19 @@ void NetworkManager::State::check_loop(int64_t start_ms) {
 
 void NetworkManager::State::check_pass() {
   ++check_count;
-  guarded(log, [this] { check_peer_timeouts(); });
-  guarded(log, [this] { send_ping_to_peers(); });
-  guarded(log, [this] { check_sync_with_peers(); });
+  checked(log, [this] { check_peer_timeouts(); });
+  checked(log, [this] { send_ping_to_peers(); });
+  checked(log, [this] { check_sync_with_peers(); });
   // Hosts that the operator named, and the first peer to be found, do not wait for the third pass.
   if (check_count % kReconnectPasses == 0 || !fixed_peers.empty() || connections.table().outbound_count() == 0) {
-    guarded(log, [this] { reconnect_known_peers(); });
+    checked(log, [this] { reconnect_known_peers(); });
   }
-  guarded(log, [this] { relay.process_orphan_txs(); });
-  guarded(log, [this] { connections.lift_expired_bans(); });
+  checked(log, [this] { relay.process_orphan_txs(); });
+  checked(log, [this] { connections.lift_expired_bans(); });
   if (check_count % kSavePasses == 0) {
-    guarded(log, [this] { save_peer_list(); });
+    checked(log, [this] { save_peer_list(); });
   }
-  guarded(log, [this] { connections.rate().purge(); });
+  checked(log, [this] { connections.rate().purge(); });
 }
 
 void NetworkManager::State::check_peer_timeouts() {

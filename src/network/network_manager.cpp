@@ -23,7 +23,7 @@ std::string list_path(const std::string& directory) {
 
 }  // namespace
 
-NetworkManager::State::State(uint16_t port_number, std::string bind, std::string directory,
+NetworkManager::State::State(uint16_t port_number, std::string bind, const std::string& directory,
                              const ConnectionLimits& connection_limits)
     : port(port_number),
       bind_address(std::move(bind)),
@@ -53,7 +53,6 @@ bool NetworkManager::State::start(bool listen) {
 
 bool NetworkManager::State::start_all(bool listen) {
   stop_signal.lower();
-  attach();
   load_peer_list();
   console::write_out("[Network] P2P bind=" + make_key(bind_address, port) + " in=" +
                      std::to_string(limits.inbound_max) + " out=" + std::to_string(limits.outbound_max) + "\n");
@@ -127,9 +126,9 @@ void NetworkManager::State::greet(const PeerPtr& peer) {
   handshake.greet(peer);
 }
 
-NetworkManager::NetworkManager(uint16_t port, std::string bind_address, std::string data_dir, uint64_t max_inbound,
-                               uint64_t max_outbound, uint32_t ban_duration_s)
-    : state_(std::make_unique<State>(port, std::move(bind_address), std::move(data_dir),
+NetworkManager::NetworkManager(uint16_t port, std::string bind_address, const std::string& data_dir,
+                               uint64_t max_inbound, uint64_t max_outbound, uint32_t ban_duration_s)
+    : state_(std::make_unique<State>(port, std::move(bind_address), data_dir,
                                      ConnectionLimits{max_inbound, max_outbound, ban_duration_s})) {}
 
 NetworkManager::~NetworkManager() = default;
@@ -148,13 +147,14 @@ void NetworkManager::set_callbacks(NetworkCallbacks callbacks) {
   state_->callbacks = std::move(callbacks);
 }
 
-void NetworkManager::set_fixed_peers(std::vector<std::string> host_ports) {
+void NetworkManager::set_fixed_peers(const std::vector<std::string>& host_ports) {
   state_->fixed_peers.clear();
   for (const std::string& text : host_ports) {
     if (auto host = split_key(text)) {
       state_->fixed_peers.push_back(std::move(*host));
     }
   }
+  state_->attach();
 }
 
 bool NetworkManager::start(bool listen) {

@@ -54,7 +54,7 @@ struct PeerCounts {
 class NetworkManager {
  public:
   // `ban_duration_s` in seconds. Nothing starts.
-  NetworkManager(uint16_t port, std::string bind_address, std::string data_dir, uint64_t max_inbound,
+  NetworkManager(uint16_t port, std::string bind_address, const std::string& data_dir, uint64_t max_inbound,
                  uint64_t max_outbound, uint32_t ban_duration_s);
   ~NetworkManager();  // stops
   NetworkManager(const NetworkManager&) = delete;
@@ -67,7 +67,7 @@ class NetworkManager {
   void set_callbacks(NetworkCallbacks callbacks);
 
   // Dials these hosts only, again and again; no other known address is dialled.
-  void set_fixed_peers(std::vector<std::string> host_ports);
+  void set_fixed_peers(const std::vector<std::string>& host_ports);
 
   // ---- Life
 

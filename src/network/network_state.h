@@ -29,7 +29,8 @@
 namespace norvel::network {
 
 struct NetworkManager::State {
-  State(uint16_t port_number, std::string bind, std::string directory, const ConnectionLimits& connection_limits);
+  State(uint16_t port_number, std::string bind, const std::string& directory,
+        const ConnectionLimits& connection_limits);
   ~State();
   State(const State&) = delete;
   State& operator=(const State&) = delete;

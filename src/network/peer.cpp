@@ -4,9 +4,9 @@
 
 namespace norvel::network {
 
-Peer::Peer(FileDescriptor socket_fd, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms,
+Peer::Peer(FileDescriptor connected, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms,
            int64_t heard_ms)
-    : connection(std::move(socket_fd)),
+    : connection(std::move(connected)),
       address(std::move(ip)),
       outbound(dialled),
       dialled_port(connection_port),

@@ -28,7 +28,7 @@ inline constexpr size_t kSendQueueBytesMax = 16 << 20;
 
 struct Peer {
   // `now_ms` and `heard_ms` by NetworkClock, for all the times below.
-  Peer(FileDescriptor connection, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms = 0,
+  Peer(FileDescriptor connected, std::string ip, uint16_t connection_port, bool dialled, int64_t now_ms = 0,
        int64_t heard_ms = 0);
 
   // The connected socket; -1 once the peer is disconnected.

@@ -10,7 +10,7 @@ namespace norvel::network {
 namespace {
 
 constexpr size_t kTxidDigitsShown = 16;
-constexpr uint32_t kDecodePoints = 20;
+constexpr uint32_t kTxDecodePoints = 20;
 constexpr uint32_t kInvalidPoints = 10;
 
 constexpr int64_t kOrphanPassMs = 200;  // off the message handler's thread
@@ -34,7 +34,7 @@ void TxRelay::receive(const PeerPtr& sender, const Bytes& payload) {
     throw;
   } catch (const std::exception& failure) {
     context_.log.error("tx decode", "[Network] TX decode error from " + sender->address + ": " + failure.what());
-    context_.peers.add_misbehavior(*sender, kDecodePoints);
+    context_.peers.add_misbehavior(*sender, kTxDecodePoints);
     return;
   }
   std::string reason;

@@ -48,7 +48,7 @@ class Findings {
   size_t count_ = 0;
 };
 
-void say(const std::string& text) {
+void tell(const std::string& text) {
   console::write_out("[Check] " + text + "\n");
 }
 
@@ -179,8 +179,8 @@ void DirectoryCheck::check_files() {
       check_file(name);
     }
   }
-  say(std::to_string(names.size()) + " block file(s), " + std::to_string(record_count_) + " readable record(s), " +
-      std::to_string(not_indexed_count_) + " not in the index");
+  tell(std::to_string(names.size()) + " block file(s), " + std::to_string(record_count_) + " readable record(s), " +
+       std::to_string(not_indexed_count_) + " not in the index");
 }
 
 void DirectoryCheck::check_file(const std::string& name) {
@@ -247,8 +247,8 @@ void DirectoryCheck::check_index() {
     return;
   }
   path_ = tree_.path_from_genesis(tip->hash);
-  say("index: " + std::to_string(content_.index.size()) + " block(s), tip " + tip->hash.to_hex() + " at height " +
-      std::to_string(tip->height));
+  tell("index: " + std::to_string(content_.index.size()) + " block(s), tip " + tip->hash.to_hex() + " at height " +
+       std::to_string(tip->height));
 }
 
 void DirectoryCheck::read_snapshot() {
@@ -256,7 +256,7 @@ void DirectoryCheck::read_snapshot() {
   snapshot_ = read_whole_file(path, std::numeric_limits<uint64_t>::max());
   if (!snapshot_) {
     if (errno == ENOENT) {
-      say("no snapshot yet");
+      tell("no snapshot yet");
     } else {
       findings_.add(path + ": " + std::strerror(errno));
     }
@@ -311,7 +311,7 @@ bool DirectoryCheck::connect(const uint256& hash) {
 
 void DirectoryCheck::compare_snapshot() {
   if (state_.to_snapshot() == *snapshot_) {
-    say("snapshot: equals the state replayed to height " + std::to_string(state_.tip_height()));
+    tell("snapshot: equals the state replayed to height " + std::to_string(state_.tip_height()));
   } else {
     findings_.add("snapshot: differs from the state replayed to height " + std::to_string(state_.tip_height()));
   }
@@ -331,7 +331,7 @@ void DirectoryCheck::compare_state() {
     }
   }
   if (findings_.count() == before) {
-    say("state: the blocks lead to the supply and treasury of the database");
+    tell("state: the blocks lead to the supply and treasury of the database");
   }
 }
 
@@ -356,7 +356,7 @@ int check_directory(const Options& options, const StopRequest& stop) {
                           "; a start mends most, a start with --rebuild what follows from the blocks");
       return 1;
     }
-    say("Nothing is wrong in " + directory);
+    tell("Nothing is wrong in " + directory);
     return 0;
   } catch (const std::exception& failure) {
     console::error_line(std::string("[Check] ") + failure.what());

@@ -94,7 +94,7 @@ void report(const std::string& directory, const std::string& what) {
   console::error_line("[Node] " + directory + kMempoolFile + ": " + what);
 }
 
-void say(const std::string& what) {
+void announce(const std::string& what) {
   console::write_out("[Node] " + what + "\n");
 }
 
@@ -152,7 +152,7 @@ class LoadProgress {
  public:
   explicit LoadProgress(const PoolReader& reader) : reader_(reader) {
     if (is_large()) {
-      say("Loading the pool: " + std::to_string(reader.size() / kMegabyte) + " MB of transactions to validate");
+      announce("Loading the pool: " + std::to_string(reader.size() / kMegabyte) + " MB of transactions to validate");
     }
   }
 
@@ -160,8 +160,8 @@ class LoadProgress {
     const Clock::time_point now = Clock::now();
     if (is_large() && now - told_at_ >= kProgressPeriod) {
       told_at_ = now;
-      say("Loading the pool: " + std::to_string(read_count) + " transactions, " +
-          std::to_string(reader_.offset() * 100 / reader_.size()) + "%");
+      announce("Loading the pool: " + std::to_string(read_count) + " transactions, " +
+               std::to_string(reader_.offset() * 100 / reader_.size()) + "%");
     }
   }
 
@@ -212,8 +212,8 @@ bool load_mempool(TransactionAdmission& admission, const std::string& directory,
   } catch (const std::runtime_error& failure) {
     report(directory, "ignored from record " + std::to_string(read_count) + " on: " + failure.what());
   }
-  say("Pool loaded: " + std::to_string(taken_count) + " of " + std::to_string(read_count) +
-      " transaction(s) still valid");
+  announce("Pool loaded: " + std::to_string(taken_count) + " of " + std::to_string(read_count) +
+           " transaction(s) still valid");
   return !stop.is_requested();
 }
 

@@ -69,8 +69,8 @@ std::optional<std::string> decode_base64(std::string_view text) {
   return decoded;
 }
 
-BasicAuth::BasicAuth(std::string user, std::string password)
-    : is_open_(user.empty() && password.empty()), expected_(std::move(user) + ":" + password) {}
+BasicAuth::BasicAuth(const std::string& user, const std::string& password)
+    : is_open_(user.empty() && password.empty()), expected_(user + ":" + password) {}
 
 bool BasicAuth::accepts(std::string_view raw) const {
   if (is_open_) {

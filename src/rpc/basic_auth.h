@@ -17,7 +17,7 @@ std::optional<std::string> decode_base64(std::string_view text);
 class BasicAuth {
  public:
   BasicAuth() = default;  // asks for nothing
-  BasicAuth(std::string user, std::string password);
+  BasicAuth(const std::string& user, const std::string& password);
 
   // Whether `raw` carries the credentials behind "Authorization: Basic " or, if
   // that is nowhere, behind its all-lower-case spelling; no other mixture of

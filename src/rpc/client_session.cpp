@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "rpc/http_request.h"
+#include "rpc/http_text.h"
 #include "rpc/rpc_message.h"
 #include "rpc/server_connection.h"
 
@@ -18,7 +19,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t kChunkBytesMax = 8'191;
 constexpr int kStatusOk = 200;
 
 constexpr const char kTooLargeText[] = "Request too large";

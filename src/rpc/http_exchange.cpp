@@ -16,6 +16,9 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "core/file_io.h"
+#include "rpc/http_text.h"
+
 namespace norvel::rpc {
 
 namespace {
@@ -30,8 +33,6 @@ constexpr milliseconds kWaitSlice{50};
 // already are taken for this long; a peer that never pauses must not go on for
 // ever.
 constexpr milliseconds kLastLooks{1'000};
-
-constexpr size_t kChunkBytesMax = 8'191;
 
 constexpr const char kNoSocket[] = "Failed to create socket";
 constexpr const char kNoConnection[] = "Failed to connect to RPC server at ";
@@ -120,11 +121,6 @@ class Waiter {
   std::optional<Clock::time_point> last_looks_end_;  // set when the time of the whole was first seen to be up
 };
 
-// After an error that only says "not now".
-bool may_retry(int error) {
-  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-}
-
 Step connect_to(const Socket& socket, const std::string& host, uint16_t port, Waiter& waiter) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -157,7 +153,7 @@ Step send_all(const Socket& socket, std::string_view unsent, Waiter& waiter) {
     const ssize_t sent = ::send(socket.fd(), unsent.data(), unsent.size(), MSG_NOSIGNAL);
     if (sent >= 0) {
       unsent.remove_prefix(static_cast<size_t>(sent));
-    } else if (!may_retry(errno)) {
+    } else if (!would_block(errno)) {
       return Step::kFailed;
     }
   }
@@ -174,7 +170,7 @@ HttpExchange receive_reply(const Socket& socket, Waiter& waiter) {
       return exchange;
     }
     const ssize_t received = ::recv(socket.fd(), chunk.data(), chunk.size(), 0);
-    if (received < 0 && may_retry(errno)) {
+    if (received < 0 && would_block(errno)) {
       continue;
     }
     if (received <= 0 || exchange.reply.append({chunk.data(), static_cast<size_t>(received)})) {

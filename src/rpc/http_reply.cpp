@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "rpc/http_text.h"
+
 namespace norvel::rpc {
 
 namespace {
 
-constexpr std::string_view kLineEnd = "\r\n";
-constexpr std::string_view kBlankLine = "\r\n\r\n";
 constexpr std::string_view kContentLength = "Content-Length:";
 
 }  // namespace

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 
+#include "rpc/http_text.h"
+
 namespace norvel::rpc {
 
 namespace {
 
-constexpr std::string_view kLineEnd = "\r\n";
-constexpr std::string_view kBlankLine = "\r\n\r\n";
-constexpr std::string_view kContentLength = "content-length:";
+constexpr std::string_view kLengthName = "content-length:";
 constexpr std::string_view kOriginLine = "\norigin:";
 
 // ASCII only, whatever the locale.
@@ -22,11 +22,11 @@ std::string lower_case(std::string_view text) {
 // The declared length of the body; 0 when none is declared.
 uint64_t declared_length(std::string_view headers) {
   const std::string lowered = lower_case(headers);
-  const size_t name = lowered.find(kContentLength);
+  const size_t name = lowered.find(kLengthName);
   if (name == std::string::npos) {
     return 0;
   }
-  const size_t value = lowered.find_first_not_of(" \t", name + kContentLength.size());
+  const size_t value = lowered.find_first_not_of(" \t", name + kLengthName.size());
   const size_t end = lowered.find(kLineEnd, value);  // there is one: the block ends with a blank line
   const long long length = std::stoll(lowered.substr(value, end - value));
   return static_cast<uint64_t>(std::max(length, 0LL));

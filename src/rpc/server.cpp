@@ -19,6 +19,7 @@
 #include "core/sync.h"
 #include "rpc/client_session.h"
 #include "rpc/connection_slots.h"
+#include "rpc/http_text.h"
 
 namespace norvel::rpc {
 
@@ -28,8 +29,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kBacklog = 10;
 constexpr std::string_view kLocalAddress = "127.0.0.1";
-
-constexpr std::string_view kBlankLine = "\r\n\r\n";
 
 // After a failed accept; at the descriptor limit it would fail again at once.
 constexpr std::chrono::milliseconds kAcceptPause{50};
@@ -190,8 +189,8 @@ RpcServer::~RpcServer() {
   stop();
 }
 
-void RpcServer::set_credentials(std::string user, std::string password) {
-  state_->session.auth = BasicAuth(std::move(user), std::move(password));
+void RpcServer::set_credentials(const std::string& user, const std::string& password) {
+  state_->session.auth = BasicAuth(user, password);
 }
 
 void RpcServer::set_tls(const std::string& certificate_file, const std::string& key_file) {

@@ -34,7 +34,7 @@ class RpcServer {
   // ---- Before start()
 
   // Both empty: no authentication.
-  void set_credentials(std::string user, std::string password);
+  void set_credentials(const std::string& user, const std::string& password);
 
   // Serves TLS 1.2 or later with this PEM certificate chain and key. On failure
   // prints the reason on standard error and keeps what it had.

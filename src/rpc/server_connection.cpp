@@ -13,16 +13,13 @@
 #include <limits>
 
 #include "core/console.h"
+#include "core/file_io.h"
 
 namespace norvel::rpc {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-bool may_retry(int error) {
-  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-}
 
 int int_size(size_t size) {
   return static_cast<int>(std::min<size_t>(size, std::numeric_limits<int>::max()));
@@ -58,7 +55,7 @@ bool ServerConnection::write(std::string_view text, TimePoint deadline) {
       sent = drive([&] { return SSL_write(tls_.get(), text.data(), int_size(text.size())); }, deadline);
     } else if (wait(POLLOUT, deadline)) {
       sent = ::send(socket_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (sent < 0 && may_retry(errno)) {
+      if (sent < 0 && would_block(errno)) {
         continue;
       }
     }
@@ -128,7 +125,7 @@ std::optional<size_t> ServerConnection::receive(std::span<char> into, TimePoint 
     if (received >= 0) {
       return static_cast<size_t>(received);
     }
-    if (!may_retry(errno)) {
+    if (!would_block(errno)) {
       return std::nullopt;
     }
   }

@@ -16,7 +16,7 @@ static_assert(kPolicyFeeMax <= kTemplateFeesMax);
 
 namespace {
 
-bool is_ordinary(const Transaction& tx) {
+bool is_selectable(const Transaction& tx) {
   return tx.type == TransactionType::TRANSFER || tx.type == TransactionType::MESSAGE ||
          tx.type == TransactionType::HTLC_FUNDING;
 }
@@ -83,7 +83,7 @@ TemplateSelection select_for_template(const std::vector<Transaction>& candidates
   size_t bytes_left = limits.bytes;
   for (const Transaction& tx : candidates) {
     std::string reason;
-    if (!is_ordinary(tx) || !is_final(tx, limits.height, limits.locked_time) || !check_outpoints(tx, reason)) {
+    if (!is_selectable(tx) || !is_final(tx, limits.height, limits.locked_time) || !check_outpoints(tx, reason)) {
       continue;
     }
     const size_t size = size_in_block(tx);

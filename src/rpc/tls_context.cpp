@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "core/console.h"
+#include "core/file_io.h"
 
 namespace norvel::rpc {
 
@@ -39,14 +40,10 @@ int socket_of(BIO* bio) {
   return static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(bio)));
 }
 
-bool may_retry(int error) {
-  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-}
-
 int write_to_socket(BIO* bio, const char* data, int size) {
   BIO_clear_retry_flags(bio);
   const ssize_t sent = ::send(socket_of(bio), data, static_cast<size_t>(size), MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (sent < 0 && may_retry(errno)) {
+  if (sent < 0 && would_block(errno)) {
     BIO_set_retry_write(bio);
   }
   return static_cast<int>(sent);
@@ -55,7 +52,7 @@ int write_to_socket(BIO* bio, const char* data, int size) {
 int read_from_socket(BIO* bio, char* data, int size) {
   BIO_clear_retry_flags(bio);
   const ssize_t received = ::recv(socket_of(bio), data, static_cast<size_t>(size), MSG_DONTWAIT);
-  if (received < 0 && may_retry(errno)) {
+  if (received < 0 && would_block(errno)) {
     BIO_set_retry_read(bio);
   }
   return static_cast<int>(received);
@@ -98,7 +95,7 @@ void keep_openssl_until_exit() {
 
 TlsContext load_tls_context(const std::string& certificate_file, const std::string& key_file) {
   ERR_clear_error();
-  const TlsContext context(SSL_CTX_new(TLS_server_method()), &SSL_CTX_free);
+  TlsContext context(SSL_CTX_new(TLS_server_method()), &SSL_CTX_free);
   if (context == nullptr) {
     console::error_line("[RPC] TLS: SSL_CTX_new failed");
     return nullptr;

@@ -11,7 +11,7 @@ namespace norvel {
 
 namespace {
 
-constexpr uint8_t kSignBit = 0x80;
+constexpr uint8_t kNegativeBit = 0x80;
 constexpr size_t kDigestCount = 2;
 constexpr size_t kSha256Bytes = 32;
 
@@ -41,8 +41,8 @@ struct ScriptElement::Buffer {
     std::memcpy(buffer->bytes(), bytes.data(), bytes.size());
     buffer->is_true = any_bit(bytes);
     const uint8_t last = bytes.back();
-    const bool has_magnitude = (last & ~kSignBit) != 0 || any_bit(bytes.first(bytes.size() - 1));
-    buffer->is_negative = (last & kSignBit) != 0 && has_magnitude;
+    const bool has_magnitude = (last & ~kNegativeBit) != 0 || any_bit(bytes.first(bytes.size() - 1));
+    buffer->is_negative = (last & kNegativeBit) != 0 && has_magnitude;
     return buffer;
   }
 

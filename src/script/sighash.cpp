@@ -17,14 +17,14 @@ constexpr size_t kFixedBytesMax = 1 + 8 + 4 + 9 + 9 + 9 + 4 + 4;
 constexpr size_t kInputBytes = 36 + 1 + 4;
 // value, script length, message flag.
 constexpr size_t kOutputBytesMin = 8 + 1 + 1;
-constexpr size_t kP2pkhBytes = 25;
+constexpr size_t kUsualScriptBytes = 25;
 
 // What one allocation should hold: exact but for scripts and messages of
 // unusual length.
 size_t expected_bytes(const Transaction& tx, const Script& script_code) {
   size_t bytes = kFixedBytesMax + script_code.bytes.size() + tx.inputs.size() * kInputBytes;
   for (const TxOut& output : tx.outputs) {
-    const size_t script_bytes = output.script_pubkey.empty() ? kP2pkhBytes : output.script_pubkey.size();
+    const size_t script_bytes = output.script_pubkey.empty() ? kUsualScriptBytes : output.script_pubkey.size();
     bytes += kOutputBytesMin + script_bytes;
   }
   return bytes;

@@ -16,8 +16,8 @@
 namespace norvel {
 namespace {
 
-constexpr uint32_t kInterval = 5;
-constexpr int64_t kFee = 20'000;
+constexpr uint32_t kSceneInterval = 5;
+constexpr int64_t kSharedFee = 20'000;
 constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
 constexpr const char kOutOfRange[] = "Value out of range in output 0";
 const std::string kInvalidFirst = "Invalid transaction in block [1]: ";
@@ -84,7 +84,7 @@ Scene null_outpoint(const char* label, TransactionType type) {
 
 // The pool at height 5 is half of the 50,000 of block 3; miner 1 found blocks 1 to 4.
 Transaction distribution(int64_t pool = 25'000) {
-  return treasury::create_distribution_tx(pool, {{sample_key(1).address, 4}}, kInterval);
+  return treasury::create_distribution_tx(pool, {{sample_key(1).address, 4}}, kSceneInterval);
 }
 
 std::vector<Scene> scenes() {
@@ -136,7 +136,7 @@ std::vector<Scene> scenes() {
        },
        3, "Coinbase miner output exceeds block reward (800000001 > 800000000"},
       {"fees not shared",
-       [](const Past& past, const Block& parent) { return with_transaction(parent, past.spend(1, kFee)); }, 3,
+       [](const Past& past, const Block& parent) { return with_transaction(parent, past.spend(1, kSharedFee)); }, 3,
        "Coinbase missing treasury output"},
       {"a distribution too early",
        [](const Past&, const Block& parent) { return with_transaction(parent, distribution()); }, 3,
@@ -154,7 +154,7 @@ std::vector<Scene> scenes() {
 
 class RefusalScenes : public testing::TestWithParam<Scene> {
  protected:
-  RefusalScenes() : past_(GetParam().pays_fee), scene_(small_options(kInterval)) {
+  RefusalScenes() : past_(GetParam().pays_fee), scene_(small_options(kSceneInterval)) {
     scene_.add_all(past_.blocks);
     if (GetParam().parent_height == 4) {
       scene_.extend();
@@ -190,7 +190,7 @@ TEST_P(RefusalScenes, OnASideChainThatBecomesTheHeaviest) {
 }
 
 TEST_P(RefusalScenes, AsAnOrphan) {
-  ChainScene other(small_options(kInterval));
+  ChainScene other(small_options(kSceneInterval));
   EXPECT_EQ(other.refusal(bad_).substr(0, 7), "orphan:");
   for (uint32_t height = 1; height <= parent_.height; ++height) {
     other.add(scene_.block_at(height));

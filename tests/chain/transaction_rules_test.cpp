@@ -16,14 +16,14 @@
 namespace norvel {
 namespace {
 
-constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+constexpr int64_t kMost = std::numeric_limits<int64_t>::max();
 
 std::pair<OutPoint, TxOut> coin(uint32_t index, int64_t value) {
   return {{uint256(uint64_t{5}), index}, TxOut(value, sample_key(1).pubkey_hash)};
 }
 
 // Two coins of 600 and 500 become outputs of 700 and 400.
-struct Scene {
+struct SpendScene {
   void repeat_input() { tx.inputs.push_back(tx.inputs[0]); }
 
   void set_coins(int64_t first, int64_t second) {
@@ -63,38 +63,38 @@ struct Scene {
 };
 
 TEST(TransactionRules, OneChangeDecidesBeforeAnySignatureIsChecked) {
-  const std::tuple<const char*, void (*)(Scene&), const char*> rows[] = {
-      {"nothing", [](Scene&) {}, ""},
-      {"a note", [](Scene& s) { s.tx.type = TransactionType::MESSAGE; }, ""},
-      {"a contract", [](Scene& s) { s.tx.type = TransactionType::HTLC_FUNDING; }, ""},
-      {"a distribution", [](Scene& s) { s.tx.type = TransactionType{3}; }, "Transaction type not allowed: 3"},
-      {"a coinbase", [](Scene& s) { s.tx.type = TransactionType{255}; }, "Transaction type not allowed: 255"},
-      {"an unknown type", [](Scene& s) { s.tx.type = TransactionType{5}; }, "Transaction type not allowed: 5"},
-      {"no inputs", [](Scene& s) { s.tx.inputs.clear(); }, "Transaction has no inputs"},
-      {"no outputs", [](Scene& s) { s.tx.outputs.clear(); }, "Transaction has no outputs"},
-      {"65,535 outputs", [](Scene& s) { s.tx.outputs.resize(65'535); }, ""},
-      {"one more", [](Scene& s) { s.tx.outputs.resize(65'536); }, "Transaction does not fit its byte format"},
-      {"1,000,000 bytes", [](Scene& s) { s.pad_to(1'000'000); }, ""},
-      {"1,000,001 bytes", [](Scene& s) { s.pad_to(1'000'001); }, "Transaction too large"},
-      {"an output of nothing", [](Scene& s) { s.set_outputs(0, 1'100); }, ""},
-      {"a unit below", [](Scene& s) { s.set_outputs(700, -1); }, "Value out of range in output 1"},
-      {"an output of all money", [](Scene& s) { s.set_coins(kMoneyMax, 0), s.set_outputs(kMoneyMax, 0); }, ""},
-      {"a unit above", [](Scene& s) { s.set_outputs(kMoneyMax + 1, 0); }, "Value out of range in output 0"},
-      {"a unit above together", [](Scene& s) { s.set_outputs(kMoneyMax, 1); }, "Sum of outputs out of range"},
-      {"outputs that wrap", [](Scene& s) { s.set_outputs(kMax, kMax); }, "Value out of range in output 0"},
-      {"the least output", [](Scene& s) { s.set_outputs(1'100, -kMax - 1); }, "Value out of range in output 1"},
-      {"coins that wrap", [](Scene& s) { s.set_coins(kMax, kMax); }, "Value out of range in input 0"},
-      {"a null input", [](Scene& s) { s.tx.inputs[1].prevout = OutPoint::null(); }, "Null outpoint in input 1"},
-      {"an input twice", [](Scene& s) { s.repeat_input(); }, "Output spent twice by one transaction"},
-      {"a lost coin", [](Scene& s) { s.spent.erase(coin(1, 0).first); }, "Spent output not found for input 1"},
-      {"a coin below", [](Scene& s) { s.set_coins(600, -1); }, "Value out of range in input 1"},
-      {"a coin above", [](Scene& s) { s.set_coins(kMoneyMax + 1, 0); }, "Value out of range in input 0"},
-      {"coins above together", [](Scene& s) { s.set_coins(kMoneyMax, 1); }, "Sum of inputs out of range"},
-      {"one unit too much", [](Scene& s) { s.set_outputs(701, 400); }, "Outputs exceed inputs"},
+  const std::tuple<const char*, void (*)(SpendScene&), const char*> rows[] = {
+      {"nothing", [](SpendScene&) {}, ""},
+      {"a note", [](SpendScene& s) { s.tx.type = TransactionType::MESSAGE; }, ""},
+      {"a contract", [](SpendScene& s) { s.tx.type = TransactionType::HTLC_FUNDING; }, ""},
+      {"a distribution", [](SpendScene& s) { s.tx.type = TransactionType{3}; }, "Transaction type not allowed: 3"},
+      {"a coinbase", [](SpendScene& s) { s.tx.type = TransactionType{255}; }, "Transaction type not allowed: 255"},
+      {"an unknown type", [](SpendScene& s) { s.tx.type = TransactionType{5}; }, "Transaction type not allowed: 5"},
+      {"no inputs", [](SpendScene& s) { s.tx.inputs.clear(); }, "Transaction has no inputs"},
+      {"no outputs", [](SpendScene& s) { s.tx.outputs.clear(); }, "Transaction has no outputs"},
+      {"65,535 outputs", [](SpendScene& s) { s.tx.outputs.resize(65'535); }, ""},
+      {"one more", [](SpendScene& s) { s.tx.outputs.resize(65'536); }, "Transaction does not fit its byte format"},
+      {"1,000,000 bytes", [](SpendScene& s) { s.pad_to(1'000'000); }, ""},
+      {"1,000,001 bytes", [](SpendScene& s) { s.pad_to(1'000'001); }, "Transaction too large"},
+      {"an output of nothing", [](SpendScene& s) { s.set_outputs(0, 1'100); }, ""},
+      {"a unit below", [](SpendScene& s) { s.set_outputs(700, -1); }, "Value out of range in output 1"},
+      {"an output of all money", [](SpendScene& s) { s.set_coins(kMoneyMax, 0), s.set_outputs(kMoneyMax, 0); }, ""},
+      {"a unit above", [](SpendScene& s) { s.set_outputs(kMoneyMax + 1, 0); }, "Value out of range in output 0"},
+      {"a unit above together", [](SpendScene& s) { s.set_outputs(kMoneyMax, 1); }, "Sum of outputs out of range"},
+      {"outputs that wrap", [](SpendScene& s) { s.set_outputs(kMost, kMost); }, "Value out of range in output 0"},
+      {"the least output", [](SpendScene& s) { s.set_outputs(1'100, -kMost - 1); }, "Value out of range in output 1"},
+      {"coins that wrap", [](SpendScene& s) { s.set_coins(kMost, kMost); }, "Value out of range in input 0"},
+      {"a null input", [](SpendScene& s) { s.tx.inputs[1].prevout = OutPoint::null(); }, "Null outpoint in input 1"},
+      {"an input twice", [](SpendScene& s) { s.repeat_input(); }, "Output spent twice by one transaction"},
+      {"a lost coin", [](SpendScene& s) { s.spent.erase(coin(1, 0).first); }, "Spent output not found for input 1"},
+      {"a coin below", [](SpendScene& s) { s.set_coins(600, -1); }, "Value out of range in input 1"},
+      {"a coin above", [](SpendScene& s) { s.set_coins(kMoneyMax + 1, 0); }, "Value out of range in input 0"},
+      {"coins above together", [](SpendScene& s) { s.set_coins(kMoneyMax, 1); }, "Sum of inputs out of range"},
+      {"one unit too much", [](SpendScene& s) { s.set_outputs(701, 400); }, "Outputs exceed inputs"},
   };
   for (const auto& [label, change, want] : rows) {
     SCOPED_TRACE(label);
-    Scene scene;
+    SpendScene scene;
     change(scene);
     EXPECT_EQ(scene.verdict(false), want);
     EXPECT_EQ(scene.checks, *want == '\0' ? 2u : 0u);
@@ -102,7 +102,7 @@ TEST(TransactionRules, OneChangeDecidesBeforeAnySignatureIsChecked) {
 }
 
 TEST(TransactionRules, EveryInputMustUnlockItsOutput) {
-  Scene scene;
+  SpendScene scene;
   EXPECT_EQ(scene.verdict(true), "");
   scene.tx.inputs[1].signature[9] ^= 1;
   EXPECT_EQ(scene.verdict(true), "Invalid signature for input 1");
@@ -175,7 +175,7 @@ TEST(TransactionRules, FitsTheByteFormatWhenItSurvivesIt) {
   size_t number = 0;
   for (const auto& [change, want] : rows) {
     SCOPED_TRACE(number++);
-    Transaction tx = Scene().tx;
+    Transaction tx = SpendScene().tx;
     change(tx.inputs[0], tx.outputs[0]);
     EXPECT_EQ(fits_byte_format(tx), want);
     EXPECT_EQ(survives_writing(tx), want);

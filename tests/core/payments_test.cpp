@@ -16,7 +16,7 @@
 namespace norvel {
 namespace {
 
-constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+constexpr int64_t kMost = std::numeric_limits<int64_t>::max();
 constexpr const char kNoKey[] = "Recipient public key required for encrypted messages";
 constexpr const char kTooLong[] = "Message exceeds maximum size (1024 bytes)";
 constexpr const char kNoFee[] = "Insufficient fee input value";
@@ -76,12 +76,12 @@ TEST(StandardTx, SelectsTheLargestAndReturnsTheChange) {
           {"change of 999 joins the fee", 1, 0, spendable({1'000}), {0}, 0, ""},
           {"change of 1,000 comes back", 1, 0, spendable({1'001}), {0}, 1'000, ""},
           {"largest first, no more than needed", 60, 0, spendable({10, 50, 30, 40}), {1, 3}, 0, ""},
-          {"values that overflow together", kMax, 0, spendable({kMax - 1, kMax - 1}), {0, 1}, kMax - 2, ""},
+          {"values that overflow together", kMost, 0, spendable({kMost - 1, kMost - 1}), {0, 1}, kMost - 2, ""},
           {"one outpoint listed twice", 15, 0, {spendable({10})[0], spendable({10})[0]}, {}, 0, "Insufficient funds"},
           {"the null outpoint", 5, 0, {{OutPoint::null(), TxOut(10, {})}}, {}, 0, "Insufficient funds"},
           {"nothing to pay", 0, 0, spendable({5'000}), {0}, 5'000, ""},
           {"negative amount", -1, 10, spendable({100}), {}, 0, "Invalid amount"},
-          {"amount and fee overflow", kMax, 1, spendable({kMax}), {}, 0, "Invalid amount"},
+          {"amount and fee overflow", kMost, 1, spendable({kMost}), {}, 0, "Invalid amount"},
       };
   std::string error;
   for (const auto& [label, amount, fee, outputs, inputs, change, want] : rows) {
@@ -207,7 +207,7 @@ TEST(HtlcTx, RefusesBadArguments) {
       {1, 19, 31, 1, "payment_hash must be 32 bytes"},
       {1, 19, 32, 1, "recipient_pkh must be 20 bytes"},
       {1, 20, 32, 0x80000000, "Invalid lock time"},
-      {kMax, 20, 32, 1, "Invalid amount"},
+      {kMost, 20, 32, 1, "Invalid amount"},
       {109'901, 20, 32, 1, "Insufficient funds"},
       {109'900, 20, 32, 0x7fffffff, ""},
   };

@@ -12,7 +12,7 @@
 namespace norvel {
 namespace {
 
-constexpr const char kNoData[] = "Not enough data";
+constexpr const char kCutShort[] = "Not enough data";
 constexpr const char kCutValue[] = "Not enough data for TxOut value";
 constexpr const char kNoScript[] = "Invalid script data: offset out of range";
 constexpr const char kCutScript[] = "Invalid script data: insufficient bytes";
@@ -20,18 +20,18 @@ constexpr const char kCutFlag[] = "Not enough data for message flag";
 constexpr const char kCutNote[] = "Not enough data for message";
 
 const FormatField kRichFields[] = {
-    {"02", kNoData},
+    {"02", kCutShort},
     {"04030201", "Not enough data for version"},
     {"1817161514131211", "Not enough data for timestamp"},
-    {"0100", kNoData},
+    {"0100", kCutShort},
     {"000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f", "Not enough bytes to deserialize uint256"},
     {"24232221", "Not enough data for OutPoint index"},
-    {"0500", kNoData},
+    {"0500", kCutShort},
     {"3044020155", "Not enough data for signature"},
-    {"03", kNoData},
+    {"03", kCutShort},
     {"02aabb", "Not enough data for pubkey"},
     {"fdffffff", "Not enough data for sequence"},
-    {"0300", kNoData},
+    {"0300", kCutShort},
     // Output 0: payment by hash.
     {"00e1f50500000000", kCutValue},
     {"19", kNoScript},

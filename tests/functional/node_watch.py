@@ -40,7 +40,7 @@ class NodeWatch:
         self._stopping = True
         self._thread.join(60 * SLOW)
         if kind is None:
-            assert self._faults == []
+            assert not self._faults, self._faults
 
     def _run(self) -> None:
         try:

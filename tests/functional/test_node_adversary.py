@@ -159,7 +159,7 @@ def endless_inventory(node: Node) -> None:
     with attacker(node) as peer:
         for kind in (p.INV_BLOCK, p.INV_TX, 77):
             push(peer, p.frame(p.INV, p.inventory(kind, [os.urandom(32) for _ in range(50_000)])))
-        assert len(peer.drain(2)) > 16  # it asks for what it does not know, a few blocks at a time
+        assert len(peer.drain(2 * SLOW)) > 16  # it asks for what it does not know, a few blocks at a time
 
 
 def junk_blocks(node: Node) -> None:
