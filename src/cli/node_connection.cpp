@@ -57,9 +57,20 @@ std::string make_body(const std::string& method, std::vector<JsonValue> params) 
   return request.to_string();
 }
 
+bool has_credentials(const NodeAddress& address) {
+  return !address.user.empty() || !address.password.empty();
+}
+
+void warn_of_open_credentials(const NodeAddress& address, const std::string& numeric_host) {
+  if (has_credentials(address) && !address.tls && !numeric_host.starts_with("127.")) {
+    console::error_line("Warning: user and password travel unencrypted to " + console::printable(address.host) +
+                        "; --rpc-tls encrypts them");
+  }
+}
+
 std::string make_request(const NodeAddress& address, const std::string& body) {
   std::string request = rpc::build_http_request(address.host, address.port, body);
-  if (!address.user.empty() || !address.password.empty()) {
+  if (has_credentials(address)) {
     request.insert(request.find("\r\n\r\n"),
                    "\r\nAuthorization: Basic " + to_base64(address.user + ":" + address.password));
   }
@@ -79,6 +90,7 @@ NodeConnection::NodeConnection(NodeAddress address) : address_(std::move(address
 JsonValue NodeConnection::call(const std::string& method, std::vector<JsonValue> params) {
   if (numeric_host_.empty()) {
     numeric_host_ = look_up(address_.host);
+    warn_of_open_credentials(address_, numeric_host_);
   }
   const std::string body = exchange(make_request(address_, make_body(method, std::move(params))), numeric_host_);
   // A reply that was cut short would otherwise pass for a smaller one.
