@@ -38,6 +38,9 @@ struct LiveChain {
     require(chain->initialize(error));
     chain->set_pool_sink(&updater);
   }
+  ~LiveChain() { chain->set_pool_sink(nullptr); }
+  LiveChain(const LiveChain&) = delete;
+  LiveChain& operator=(const LiveChain&) = delete;
 
   ScratchDirectory directory;
   std::shared_ptr<Blockchain> chain = [this] {

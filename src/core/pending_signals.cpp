@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -34,7 +35,7 @@ uint64_t pending_bits(const std::filesystem::path& thread) {
 
 }  // namespace
 
-bool is_pending_in_a_thread(const sigset_t& signals) {
+bool is_pending_in_a_thread(const sigset_t& signals) try {
   const uint64_t wanted = to_bits(signals);
   std::error_code failure;
   std::filesystem::directory_iterator thread(kOwnThreads, failure);
@@ -44,6 +45,8 @@ bool is_pending_in_a_thread(const sigset_t& signals) {
     }
   }
   return false;
+} catch (const std::bad_alloc&) {
+  return false;  // the next look may fare better
 }
 
 }  // namespace norvel

@@ -30,6 +30,7 @@
 #include "core/block.h"
 #include "core/transaction.h"
 #include "core/uint256.h"
+#include "script/script_budget.h"
 
 namespace norvel {
 
@@ -51,8 +52,9 @@ inline constexpr uint64_t kPolicyHashBytesMax = 200'000'000;
 
 // Of scripts run. Locking scripts are prepared at leisure, a small transaction
 // may spend many, and a million bytes of them take up to 0.8 s. Claims of
-// contracts come to a third of this before they make too many checks.
+// contracts, of some 240 bytes each, make too many checks before they come to this.
 inline constexpr uint64_t kPolicyScriptBytesMax = 1'500'000;
+static_assert(kPolicySignatureChecksMax * (kSignatureCheckBytes + 240) < kPolicyScriptBytesMax);
 static_assert(kPolicyScriptBytesMax > kTransactionBytesMax, "an output of the largest script can be spent");
 
 // The most, in base units, that a block's coinbase can account for: it shares

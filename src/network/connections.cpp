@@ -15,7 +15,7 @@ namespace {
 
 // Descriptors that those who connect leave to files, RPC clients and dials, or
 // half of all where there are few.
-constexpr uint64_t kDescriptorsLeft = 320;
+constexpr uint64_t kDescriptorsLeft = 600;
 
 constexpr const char kBanReason[] = "misbehavior score exceeded threshold";
 

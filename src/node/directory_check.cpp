@@ -108,7 +108,7 @@ class DirectoryCheck {
   // Throws std::runtime_error when the check itself cannot go on.
   void run() {
     if (fs::exists(directory_ + "/" + kRebuildMarker)) {
-      findings_.add("the state was lost; the next start rebuilds it from the block files");
+      findings_.add("the state was lost or a rebuild was cut short; the next start rebuilds it from the block files");
     }
     read_database();
     check_files();

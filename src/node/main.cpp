@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <exception>
 #include <memory>
 #include <stdexcept>
@@ -33,8 +34,10 @@ constexpr mode_t kPrivateMask = 077;
 // the largest requests that it ever served.
 constexpr int kMappedBytesMin = 128 * 1024;
 
-// Above the usual 1,024, which all peers and RPC clients that are allowed would exceed.
+// Above the usual 1,024, which all peers and RPC clients that are allowed would
+// exceed; and beside many peers as many as stay free of them.
 constexpr uint64_t kDescriptorsWanted = 8'192;
+constexpr uint64_t kDescriptorsBesidePeers = 1'000;
 
 // Null without a log file. Throws std::runtime_error when it does not open.
 std::shared_ptr<LogFile> open_log(const Options& options) {
@@ -74,6 +77,7 @@ int check(const Options& options) {
 }
 
 int run(const Options& options) {
+  raise_descriptor_limit(std::max(kDescriptorsWanted, options.max_inbound + kDescriptorsBesidePeers));
   const NodeParams params = prepare_directory(options);
   const auto log = open_log(options);
   consensus::set_difficulty_config(params.difficulty());
@@ -93,7 +97,6 @@ int main(int argc, char** argv) {
   rpc::keep_openssl_until_exit();
   console::guard_standard_streams();
   umask(node::kPrivateMask);
-  raise_descriptor_limit(node::kDescriptorsWanted);
   node::block_signals();
   try {
     const auto invocation = node::read_options(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));

@@ -94,12 +94,14 @@ int supervise(const Supervised& supervised, StopRequest& stop, int64_t deadline_
   StopRequest finished;
   std::thread worker([&] { finished.request(run_work(supervised)); });
   std::optional<Clock::time_point> deadline;
+  Clock::time_point next_look = Clock::now() + std::chrono::milliseconds(kLookPeriodMs);
   while (!finished.is_requested()) {
     // A descriptor below zero is left out.
     pollfd waiting[] = {{finished.fd(), POLLIN, 0}, {signals.get(), POLLIN, 0}, {deadline ? -1 : stop.fd(), POLLIN, 0}};
-    const int ready_count = poll(waiting, std::size(waiting), time_left_ms(deadline));
+    poll(waiting, std::size(waiting), time_left_ms(deadline));
     read_signals(signals.get(), supervised, stop);
-    if (ready_count == 0 && !deadline) {
+    if (!deadline && Clock::now() >= next_look) {
+      next_look = Clock::now() + std::chrono::milliseconds(kLookPeriodMs);
       call_quietly([&] {
         if (is_pending_in_a_thread(set_of({SIGINT, SIGTERM}))) {
           stop.request(supervised.signalled_status);

@@ -33,7 +33,7 @@ constexpr size_t kTransactionsListedMax = 1'000;
 constexpr size_t kHexListedMax = size_t{16} * 1024 * 1024;
 
 // Blocks that one list reads for what its transactions spent.
-constexpr size_t kSpentReadsMax = 1'000;
+constexpr size_t kListSpentReadsMax = 1'000;
 
 // What a transaction did to one address.
 struct Effect {
@@ -174,7 +174,7 @@ JsonValue get_pubkey_for_address(const NodeContext& context, const JsonValue& pa
 JsonValue list_transactions(const NodeContext& context, const JsonValue& params) {
   const Blockchain& chain = require_chain(context);
   const AddressParameter address = require_address(params);
-  TransactionReader reader(chain, kSpentReadsMax);
+  TransactionReader reader(chain, kListSpentReadsMax);
   std::vector<JsonValue> entries;
   size_t hex_characters = 0;
   for (const uint256& txid : chain.get_newest_address_transactions(address.pubkey_hash, read_count(params))) {

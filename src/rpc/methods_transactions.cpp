@@ -26,7 +26,7 @@ constexpr const char kTransactionNotFound[] = "Transaction not found";
 
 // Blocks that are read for the inputs of one transaction, a few seconds' work at
 // worst.
-constexpr size_t kListSpentReadsMax = 500;
+constexpr size_t kSpentReadsMax = 500;
 
 Transaction read_transaction(const std::string& hex) {
   try {
@@ -182,7 +182,7 @@ JsonValue get_transaction(const NodeContext& context, const JsonValue& params) {
   if (txid) {
     // The pool first: a transaction leaves it only after its block is connected.
     const auto pooled = context.node.pool ? context.node.pool->get_transaction(*txid) : std::nullopt;
-    TransactionReader reader(chain, kListSpentReadsMax);
+    TransactionReader reader(chain, kSpentReadsMax);
     if (const auto found = reader.find(*txid)) {
       return describe_confirmed(chain, reader, *found);
     }

@@ -268,7 +268,8 @@ bool ScriptRun::charge(uint64_t& left, uint64_t cost) {
 }
 
 bool ScriptRun::check_signature() {
-  if (budget_ != nullptr && !charge(budget_->signature_checks_left, 1)) {
+  if (budget_ != nullptr &&
+      !(charge(budget_->signature_checks_left, 1) && charge(budget_->script_bytes_left, kSignatureCheckBytes))) {
     return false;
   }
   const ScriptElement public_key = pop();

@@ -263,6 +263,29 @@ TEST(Blockchain, AMissingBlockFileRefusesTheStart) {
   EXPECT_EQ(error, "Block file " + path + " is missing");
 }
 
+TEST(Blockchain, ARebuildThatIsCutShortBeginsAnew) {
+  ChainScene scene;
+  scene.extend();
+  const std::string mark = scene.directory() / kRebuildMarker;
+  scene.close();
+  ChainOptions options = small_options();
+  options.rebuild = true;
+  std::string error;
+  testing::internal::CaptureStderr();
+  {
+    Blockchain chain(scene.directory().path(), options);
+    chain.request_stop();
+    EXPECT_FALSE(chain.initialize(error));
+  }
+  EXPECT_TRUE(std::filesystem::exists(mark));
+  testing::internal::GetCapturedStderr();
+  testing::internal::CaptureStderr();
+  scene.reopen();
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Rebuilding the block index"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(mark));
+  EXPECT_EQ(scene.chain().get_best_height(), 1u);
+}
+
 // A pool below 10,000 base units is due by a distribution without outputs; one whose every share is dust is not
 // due at all and runs on; a chain passes both.
 TEST(Blockchain, PassesEveryKindOfDistributionHeight) {

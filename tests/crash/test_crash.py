@@ -77,4 +77,4 @@ def test_comes_back_after_a_fault_at_any_call(kind: str, beginning: str, beginni
     else:
         pytest.fail("the faults never ended")
     print(f"{kind}, {beginning}: {fired} faults, every {STRIDE} from {first}")
-    assert fired > (100 if beginning == "empty" else 20) // STRIDE
+    assert fired >= (100 if beginning == "empty" else 20) // STRIDE

@@ -211,6 +211,7 @@ TEST_F(Admission, RefusesScriptBombsInTime) {
       {"large element, hashed again and again", filled_script(half_megabyte, hex("76 a8 75 76 a9 75")), 1, 0, ACCEPTED},
       {"digests of digests", filled_script(hex("02 aabb"), hex("a9")), 4, 0, NOT_TAKEN},
       {"operations that no budget counts", filled_script(hex("51"), hex("02 aabb")), 4, 0, NOT_TAKEN},
+      {"checks and digests together", filled_script(hex("02 aabb"), join({Bytes(700, 0xa9), check})), 2, 0, NOT_TAKEN},
       {"many inputs sign a large transaction", join({check, hex("51")}), 300, 900'000, NOT_TAKEN},
   };
   for (const auto& row : rows) {

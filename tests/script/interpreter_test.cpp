@@ -139,7 +139,7 @@ TEST(ScriptInterpreter, RunsTakeTheirCostFromTheBudget) {
       EXPECT_NE(done, budget.exceeded);
       return done;
     };
-    const uint64_t size = row.script.size();
+    const uint64_t size = row.script.size() + row.checks * kSignatureCheckBytes;
     EXPECT_TRUE(runs({row.checks, row.bytes, size}));
     EXPECT_TRUE(row.checks == 0 || !runs({row.checks - 1, row.bytes, size}));
     EXPECT_TRUE(row.bytes == 0 || !runs({row.checks, row.bytes - 1, size}));
