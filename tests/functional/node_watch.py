@@ -12,6 +12,7 @@ from raw_peer import RawPeer
 ANSWER_MAX_S = 2
 MIB = 1 << 20
 OBSERVER = "127.0.1.1"
+SANITIZERS_MIB = 768 if SLOW > 1 else 0  # what was freed is kept back, and every byte has shadows
 
 
 class NodeWatch:
@@ -25,7 +26,7 @@ class NodeWatch:
         """`attackers`: connections that the attack opens; each may cost 32 MiB beside a 10 MiB receive buffer."""
         self.observer = RawPeer(node, OBSERVER).handshake()
         self._node = node
-        self._memory_max = node.memory_bytes() + (42 * attackers + 48) * MIB * (3 if SLOW > 1 else 1)
+        self._memory_max = node.memory_bytes() + (42 * attackers + 48 + SANITIZERS_MIB) * MIB
         self._threads_max = node.thread_count() + 24  # dials, calls of this watch
         self._descriptors_max = node.descriptor_count() + attackers + 24
         self._faults: List[str] = []
