@@ -1,5 +1,6 @@
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "chain/block_file_repair.h"
@@ -23,7 +24,8 @@ void check_walk(const OpenedFile& file, ByteView bytes) {
   while (bytes.size() - at >= 4) {
     size_t begin = at;
     const auto len = read_le<uint32_t>(bytes, begin);
-    if (len > kRecordBytesMax || len > bytes.size() - begin) {
+    const auto is_zero = [](uint8_t byte) { return byte == 0; };
+    if (len > kRecordBytesMax || len > bytes.size() - begin || std::ranges::all_of(bytes.subspan(at), is_zero)) {
       break;
     }
     require(walk.next() && walk.offset() == at && walk.block_bytes() == len);

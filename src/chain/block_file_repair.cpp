@@ -27,8 +27,30 @@ bool copy_bytes(const OpenedFile& from, ByteRange range, int to) {
   return true;
 }
 
-// Appends the file from `offset` on to FILE.cut, on disk when this returns true.
+// An offset from which on the file is zeros, a piece behind its last other byte at
+// most; nothing when reading fails.
+std::optional<uint64_t> end_of_data(const OpenedFile& file, uint64_t offset) {
+  uint64_t end = offset;
+  while (const auto data = find_data(file.fd(), end, file.bytes)) {
+    if (*data == file.bytes) {
+      return end;
+    }
+    end = std::min(*data + kCopyBytes, file.bytes);
+  }
+  return std::nullopt;
+}
+
+// Appends the file from `offset` on to FILE.cut, but not the zeros at its end; on
+// disk when this returns true.
 bool keep_tail(const OpenedFile& file, const std::string& path, uint64_t offset) {
+  const auto data_end = end_of_data(file, offset);
+  if (!data_end) {
+    report_file_error("Cannot read block file", path);
+    return false;
+  }
+  if (*data_end == offset) {
+    return true;
+  }
   const std::string cut_path = path + ".cut";
   const FileDescriptor cut = open_file(cut_path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK);
   const auto kept_bytes = cut.is_open() ? file_size(cut.get()) : std::nullopt;
@@ -36,7 +58,7 @@ bool keep_tail(const OpenedFile& file, const std::string& path, uint64_t offset)
     report_file_error("Cannot open", cut_path);
     return false;
   }
-  if (copy_bytes(file, {offset, file.bytes}, cut.get()) && sync_data(cut.get()) &&
+  if (copy_bytes(file, {offset, *data_end}, cut.get()) && sync_data(cut.get()) &&
       sync_directory(directory_of(cut_path))) {
     return true;
   }
@@ -48,7 +70,8 @@ bool keep_tail(const OpenedFile& file, const std::string& path, uint64_t offset)
 
 void report_cut(const OpenedFile& file, const std::string& path, uint64_t offset) {
   console::error_line("[Blockchain] Damaged block file: " + path + ", " + std::to_string(file.bytes - offset) +
-                      " bytes from offset " + std::to_string(offset) + " moved to " + path + ".cut");
+                      " bytes from offset " + std::to_string(offset) + " cut off; what is not zeros is in " + path +
+                      ".cut");
 }
 
 // The block whose header stands at `offset`, whatever length stands before it;
@@ -91,7 +114,7 @@ std::optional<std::vector<uint64_t>> find_missing(const OpenedFile& file, const 
 // returns the size.
 std::optional<uint64_t> write_image(const OpenedFile& file, const std::string& path, uint64_t intact_bytes,
                                     const std::vector<uint64_t>& found) {
-  const FileDescriptor image = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+  const FileDescriptor image = open_file(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK);
   if (!image.is_open() || !copy_bytes(file, {0, intact_bytes}, image.get())) {
     return std::nullopt;
   }
@@ -164,8 +187,9 @@ std::optional<FileCheck> check_block_file(const OpenedFile& file, const std::str
   if (walk.end() == WalkEnd::FILE_END) {
     check.intact_bytes = file.bytes;
   }
-  if (covered < file.bytes) {
-    check.gaps.push_back({covered, file.bytes});
+  const uint64_t data_end = walk.end() == WalkEnd::ZEROS ? walk.next_offset() : file.bytes;
+  if (covered < data_end) {
+    check.gaps.push_back({covered, data_end});
   }
   return check;
 }

@@ -1,5 +1,5 @@
-// Mending of one damaged block file. Nothing is thrown away: what is cut off
-// goes to FILE.cut first, behind what an earlier cut put there.
+// Mending of one damaged block file. Nothing but zeros is thrown away: what is
+// cut off goes to FILE.cut first, behind what an earlier cut put there.
 //
 // Errors: prints one line and returns an empty result; the file is then as it
 // was. At any instant of a crash the old file or the mended one is there whole,
@@ -27,7 +27,7 @@ struct ByteRange {
 // What a walk that reads every block found.
 struct FileCheck {
   // Where the next record can be appended: the end of the file, or when the walk
-  // stopped before it, the end of the last readable record.
+  // stopped before it or at zeros, the end of the last readable record.
   uint64_t intact_bytes = 0;
   std::map<uint256, std::set<uint32_t>> readable;  // heights of the records of each block
   std::vector<ByteRange> gaps;                     // what no readable block covers, ascending
@@ -36,7 +36,7 @@ struct FileCheck {
 // O(file). Nothing, and a line, when reading fails.
 std::optional<FileCheck> check_block_file(const OpenedFile& file, const std::string& path);
 
-// Copies the file from `offset` on to FILE.cut, reports it and cuts it off. The
+// Copies the file from `offset` on, up to the zeros at its end, to FILE.cut, reports it and cuts it off. The
 // file and both names are on disk when this returns true.
 bool cut_block_file(const OpenedFile& file, const std::string& path, uint64_t offset);
 

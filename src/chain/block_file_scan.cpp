@@ -1,6 +1,7 @@
 #include "chain/block_file_scan.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -52,6 +53,27 @@ std::optional<OpenedFile> open_block_file(const std::string& path, int flags) {
   return file;
 }
 
+std::optional<uint64_t> find_data(int fd, uint64_t offset, uint64_t file_bytes) {
+  Bytes piece;
+  while (offset < file_bytes) {
+    const off_t data = ::lseek(fd, static_cast<off_t>(offset), SEEK_DATA);
+    if (data < 0 && errno == ENXIO) {
+      return file_bytes;  // nothing but a hole
+    }
+    offset = data < 0 ? offset : std::min(std::max(offset, static_cast<uint64_t>(data)), file_bytes);
+    piece.resize(static_cast<size_t>(std::min<uint64_t>(kSearchBytes, file_bytes - offset)));
+    if (!read_exactly_at(fd, offset, piece)) {
+      return std::nullopt;
+    }
+    const auto found = std::find_if(piece.begin(), piece.end(), [](uint8_t byte) { return byte != 0; });
+    offset += static_cast<uint64_t>(found - piece.begin());
+    if (found != piece.end()) {
+      return offset;
+    }
+  }
+  return file_bytes;
+}
+
 std::optional<ByteView> FileWindow::read(uint64_t offset, size_t len) {
   if (failed_ || offset > file_bytes_ || len > file_bytes_ - offset) {
     return std::nullopt;
@@ -76,6 +98,16 @@ bool RecordWalk::stop(WalkEnd end) {
   return false;
 }
 
+// At next_offset_; false also when reading fails, which the next look tells.
+bool RecordWalk::is_zero_to_the_end() {
+  if (next_offset_ < data_offset_) {
+    return false;
+  }
+  const auto found = find_data(fd_, next_offset_, window_.file_bytes());
+  data_offset_ = found.value_or(next_offset_);
+  return found == window_.file_bytes();
+}
+
 bool RecordWalk::next() {
   if (window_.has_failed()) {
     return stop(WalkEnd::READ_FAILED);
@@ -89,6 +121,9 @@ bool RecordWalk::next() {
   }
   size_t at = 0;
   const auto block_bytes = read_le<uint32_t>(*prefix, at);
+  if (block_bytes == 0 && is_zero_to_the_end()) {
+    return stop(WalkEnd::ZEROS);
+  }
   if (block_bytes > kRecordBytesMax) {
     block_bytes_ = block_bytes;
     return stop(WalkEnd::TOO_LONG);

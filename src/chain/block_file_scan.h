@@ -39,6 +39,10 @@ struct OpenedFile {
 // ERROR: Cannot open block file: " and the path when there is none to open.
 std::optional<OpenedFile> open_block_file(const std::string& path, int flags);
 
+// Where in [offset, file_bytes) the first byte stands that is not zero; file_bytes
+// when none is. Holes of a sparse file cost nothing. Nothing when reading fails.
+std::optional<uint64_t> find_data(int fd, uint64_t offset, uint64_t file_bytes);
+
 // A window on a file, so that small pieces near each other cost one system call.
 class FileWindow {
  public:
@@ -63,6 +67,7 @@ class FileWindow {
 
 enum class WalkEnd {
   FILE_END,     // behind the last record
+  ZEROS,        // before zeros that reach to the end: room that a crash left without its records
   CUT,          // inside a length, or inside the record that a length announces
   TOO_LONG,     // a length above kRecordBytesMax
   READ_FAILED,  // errno says why
@@ -75,7 +80,7 @@ enum class WalkEnd {
 //   if (walk.end() == WalkEnd::READ_FAILED) { ... }
 class RecordWalk {
  public:
-  RecordWalk(int fd, uint64_t file_bytes) : window_(fd, file_bytes) {}
+  RecordWalk(int fd, uint64_t file_bytes) : fd_(fd), window_(fd, file_bytes) {}
 
   // Moves to the next record, the first one at the first call; false at the end.
   bool next();
@@ -101,11 +106,14 @@ class RecordWalk {
 
  private:
   bool stop(WalkEnd end);
+  bool is_zero_to_the_end();
 
+  int fd_;
   FileWindow window_;
   uint64_t offset_ = 0;
   uint64_t next_offset_ = 0;
   uint32_t block_bytes_ = 0;
+  uint64_t data_offset_ = 0;  // below it no zeros reach to the end
   WalkEnd end_ = WalkEnd::FILE_END;
 };
 

@@ -334,6 +334,16 @@ bool BlockFiles::exists(const std::string& file_name) const {
   return std::filesystem::is_regular_file(state_->path_of(file_name), failure);
 }
 
+uint64_t BlockFiles::total_bytes() const {
+  uint64_t total = 0;
+  for (const std::string& name : list()) {
+    std::error_code failure;
+    const uint64_t bytes = std::filesystem::file_size(state_->path_of(name), failure);
+    total += failure ? 0 : bytes;
+  }
+  return total;
+}
+
 std::optional<std::vector<uint256>> BlockFiles::repair(const std::string& file_name,
                                                        const std::map<uint256, uint32_t>& indexed) {
   const std::string path = state_->path_of(file_name);

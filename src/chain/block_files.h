@@ -77,6 +77,9 @@ class BlockFiles {
   std::vector<std::string> list() const;
   bool exists(const std::string& file_name) const;
 
+  // Size of all of them together.
+  uint64_t total_bytes() const;
+
   // Walks one file at start-up. Blocks of `indexed` (hashes and heights that the
   // index names for it) that the walk does not reach, or reaches with another
   // height only, are searched for in the damage; where some are found, the file is

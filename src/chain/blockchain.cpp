@@ -144,7 +144,7 @@ int64_t Blockchain::get_total_supply() const {
 
 ChainStatus Blockchain::get_status() const {
   const MutexLock lock(mutex_);
-  ChainStatus status{state_.tip_hash(), state_.tip_height(), broken_, rebuilding_, std::nullopt};
+  ChainStatus status{state_.tip_hash(), state_.tip_height(), broken_, rebuilding_, storing_fails_, std::nullopt};
   const BlockIndex* refused = refused_for_depth_ ? tree_.find(*refused_for_depth_) : nullptr;
   const BlockIndex* tip = tree_.find(state_.tip_hash());
   if (refused != nullptr && tip != nullptr && tip->chain_work < refused->chain_work) {

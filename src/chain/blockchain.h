@@ -90,6 +90,7 @@ struct ChainStatus {
   uint32_t best_height = 0;
   bool broken = false;                              // the state is lost; rebuild-needed was written
   bool rebuilding = false;                          // a rebuild, asked for by option or by that file, is not done
+  bool storing_fails = false;                       // the last block that was to be stored could not be
   std::optional<uint256> branch_refused_for_depth;  // tip of the last one seen, while it has more work
 };
 
@@ -371,6 +372,7 @@ class Blockchain {
   std::set<uint256> dropped_ GUARDED_BY(mutex_);
   bool broken_ GUARDED_BY(mutex_) = false;
   bool rebuilding_ GUARDED_BY(mutex_) = false;
+  bool storing_fails_ GUARDED_BY(mutex_) = false;
   std::optional<ChainTip> saved_tip_ GUARDED_BY(mutex_);  // what the database named at the start
   uint64_t change_number_ GUARDED_BY(mutex_) = 0;
   uint64_t old_fork_count_ GUARDED_BY(mutex_) = 0;

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <limits>
 
 #include "chain/block_rules.h"
 #include "chain/blockchain.h"
@@ -359,7 +358,7 @@ std::optional<uint256> Blockchain::read_snapshot_tip() const {
 
 bool Blockchain::read_snapshot(SnapshotData& data, std::string& reason) const {
   try {
-    const auto file = read_whole_file(directory_ + "/" + kSnapshotFile, std::numeric_limits<uint64_t>::max());
+    const auto file = read_whole_file(directory_ + "/" + kSnapshotFile, snapshot_bytes_max(files_.total_bytes()));
     return file ? decode_snapshot(*file, data, reason) : refuse_start(reason, "no snapshot file");
   } catch (const std::exception&) {
     return refuse_start(reason, "no snapshot file");  // too large to be read whole

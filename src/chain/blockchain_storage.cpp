@@ -20,10 +20,11 @@ bool Blockchain::save_block_to_disk(const Block& block) {
 }
 
 bool Blockchain::append_block(const Block& block) {
-  return files_.append(block, [this](const std::string& file_name, const uint256& hash) REQUIRES(mutex_) {
+  storing_fails_ = !files_.append(block, [this](const std::string& file_name, const uint256& hash) REQUIRES(mutex_) {
     const BlockIndex* entry = tree_.find(hash);
     return entry != nullptr && entry->file_name == file_name;
   });
+  return !storing_fails_;
 }
 
 std::optional<Block> Blockchain::load_block_from_disk(const uint256& hash) const {

@@ -67,6 +67,13 @@ struct SnapshotData {
   DerivedIndexes indexes;
 };
 
+// No snapshot of a chain is longer, by the bytes of its block files: an output of
+// some 30 bytes there is an entry here, an id in the list of its address and at
+// most that list's begin, 132 bytes. Tells a file that is not worth reading.
+constexpr uint64_t snapshot_bytes_max(uint64_t block_file_bytes) {
+  return 8 * block_file_bytes + (uint64_t{1} << 20);
+}
+
 // O(state); the buffer is the only large allocation.
 Bytes encode_snapshot(const SnapshotHeader& header, const UTXOSet& utxos, const TreasuryState& treasury,
                       const DerivedIndexes& indexes);

@@ -242,7 +242,7 @@ bool UndoJournal::rewrite() {
     add(entry);
   }
   const std::string temporary = path_ + ".tmp";
-  FileDescriptor file = open_file(temporary, O_WRONLY | O_CREAT | O_TRUNC);
+  FileDescriptor file = open_file(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK);
   bool is_written = file.is_open();
   for (const Record* record : records) {
     is_written = is_written && write_all(file.get(), record->frame);

@@ -31,7 +31,8 @@ void remove_keeping_errno(const std::string& path) {
 }
 
 bool write_synced(const std::string& path, ByteView data) {
-  const FileDescriptor file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+  // Not waiting for the reader of a pipe.
+  const FileDescriptor file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK);
   return file.is_open() && write_all(file.get(), data) && sync_data(file.get());
 }
 

@@ -47,7 +47,16 @@ bool Mempool::add_transaction(const Transaction& tx, int64_t fee, std::string& e
   return admit(tx, fee, error);
 }
 
+void Mempool::close() {
+  const MutexLock lock(mutex_);
+  closed_ = true;
+}
+
 bool Mempool::admit(const Transaction& tx, int64_t fee, std::string& error) {
+  if (closed_) {
+    error = kPoolClosed;
+    return false;
+  }
   const uint256 txid = tx.get_txid();
   if (entries_.contains(txid)) {
     error = kAlreadyInPool;

@@ -43,6 +43,9 @@ namespace norvel {
 // Why a transaction that the pool holds is not added again.
 inline constexpr const char kAlreadyInPool[] = "Transaction already in mempool";
 
+// Why a closed pool adds nothing.
+inline constexpr const char kPoolClosed[] = "Node is stopping";
+
 struct MempoolStats {
   uint64_t count = 0;
   uint64_t total_bytes = 0;
@@ -58,9 +61,13 @@ class Mempool {
   // Takes a copy of `tx`. When it does not fit, the entry with the lowest fee
   // rate (of equal ones the smallest txid) is evicted first, whatever `tx` pays,
   // and stays evicted even if `tx` is refused after all. Refusals, in this order:
-  // kAlreadyInPool, "Coinbase transactions not allowed in mempool", "Input already
+  // kPoolClosed, kAlreadyInPool, "Coinbase transactions not allowed in mempool", "Input already
   // spent in mempool", "Mempool full".
   bool add_transaction(const Transaction& tx, int64_t fee, std::string& error) EXCLUDES(mutex_);
+
+  // Nothing is added from here on: whoever is told that a transaction was
+  // accepted finds it in what is saved afterwards.
+  void close() EXCLUDES(mutex_);
 
   void remove_transaction(const uint256& txid) EXCLUDES(mutex_);
 
@@ -152,6 +159,7 @@ class Mempool {
   std::set<std::pair<uint32_t, uint256>> time_locked_ GUARDED_BY(mutex_);  // by lock time, where that counts
   std::list<uint256> evicted_ GUARDED_BY(mutex_);                          // those that left children behind
   uint64_t total_size_ GUARDED_BY(mutex_) = 0;                             // bytes
+  bool closed_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace norvel

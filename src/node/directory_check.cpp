@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <limits>
 #include <set>
 #include <stdexcept>
 #include <vector>
@@ -253,7 +252,7 @@ void DirectoryCheck::check_index() {
 
 void DirectoryCheck::read_snapshot() {
   const std::string path = directory_ + "/" + kSnapshotFile;
-  snapshot_ = read_whole_file(path, std::numeric_limits<uint64_t>::max());
+  snapshot_ = read_whole_file(path, snapshot_bytes_max(files_.total_bytes()));
   if (!snapshot_) {
     if (errno == ENOENT) {
       tell("no snapshot yet");

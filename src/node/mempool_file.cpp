@@ -59,7 +59,7 @@ void walk_in_order(const Mempool& pool, const std::vector<uint256>& txids, const
 }
 
 bool write_pool(const Mempool& pool, const std::string& path, Clock::time_point deadline) {
-  const FileDescriptor file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+  const FileDescriptor file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK);
   if (!file.is_open()) {
     return false;
   }

@@ -301,6 +301,7 @@ void Node::State::look_around() {
   if (status.branch_refused_for_depth) {
     health.refused_branch = status.branch_refused_for_depth->to_hex();
   }
+  health.storing_fails = status.storing_fails;
   if (!options.no_listen && !core->network.is_listening()) {
     health.deaf_port = options.port;
   }
@@ -338,6 +339,7 @@ void Node::State::shut_down() {
     complain("Warning: the state could not be written; the block files and the last written state are enough");
   }
   if (is_pool_loaded) {
+    core->pool.close();  // calls may still be under way
     save_mempool(core->pool, options.data_dir, kSaveTimeMs);
   }
   bool ended = core->network.is_finished();

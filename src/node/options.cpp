@@ -57,10 +57,17 @@ void describe(CLI::App& app, CommandLine& line, std::map<std::string, Flag>& fla
     } else {
       option->expected(1);
     }
+  }
+}
+
+// What --help prints. CLI11 hides an option, from its own complaints too, by taking its group away.
+std::string help_text(CLI::App& app) {
+  for (const OptionRow& row : option_table()) {
     if (row.help.empty()) {
-      option->group("");
+      app.get_option("--" + row.name)->group("");
     }
   }
+  return app.help();
 }
 
 // Throws CLI::Error; also for --help and --version.
@@ -169,7 +176,7 @@ Invocation read_options(const std::vector<std::string>& arguments) {
     line = parse_command_line(app, arguments);
   } catch (const CLI::CallForHelp&) {
     invocation.exit_status = 0;
-    invocation.output = app.help();
+    invocation.output = help_text(app);
     return invocation;
   } catch (const CLI::CallForVersion& call) {
     invocation.exit_status = 0;

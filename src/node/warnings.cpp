@@ -17,6 +17,9 @@ Warnings::Texts Warnings::collect(const NodeHealth& health) {
                         " MB of disk are free; the node stops below " + std::to_string(kFreeDiskStopBytes / kMegabyte) +
                         " MB";
   }
+  if (health.storing_fails) {
+    texts[Kind::STORE] = "The last block could not be stored: see the lines on its file; a restart may mend it";
+  }
   if (std::abs(health.clock_offset_s) > kClockOffsetMaxS) {
     texts[Kind::CLOCK] = "This machine's clock is " + std::to_string(std::abs(health.clock_offset_s)) + " s " +
                          (health.clock_offset_s > 0 ? "behind" : "ahead of") + " most peers' clocks";

@@ -24,6 +24,7 @@ struct NodeHealth {
   std::optional<uint64_t> free_disk_bytes;
   int64_t clock_offset_s = 0;         // most peers' clocks minus this machine's
   std::string refused_branch;         // tip of a heavier branch refused for its depth; empty: none
+  bool storing_fails = false;         // the last block could not be stored
   std::optional<uint16_t> deaf_port;  // for peers: meant to be listened on, and is not
 };
 
@@ -39,7 +40,7 @@ class Warnings {
   std::vector<std::string> standing() const EXCLUDES(mutex_);
 
  private:
-  enum class Kind { DISK, CLOCK, DEPTH, LISTEN };
+  enum class Kind { DISK, STORE, CLOCK, DEPTH, LISTEN };
   using Texts = std::map<Kind, std::string>;
 
   static Texts collect(const NodeHealth& health);

@@ -333,7 +333,7 @@ TEST_F(BlockFilesTest, RepairCutsATornTailAndKeepsIt) {
 
 TEST_F(BlockFilesTest, RepairLeavesWhatIsWellFramed) {
   const Bytes zeros(64);  // records without a block
-  const Bytes bytes = join({record_of(blocks_[0]), junk(300, 9), record_of(blocks_[1]), zeros});
+  const Bytes bytes = join({record_of(blocks_[0]), junk(300, 9), zeros, record_of(blocks_[1])});
   write(bytes);
   EXPECT_EQ(files_.repair(kName, index_of({1})), std::vector<uint256>{});
   EXPECT_EQ(files_.repair(kName, {{hash(1), 7}}), std::vector{hash(1)});
@@ -341,6 +341,33 @@ TEST_F(BlockFilesTest, RepairLeavesWhatIsWellFramed) {
   EXPECT_EQ(stderr_.text(), "");
   EXPECT_FALSE(files_.repair("blk00001.dat", {}));
   EXPECT_FALSE(files_.repair("../" + std::string(kName), {}));
+}
+
+// A power cut leaves room without the records that it was for.
+TEST_F(BlockFilesTest, ZerosAtTheEndAreCutOffAndNotKept) {
+  const Bytes front = record_of(blocks_[0]);
+  const Bytes torn(front.begin(), front.end() - 40);
+  const struct {
+    const char* label;
+    Bytes kept;  // between the first record and the zeros
+    uint64_t zeros;
+  } rows[] = {{"a page", {}, 4'096}, {"two", {}, 2}, {"a terabyte without blocks", {}, 1ull << 40}, {"more", torn, 4}};
+  for (const auto& row : rows) {
+    for (const bool is_start : {true, false}) {
+      SCOPED_TRACE(testing::Message() << row.label << (is_start ? " at a start" : " before an append"));
+      const Bytes bytes = join({front, row.kept});
+      std::filesystem::remove(directory_ / "blk00000.dat.cut");
+      write(bytes);
+      std::filesystem::resize_file(directory_ / kName, bytes.size() + row.zeros);
+      BlockFiles files(directory_.path());
+      ASSERT_TRUE(!is_start || files.repair(kName, index_of({0})) == std::vector<uint256>{});
+      ASSERT_TRUE(files.append(blocks_[1], never));
+      EXPECT_EQ(read(), join({front, record_of(blocks_[1])}));
+      EXPECT_TRUE(files.load(kName, hash(0), 1) && files.load(kName, hash(1), 2));
+      const Bytes cut = read("blk00000.dat.cut");
+      EXPECT_EQ(Bytes(cut.begin(), cut.begin() + static_cast<ptrdiff_t>(row.kept.size())), row.kept);
+    }
+  }
 }
 
 TEST_F(BlockFilesTest, ABlockBehindDamageIsTakenWithItsHeightOnly) {

@@ -84,6 +84,13 @@ TEST_F(Damage, OfTheSnapshotOrTheJournalCostsAReplay) {
   }
 }
 
+TEST_F(Damage, ByATerabyteOfZerosCostsAReplayAtMost) {
+  for (const std::string& name : {std::string(kSnapshotFile), std::string("undo.dat"), block_file_name(0)}) {
+    SCOPED_TRACE(name);
+    expect_recovery([&](const std::string& directory) { fs::resize_file(directory + "/" + name, 1ull << 40); });
+  }
+}
+
 TEST_F(Damage, OfTheLastRecordLosesThatBlockOnly) {
   const std::string name = block_file_name(0);
   const Bytes whole = content_of(name);
