@@ -336,9 +336,9 @@ bool BlockFiles::exists(const std::string& file_name) const {
 
 uint64_t BlockFiles::total_bytes() const {
   uint64_t total = 0;
-  for (const std::string& name : list()) {
-    std::error_code failure;
-    const uint64_t bytes = std::filesystem::file_size(state_->path_of(name), failure);
+  std::error_code failure;
+  for (uint32_t height = 0; !failure; height += kHeightsPerFile) {
+    const uint64_t bytes = std::filesystem::file_size(state_->path_of(block_file_name(height)), failure);
     total += failure ? 0 : bytes;
   }
   return total;

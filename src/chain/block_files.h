@@ -77,7 +77,7 @@ class BlockFiles {
   std::vector<std::string> list() const;
   bool exists(const std::string& file_name) const;
 
-  // Size of all of them together.
+  // Size of all of them together, up to the first that is missing.
   uint64_t total_bytes() const;
 
   // Walks one file at start-up. Blocks of `indexed` (hashes and heights that the

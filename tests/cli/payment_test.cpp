@@ -16,14 +16,6 @@ namespace {
 const SampleKey kSender = sample_key(1);
 const SampleKey kRecipient = sample_key(2);
 
-KeyPair sender() {
-  KeyPair pair;
-  pair.secret = kSender.private_key;
-  pair.public_key = kSender.pubkey;
-  pair.address = kSender.address;
-  return pair;
-}
-
 PaymentOrder order_of(int64_t amount, std::optional<int64_t> fee = {}, const std::string& message = "") {
   return {"", kRecipient.address, amount, fee, message};
 }
@@ -45,6 +37,15 @@ SpendableOutputs outputs(size_t count, int64_t value) {
   return read_spendable(list_utxos(count, value), kSender.address, {});
 }
 
+// As its sender makes it; with a message for whom the node gives this key.
+Transaction payment(const PaymentOrder& order, const SpendableOutputs& spendable, const Bytes& recipient = {}) {
+  KeyPair sender;
+  sender.secret = kSender.private_key;
+  sender.public_key = kSender.pubkey;
+  sender.address = kSender.address;
+  return make_payment(order, sender, spendable, recipient);
+}
+
 bool is_signed(const Transaction& tx, const SpendableOutputs& spendable) {
   return tx.verify_all_signatures(std::map<OutPoint, TxOut>(spendable.begin(), spendable.end()));
 }
@@ -54,7 +55,7 @@ TEST(Payment, PaysTheAmountTheFeeBySizeAndTheRestBack) {
     SCOPED_TRACE(inputs);
     const SpendableOutputs spendable = outputs(inputs, kCoin);
     const int64_t amount = static_cast<int64_t>(inputs) * kCoin - kCoin / 2;
-    const Transaction tx = make_payment(order_of(amount), sender(), spendable, {});
+    const Transaction tx = payment(order_of(amount), spendable);
     ASSERT_EQ(tx.outputs.size(), 2u);
     EXPECT_EQ(tx.outputs[0].value, amount);
     EXPECT_EQ(tx.outputs[0].get_pubkey_hash(), kRecipient.pubkey_hash);
@@ -69,21 +70,21 @@ TEST(Payment, PaysTheAmountTheFeeBySizeAndTheRestBack) {
 TEST(Payment, FeeAtTheEdgesOfWhatThereIs) {
   const SpendableOutputs spendable = outputs(2, kCoin);
   // The fee by size needs the second output.
-  EXPECT_EQ(make_payment(order_of(kCoin), sender(), spendable, {}).inputs.size(), 2u);
+  EXPECT_EQ(payment(order_of(kCoin), spendable).inputs.size(), 2u);
   // Nothing is left for a fee by size, while none at all is a wish to be had.
-  EXPECT_THROW(make_payment(order_of(2 * kCoin), sender(), spendable, {}), std::runtime_error);
-  EXPECT_EQ(fee_of(make_payment(order_of(2 * kCoin, 0), sender(), spendable, {}), spendable), 0);
+  EXPECT_THROW(payment(order_of(2 * kCoin), spendable), std::runtime_error);
+  EXPECT_EQ(fee_of(payment(order_of(2 * kCoin, 0), spendable), spendable), 0);
   // Nodes may list an output twice.
   SpendableOutputs repeated = outputs(1, kCoin);
   repeated.push_back(repeated[0]);
-  EXPECT_EQ(runtime_error_of([&] { make_payment(order_of(kCoin), sender(), repeated, {}); }), "Insufficient funds");
+  EXPECT_EQ(runtime_error_of([&] { payment(order_of(kCoin), repeated); }), "Insufficient funds");
   // What is too small for change is fee enough.
   const SpendableOutputs one = outputs(1, kCoin);
-  const Transaction without_change = make_payment(order_of(kCoin - 3'000), sender(), one, {});
+  const Transaction without_change = payment(order_of(kCoin - 3'000), one);
   EXPECT_EQ(without_change.outputs.size(), 1u);
   EXPECT_EQ(fee_of(without_change, one), 3'000);
   // As much as the fee of a transaction without change, which another input would only raise.
-  const Transaction exact = make_payment(order_of(kCoin - 2'040), sender(), outputs(2, kCoin), {});
+  const Transaction exact = payment(order_of(kCoin - 2'040), outputs(2, kCoin));
   EXPECT_EQ(exact.inputs.size(), 1u);
   EXPECT_EQ(fee_of(exact, outputs(2, kCoin)), 2'040);
 }
@@ -92,13 +93,13 @@ TEST(Payment, FeeAtTheEdgesOfWhatThereIs) {
 TEST(Payment, ManySmallOutputsAreSignedOnce) {
   const auto cpu_seconds = [](const PaymentOrder& order, const SpendableOutputs& spendable, size_t inputs) {
     const std::clock_t start = std::clock();
-    EXPECT_EQ(make_payment(order, sender(), spendable, {}).inputs.size(), inputs);
+    EXPECT_EQ(payment(order, spendable).inputs.size(), inputs);
     return static_cast<double>(std::clock() - start);
   };
   constexpr int64_t kValue = 1'500;
   const SpendableOutputs spendable = outputs(3'000, kValue);
   const PaymentOrder order = order_of(4 * kValue);
-  const Transaction tx = make_payment(order, sender(), spendable, {});
+  const Transaction tx = payment(order, spendable);
   const size_t inputs = tx.inputs.size();
   EXPECT_GT(inputs, 200u);
   EXPECT_GE(fee_of(tx, spendable), kFeeUnitsPerByte * static_cast<int64_t>(tx.size()));
@@ -110,7 +111,7 @@ TEST(Payment, MoreInputsThanNodesRelayAreRefusedBeforeSigning) {
   const SpendableOutputs spendable = outputs(kInputsMax + 1, kCoin);
   const auto most = static_cast<int64_t>(kInputsMax) * kCoin;
   for (const std::optional<int64_t> fee : {std::optional<int64_t>(), std::optional<int64_t>(1)}) {
-    EXPECT_EQ(runtime_error_of([&] { make_payment(order_of(most, fee), sender(), spendable, {}); }),
+    EXPECT_EQ(runtime_error_of([&] { payment(order_of(most, fee), spendable); }),
               "The payment would need 2001 small outputs, and 2000 are the most that nodes relay; pay less, or first "
               "to yourself");
   }
@@ -119,18 +120,18 @@ TEST(Payment, MoreInputsThanNodesRelayAreRefusedBeforeSigning) {
 
 TEST(Payment, FeeOfASlipOfTheHandIsRefused) {
   const SpendableOutputs spendable = outputs(1, 20 * kCoin);
-  EXPECT_EQ(fee_of(make_payment(order_of(kCoin, kFeeUnitsMax), sender(), spendable, {}), spendable), kFeeUnitsMax);
-  EXPECT_THROW(make_payment(order_of(kCoin, kFeeUnitsMax + 1), sender(), spendable, {}), std::runtime_error);
+  EXPECT_EQ(fee_of(payment(order_of(kCoin, kFeeUnitsMax), spendable), spendable), kFeeUnitsMax);
+  EXPECT_THROW(payment(order_of(kCoin, kFeeUnitsMax + 1), spendable), std::runtime_error);
 }
 
 TEST(Payment, MessageIsReadByTheRecipientAloneAndPaidFor) {
   const SpendableOutputs spendable = outputs(1, kCoin);
-  const Transaction tx = make_payment(order_of(1'000, {}, "hello"), sender(), spendable, kRecipient.pubkey);
+  const Transaction tx = payment(order_of(1'000, {}, "hello"), spendable, kRecipient.pubkey);
   EXPECT_EQ(tx.decrypt_messages(kRecipient.private_key), std::vector<std::string>{"hello"});
   EXPECT_GE(fee_of(tx, spendable),
             tx.outputs[0].calculate_message_fee() + kFeeUnitsPerByte * static_cast<int64_t>(tx.size()));
   // Another key from the node would show the note to someone else.
-  EXPECT_EQ(runtime_error_of([&] { make_payment(order_of(1'000, {}, "hello"), sender(), spendable, kSender.pubkey); }),
+  EXPECT_EQ(runtime_error_of([&] { payment(order_of(1'000, {}, "hello"), spendable, kSender.pubkey); }),
             "The node gave a public key of another address; the message is not sent");
 }
 

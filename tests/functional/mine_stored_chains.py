@@ -3,8 +3,6 @@
 Usage: NORVEL_SOLVE_HEADER=.../solve_header python3 mine_stored_chains.py
 """
 
-import os
-
 from header_solver import HeaderSolver
 from stored_chain import BRANCHES, chain, child, path_of
 

@@ -5,8 +5,9 @@ import random
 import shutil
 import signal
 import socket
+import ssl
 import tempfile
-from typing import Any, Dict, Iterable, List, Optional
+from typing import Any, Dict, Iterable, List, Optional, Tuple
 
 import raw_http
 from child_process import Child, program, wait_until
@@ -49,6 +50,8 @@ class Node:
         self._options = ("--datadir", self.directory, "--bind", address, "--port", self.port, "--rpc-port",
                          self.rpc_port, *options)
         self.environment: Dict[str, str] = {}  # of the next start
+        self.credentials: Optional[Tuple[str, str]] = None  # of calls, which go over TLS where this is set
+        self.tls: Optional[ssl.SSLContext] = None
         self.child: Optional[Child] = None
 
     def __enter__(self) -> "Node":
@@ -108,7 +111,10 @@ class Node:
     def rpc(self, method: str, *params: Any, limit_s: float = 30) -> Any:
         """A call with positional parameters, or with one object."""
         single = len(params) == 1 and isinstance(params[0], dict)
-        return raw_http.call(self.rpc_port, method, params[0] if single else list(params), limit_s)
+        body = raw_http.call_body(method, params[0] if single else list(params))
+        headers = [raw_http.authorization(*self.credentials)] if self.credentials else []
+        request = raw_http.request(body, *headers)
+        return raw_http.result_of(raw_http.ask(self.rpc_port, request, tls=self.tls, limit_s=limit_s))
 
     def height(self) -> int:
         return int(self.rpc("getblockcount"))
@@ -117,9 +123,7 @@ class Node:
         return str(self.rpc("getbestblockhash"))
 
     def wait_for_tip(self, block: Block, limit_s: float = 30) -> None:
-        self.wait_for_tip_hash(hash_text(block.hash()), limit_s)
-
-    def wait_for_tip_hash(self, wanted: str, limit_s: float = 30) -> None:
+        wanted = hash_text(block.hash())
         wait_until(lambda: self.tip() == wanted, f"tip {wanted[:16]} at {self.endpoint}", limit_s)
 
     def peers(self) -> List[Any]:

@@ -4,12 +4,12 @@ import os
 import tempfile
 import time
 from contextlib import ExitStack
-from typing import Any, Dict, Sequence
+from typing import Any, Dict, List, Sequence
 
 from block_check import Served, wanted_coinbase
 from header_solver import HeaderSolver
 from node_process import FIXED_DIFFICULTY, Node, scratch_root
-from norvel_formats import Block, merkle_root, sha256d
+from norvel_formats import Block, hash_text, merkle_root, sha256d
 from raw_peer import ServingPeer
 from stand_in_node import MINER_ADDRESS
 from stored_chain import Key, chain
@@ -70,6 +70,10 @@ def block_of(template: Dict[str, Any], payee: Key) -> Block:
     parent = bytes.fromhex(template["previousblockhash"])[::-1]
     root = merkle_root([sha256d(tx) for tx in body])
     return Block(int(template["version"]), parent, root, stamp, int(template["bits"]), 0, int(template["height"]), body)
+
+
+def txids_of(block: Block) -> List[str]:
+    return [hash_text(sha256d(tx)) for tx in block.txs]
 
 
 def has_in_template(node: Node, txid: str) -> bool:

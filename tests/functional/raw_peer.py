@@ -44,8 +44,6 @@ class RawPeer:
     def __init__(self, node: Node, source: str = "127.0.0.1") -> None:
         self.sock = socket.create_connection((node.address, node.port), 10 * SLOW, (source, 0))
         self.port: int = self.sock.getsockname()[1]
-        self.sent_bytes = 0
-        self.received_bytes = 0
         self._buffer = bytearray()  # whose front is cheap to remove
 
     def __enter__(self) -> "RawPeer":
@@ -57,7 +55,6 @@ class RawPeer:
     def send_raw(self, data: bytes, limit_s: float = 30) -> None:
         self.sock.settimeout(limit_s * SLOW)
         self.sock.sendall(data)
-        self.sent_bytes += len(data)
 
     def send(self, kind: int, payload: bytes = b"") -> None:
         self.send_raw(frame(kind, payload))
@@ -75,7 +72,6 @@ class RawPeer:
                 return None
             if not chunk:
                 return None
-            self.received_bytes += len(chunk)
             self._buffer += chunk
 
     def _take_frame(self) -> Optional[Message]:
@@ -136,20 +132,14 @@ class RawPeer:
 
 
 class ServingPeer(RawPeer):
-    """Serves a chain from a thread as an honest node does, until closed or told to stop.
+    """Serves a chain from a thread as an honest node does, until closed or told to stop."""
 
-    Threads: the lists only grow; a test may read them at any time.
-    """
-
-    def __init__(self, node: Node, blocks: Sequence[Block], announced_height: Optional[int] = None,
-                 source: str = "127.0.0.1") -> None:
-        super().__init__(node, source)
-        self.blocks = blocks
-        self.asked_from: List[bytes] = []  # start hashes of GETBLOCKS
-        self.delivered: List[int] = []  # heights
+    def __init__(self, node: Node, blocks: Sequence[Block]) -> None:
+        super().__init__(node)
+        self._blocks = blocks
         self._height_of: Dict[bytes, int] = {block.hash(): block.height for block in blocks}
         self._stopping = False
-        self.handshake(blocks[-1].height if announced_height is None else announced_height)
+        self.handshake(blocks[-1].height)
         self._thread = threading.Thread(target=self._serve, daemon=True)
         self._thread.start()
 
@@ -164,27 +154,25 @@ class ServingPeer(RawPeer):
                 continue
             try:
                 message = self.receive(10)
+                if message is None:
+                    return
+                self._answer(*message)
             except (OSError, AssertionError):
                 return
-            if message is None:
-                return
-            self._answer(*message)
 
     def _answer(self, kind: int, payload: bytes) -> None:
         if kind == PING:
             self.send(PONG, payload)
         elif kind == GETBLOCKS:
-            self.asked_from.append(payload[:32])
             first = self._height_of.get(payload[:32], 0) + 1
-            hashes = [block.hash() for block in self.blocks[first : first + 500]]
+            hashes = [block.hash() for block in self._blocks[first : first + 500]]
             if hashes:
                 self.send(INV, inventory(INV_BLOCK, hashes))
         elif kind == GETDATA:
             for at in range(0, len(payload) - 32, 33):
                 height = self._height_of.get(payload[at + 1 : at + 33])
                 if payload[at] == INV_BLOCK and height is not None:
-                    self.delivered.append(height)
-                    self.send(BLOCK, self.blocks[height].encode())
+                    self.send(BLOCK, self._blocks[height].encode())
 
 
 GETBLOCKS_FROM_GENESIS = NULL_HASH + NULL_HASH  # an unknown start: answered from height 1

@@ -7,9 +7,9 @@ takes them when its retarget interval is longer than the chain. `mine_stored_cha
 import os
 from dataclasses import dataclass
 from functools import lru_cache
-from typing import Callable, List, Optional, Sequence, Tuple
+from typing import Tuple
 
-from norvel_formats import NULL_HASH, TX_COINBASE, Block, Tx, TxIn, TxOut, address_of, le, merkle_root, p2pkh, sha256d
+from norvel_formats import NULL_HASH, TX_COINBASE, Block, Tx, TxIn, TxOut, address_of, le, p2pkh, sha256d
 
 DIRECTORY = os.path.join(os.path.dirname(os.path.abspath(__file__)), "chains")
 GENESIS_TIME = 1_704_067_200
@@ -60,22 +60,16 @@ def genesis() -> Block:
     return Block(1, NULL_HASH, sha256d(tx), GENESIS_TIME, 0x207FFFFF, 2, 0, [tx])
 
 
-def child(parent: Block, key_hash: bytes, nonce: int = 0, txs: Sequence[bytes] = ()) -> Block:
-    """A block on `parent` as the stored chains have it; the fees of `txs` must be below what the treasury shares."""
+def child(parent: Block, key_hash: bytes, nonce: int = 0) -> Block:
+    """A block on `parent` as the stored chains have it."""
     height = parent.height + 1
     time = GENESIS_TIME + SPACING_S * height
-    body = [coinbase(height, key_hash, time), *txs]
-    root = merkle_root([sha256d(tx) for tx in body])
-    return Block(1, parent.hash(), root, time, EASIEST_BITS, nonce, height, body)
+    tx = coinbase(height, key_hash, time)
+    return Block(1, parent.hash(), sha256d(tx), time, EASIEST_BITS, nonce, height, [tx])
 
 
 def path_of(name: str) -> str:
     return os.path.join(DIRECTORY, name + ".nonces")
-
-
-def read_nonces(name: str) -> List[int]:
-    with open(path_of(name), encoding="ascii") as file:
-        return [int(line, 16) for line in file]
 
 
 @lru_cache(None)
@@ -83,6 +77,7 @@ def chain(name: str = "main") -> Tuple[Block, ...]:
     """Blocks by height, genesis first, up to the end of the branch."""
     branch = BRANCHES[name]
     blocks = [genesis()] if branch.fork == 0 else list(chain()[: branch.fork + 1])
-    for nonce in read_nonces(name):
-        blocks.append(child(blocks[-1], branch.payee.key_hash, nonce))
+    with open(path_of(name), encoding="ascii") as file:
+        for nonce in file:
+            blocks.append(child(blocks[-1], branch.payee.key_hash, int(nonce, 16)))
     return tuple(blocks)

@@ -11,18 +11,13 @@ import raw_peer as p
 from child_process import SLOW, wait_until
 from node_process import Node
 from node_scenes import Stage
+from node_watch import beside_clients
+from raw_http import open_stream, request
 from raw_peer import RawPeer
-from rpc_scenes import NormalClient, open_stream, request
 from stored_chain import chain
 
 HEIGHT = 100
 FEW, PEERS = 64, 1100
-
-
-@pytest.fixture(scope="module", name="stage")
-def fixture_stage() -> Iterator[Stage]:
-    with Stage() as stage:
-        yield stage
 
 
 @contextmanager
@@ -52,7 +47,7 @@ def test_a_node_of_64_descriptors_answers_calls_and_stores_blocks(stage: Stage) 
     resource.prlimit(node.running.process.pid, resource.RLIMIT_NOFILE, (FEW, FEW))
     with ExitStack() as stack:
         fill(stack, node)
-        with NormalClient(node, 96, FEW):
+        with beside_clients(node, 96, FEW):
             node.feed(chain()[HEIGHT + 1 : HEIGHT + 21])
         print(node.descriptor_count(), "descriptors while both ports are full")
         assert node.descriptor_count() <= FEW - 8

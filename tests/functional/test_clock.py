@@ -12,7 +12,8 @@ from child_process import wait_until
 from miner_process import Miner
 from node_process import Node
 from node_scenes import Stage
-from node_watch import NodeWatch
+from node_watch import OBSERVER, beside_peers
+from raw_peer import RawPeer
 from wallet import LEFT, MAIN
 
 LAYER = os.environ.get("NORVEL_CLOCK_LAYER", "")
@@ -50,7 +51,7 @@ def test_a_day_both_ways() -> None:
         here.start("--connect", there.endpoint)
         here.wait_for_peers(1)
         miner = Miner("--address", MAIN.address, "--rpcport", here.rpc_port, "--threads", 1, environment=shifted)
-        with miner, NodeWatch(here):
+        with miner, beside_peers(here, RawPeer(here, OBSERVER).handshake()):
             grows(there)
             before = connections()
             jump(-DAY_S)

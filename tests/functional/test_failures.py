@@ -25,9 +25,7 @@ ERRORS = [
 NULL_RESULTS = [
     ("null at the start", b.body("null")),
     ("closed at once", answer_well, b.close_at_once),
-    ("garbage", answer_well, b.raw(b"\xff garbage \r\n\r\n garbage")),
     ("HTML with status 500", answer_well, b.body("<html><body>no</body></html>", "500 Internal Server Error")),
-    ("zero byte", answer_well, b.raw(b"HTTP/1.1 200 OK\0\r\nContent-Length: 4\r\n\r\nnull")),
     ("every field of a wrong type", answer_well, b.body(json.dumps({"result": {
         "version": "1", "previousblockhash": 7, "height": "9", "bits": [1], "curtime": {}, "prevblocktime": None,
         "miner_reward": True, "total_fees": "20000", "tx_data": {"0": "zz"}}}))),

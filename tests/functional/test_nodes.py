@@ -1,45 +1,27 @@
 """Nodes on one machine: they find each other, catch up, relay, restart, and agree on the treasury."""
 
 import os
-from typing import Iterator, List
-
-import pytest
+from typing import List
 
 import wallet
 from child_process import Child, program, wait_until
 from node_process import FIXED_DIFFICULTY, Node
-from node_scenes import Stage, has_in_template
-from norvel_formats import hash_text
-from raw_peer import INV, RawPeer, ServingPeer
-from stored_chain import chain, child
+from node_scenes import Stage, has_in_template, txids_of
+from stored_chain import chain
 from wallet import LEFT, MAIN, RIGHT
 
 HEIGHT = 2000
-LIE = 2**32 - 1
-
-
-@pytest.fixture(scope="module", name="stage")
-def fixture_stage() -> Iterator[Stage]:
-    with Stage() as stage:
-        yield stage
-
-
-def wait_for_one_tip(nodes: List[Node], tip: str, limit_s: float = 30) -> None:
-    for node in nodes:
-        node.wait_for_tip_hash(tip, limit_s)
 
 
 def check_relay(stage: Stage, source: Node, nodes: List[Node]) -> None:
     """A transaction and then a block of one node reach all."""
-    outputs = wallet.outputs_of(source, MAIN)
-    tx = wallet.pay(MAIN, RIGHT.address, 500_000_000, outputs[:1])
-    assert source.rpc("sendrawtransaction", {"hex": tx.hex()}) == {"accepted": True, "txid": wallet.txid(tx)}
+    txid = wallet.pay(source, MAIN, RIGHT.address, "5")
     for node in nodes:
-        wait_until(lambda node=node: has_in_template(node, wallet.txid(tx)), f"payment at {node.endpoint}")
+        wait_until(lambda node=node: has_in_template(node, txid), f"payment at {node.endpoint}")
     block = stage.mine_on(source, LEFT)
-    assert tx in block.txs
-    wait_for_one_tip(nodes, hash_text(block.hash()), 10)
+    assert txid in txids_of(block)
     for node in nodes:
+        node.wait_for_tip(block, 10)
         assert node.rpc("getrawmempool") == []
 
 
@@ -98,27 +80,4 @@ def test_a_directory_serves_one_process(stage: Stage) -> None:
                 assert second.end() == 1
                 assert "another process uses" in second.err()
         assert node.height() == 5
-        node.stop()
-
-
-def test_bytes_of_a_synchronisation_from_one_peer(stage: Stage) -> None:
-    blocks = chain()
-    with stage.node(1, 0) as node, ServingPeer(node, blocks) as peer:
-        node.wait_for_tip(blocks[-1], 60)
-        delivered = sorted(peer.delivered)
-        assert delivered == list(range(1, HEIGHT + 1))
-        size = sum(len(block.encode()) for block in blocks[1:])
-        assert peer.sent_bytes + peer.received_bytes <= 1.3 * size + 100 * HEIGHT
-        node.stop()
-
-
-def test_a_peer_that_lies_about_its_height_holds_nothing_up(stage: Stage) -> None:
-    with stage.node(1, 5) as node, RawPeer(node) as liar:
-        liar.handshake(LIE)
-        with ServingPeer(node, chain()[:1201]) as honest:
-            node.wait_for_tip(chain()[1200], 60)
-            assert honest.delivered
-        news = stage.solver.solve(child(chain()[1200], LEFT.key_hash))
-        node.submit(news)
-        liar.expect(INV, lambda payload: news.hash() in payload)
         node.stop()

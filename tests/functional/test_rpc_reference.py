@@ -12,8 +12,9 @@ from typing import Any, Dict, Iterator, Set
 import pytest
 
 from node_process import FIXED_DIFFICULTY, Node, free_port
+from raw_http import ask, call_body, reply_of, request
 from raw_peer import RawPeer
-from rpc_scenes import NOT_FOUND, ask, call_body, reply_of, request
+from rpc_scenes import NOT_FOUND
 from stored_chain import chain
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")

@@ -7,15 +7,14 @@ import os
 import pty
 import signal
 import socket
-import subprocess
 import time
-from typing import Iterator
+from typing import Callable, Iterator
 
 import pytest
 
 import behaviours as b
 import screen
-from child_process import SLOW, program, wait_until
+from child_process import SLOW, Child, program, wait_until
 from miner_process import Miner, mine, pieces_of, side_by_side
 from stand_in_node import EASY, MINER_ADDRESS, START_HEIGHT, Behaviour, StandInNode, answer_well
 
@@ -155,18 +154,12 @@ def test_thirty_short_runs_end_cleanly_wherever_the_signal_falls() -> None:
         assert node.problems == []
 
 
-def unread_output(kind: str) -> "tuple[int, int]":
-    """Both ends of a pipe or terminal that takes little before its reader reads."""
-    if kind == "terminal":
-        return pty.openpty()
-    reading, writing = os.pipe()
-    fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
-    return reading, writing
-
-
-@pytest.mark.parametrize("kind", ["pipe", "terminal"])
-def test_a_reader_that_stops_reading_holds_up_neither_mining_nor_the_end(kind: str) -> None:
-    reading, writing = unread_output(kind)
+@pytest.mark.parametrize("make_ends", [os.pipe, pty.openpty])
+def test_a_reader_that_stops_reading_holds_up_neither_mining_nor_the_end(
+        make_ends: "Callable[[], tuple[int, int]]") -> None:
+    reading, writing = make_ends()
+    if make_ends is os.pipe:
+        fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)  # a terminal takes little as it is
     with StandInNode(EASY, 8) as node, open(writing, "wb", buffering=0) as unread, mine(node.port, 2, unread) as miner:
         wait_until(lambda: len(node.accepted) == 8, "blocks", 20)
         time.sleep(2.5)  # dashboards that do not fit
@@ -178,15 +171,11 @@ def test_a_reader_that_stops_reading_holds_up_neither_mining_nor_the_end(kind: s
 def mines_and_ends_with(redirections: str) -> None:
     with StandInNode(EASY, 3) as node:
         command = f'exec "$0" --address {MINER_ADDRESS} --rpcport {node.port} --threads 2 {redirections}'
-        with subprocess.Popen(["sh", "-c", command, program("NORVEL_MINER")], stdout=subprocess.DEVNULL,
-                              stderr=subprocess.DEVNULL) as process:
-            try:
-                wait_until(lambda: len(node.accepted) == 3 or node.problems, "blocks")
-                time.sleep(1.2)
-                process.send_signal(signal.SIGTERM)
-                assert process.wait(6 * SLOW) == 0
-            finally:
-                process.kill()
+        with Child("/bin/sh", "-c", command, program("NORVEL_MINER")) as miner:
+            wait_until(lambda: len(node.accepted) == 3 or node.problems, "blocks")
+            time.sleep(1.2)
+            miner.send(signal.SIGTERM)
+            assert miner.end(6) == 0
         assert node.problems == []
 
 

@@ -32,12 +32,6 @@ SIGNALS = [signal.SIGINT, signal.SIGTERM]
 SYS_TGKILL = 234
 
 
-@pytest.fixture(scope="module", name="stage")
-def fixture_stage() -> Iterator[Stage]:
-    with Stage() as stage:
-        yield stage
-
-
 def leaves(node: Node) -> None:
     """After a signal; one that came before anything was done has its default action."""
     status = node.running.end(STOP_S)
@@ -124,7 +118,7 @@ def hanging_disk(node: Node) -> Iterator[None]:
 @contextlib.contextmanager
 def hanging_peers(node: Node) -> Iterator[None]:
     """Who asks for much and reads nothing, and who never finishes a request."""
-    with p.RawPeer(node) as peer, raw_http.connect(node.rpc_port) as client:
+    with p.RawPeer(node) as peer, raw_http.open_stream(node.rpc_port) as client:
         with pytest.raises(OSError):
             peer.handshake().send_raw(p.frame(p.PING, bytes(p.PAYLOAD_MAX)) * 8, 1)
         client.sendall(b"POST / HTTP/1.1\r\nContent-Length: 9\r\n\r\n")

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <tuple>
 
 namespace norvel::miner {
 
@@ -47,12 +48,10 @@ TEST(Options, ReadsValuesInOrderAndSkipsTheRest) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
     const Options got = parse_options(row.arguments);
-    EXPECT_EQ(got.help, row.want.help);
+    ASSERT_EQ(got.help, row.want.help);
     if (!got.help) {
-      EXPECT_EQ(got.mining_address, row.want.mining_address);
-      EXPECT_EQ(got.rpc_host, row.want.rpc_host);
-      EXPECT_EQ(got.rpc_port, row.want.rpc_port);
-      EXPECT_EQ(got.threads, row.want.threads);
+      EXPECT_EQ(std::tie(got.mining_address, got.rpc_host, got.rpc_port, got.threads),
+                std::tie(row.want.mining_address, row.want.rpc_host, row.want.rpc_port, row.want.threads));
     }
   }
 }

@@ -58,6 +58,14 @@ Block make_block(uint32_t number, uint32_t bits) {
   return block;
 }
 
+// make_block(), of a node that answers.
+Block template_if(bool answers, uint32_t number, uint32_t bits) {
+  if (!answers) {
+    throw std::runtime_error("no template");
+  }
+  return make_block(number, bits);
+}
+
 // The first nonce from `nonce` on, in steps of `stride`, that meets the target.
 uint32_t next_hit(const Block& block, uint32_t nonce, uint32_t stride) {
   BlockHeader header = block.header;
@@ -132,14 +140,7 @@ TEST(Miner, OneWorkerFollowsTheModelThroughFindsAndFailedRefreshesWithEachKernel
       continue;
     }
     ScriptedMiner scripted(
-        1,
-        [](uint32_t request) {
-          if (request != 0 && request % 3 == 0) {
-            throw std::runtime_error("no template");
-          }
-          return make_block(request, kDense);
-        },
-        kernel);
+        1, [](uint32_t request) { return template_if(request == 0 || request % 3 != 0, request, kDense); }, kernel);
     std::vector<CountedFind> finds;  // the worker's until it has ended
     std::atomic<bool> is_enough{false};
     scripted.miner.callbacks.on_block_found = [&](const Block& block) {
@@ -177,13 +178,10 @@ TEST(Miner, WorkerZeroRenewsItsTemplateAfterEveryTenMillionHashesExactly) {
   std::atomic<bool> is_enough{false};
   ScriptedMiner scripted(
       1,
-      [&](uint32_t request) -> Block {
+      [&](uint32_t request) {
         hashes_when_asked.push_back(miner->stats.total_hashes);
         is_enough = request >= 3;
-        if (request == 2) {
-          throw std::runtime_error("no template");
-        }
-        return make_block(request, kNever);
+        return template_if(request != 2, request, kNever);
       },
       kIdle);
   miner = &scripted.miner;
@@ -201,12 +199,7 @@ TEST(Miner, WorkersStartTenMillionApartAndStrideByTheirCount) {
   for (const uint32_t threads : {2u, 3u, 5u}) {
     SCOPED_TRACE(threads);
     // Each worker is asked for its first find only: the others must not move it.
-    ScriptedMiner scripted(threads, [](uint32_t request) -> Block {
-      if (request != 0) {
-        throw std::runtime_error("no template");
-      }
-      return make_block(0, kSparse);
-    });
+    ScriptedMiner scripted(threads, [](uint32_t request) { return template_if(request == 0, 0, kSparse); });
     const CapturedStderr quiet;
     ASSERT_TRUE(scripted.miner.start());
     std::map<uint32_t, uint32_t> first;
@@ -237,12 +230,8 @@ void expect_mostly(const std::function<bool()>& moves_unaided) {
 TEST(Miner, AFindMovesEveryWorkerToTheNewBlock) {
   expect_mostly([] {
     // Every hash meets the second block's target, so a worker that is moved to it finds there at once.
-    ScriptedMiner scripted(2, [](uint32_t request) -> Block {
-      if (request > 1) {
-        throw std::runtime_error("no template");
-      }
-      return make_block(request, request == 0 ? kRare : kAlways);
-    });
+    ScriptedMiner scripted(
+        2, [](uint32_t request) { return template_if(request <= 1, request, request == 0 ? kRare : kAlways); });
     const CapturedStderr quiet;
     EXPECT_TRUE(scripted.miner.start());
     std::set<uint32_t> finders;
@@ -261,11 +250,8 @@ TEST(Miner, AFindMovesEveryWorkerToTheNewBlock) {
 TEST(Miner, ARefreshAfterAFindThatBroughtNothingMovesEverybody) {
   expect_mostly([] {
     std::atomic<bool> fails{true};
-    ScriptedMiner scripted(2, [&](uint32_t request) -> Block {
-      if (request != 0 && fails) {
-        throw std::runtime_error("no template");
-      }
-      return make_block(request, request == 0 ? kSparse : kNever);
+    ScriptedMiner scripted(2, [&](uint32_t request) {
+      return template_if(request == 0 || !fails, request, request == 0 ? kSparse : kNever);
     });
     // One worker is held in its second find; the other must follow a refresh that nobody found for.
     std::atomic<int> finds{0};
@@ -333,12 +319,7 @@ TEST(Miner, AFindMakesEveryWorkerWaitForTheRequest) {
 
 TEST(Miner, WorkerZeroAloneKeepsTheClockAndSurvivesOneSetBack) {
   const uint64_t begin = unix_time_seconds();
-  ScriptedMiner scripted(2, [](uint32_t request) -> Block {
-    if (request != 0) {
-      throw std::runtime_error("no template");
-    }
-    return make_block(0, kSparse);
-  });
+  ScriptedMiner scripted(2, [](uint32_t request) { return template_if(request == 0, 0, kSparse); });
   std::atomic<bool> renewed{false};
   scripted.miner.callbacks.on_block_found = [&](const Block& block) {
     if (block.header.nonce < Miner::kNonceSpacing) {
@@ -431,21 +412,16 @@ TEST(Miner, StartRefusesWithItsReasonAndLeavesTheMinerIdle) {
   }
 }
 
-TEST(Miner, ARunningMinerRefusesASecondStartAndAnotherThreadCount) {
-  ScriptedMiner scripted(1, [](uint32_t request) { return make_block(request, kNever); });
-  ASSERT_TRUE(scripted.miner.start());
-  CapturedStderr captured;
-  EXPECT_FALSE(scripted.miner.start());
-  scripted.miner.set_threads(2);
-  EXPECT_EQ(captured.text(), "[Miner] Cannot change threads while mining\n");
-  EXPECT_EQ(scripted.miner.thread_count(), 1u);
-  EXPECT_EQ(scripted.request_count(), 1u);
-}
-
-TEST(Miner, StopPrintsItsLinesOnceAndTheMinerStartsAgain) {
+TEST(Miner, ARunningMinerRefusesASecondStartAndOneThatHasStoppedStartsAgain) {
   ScriptedMiner scripted(2, [](uint32_t request) { return make_block(request, kNever); });
   testing::internal::CaptureStdout();
   ASSERT_TRUE(scripted.miner.start());
+  CapturedStderr captured;
+  EXPECT_FALSE(scripted.miner.start());
+  scripted.miner.set_threads(1);
+  EXPECT_EQ(captured.text(), "[Miner] Cannot change threads while mining\n");
+  EXPECT_EQ(scripted.miner.thread_count(), 2u);
+  EXPECT_EQ(scripted.request_count(), 1u);
   scripted.miner.stop();
   scripted.miner.stop();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n[Miner] Stopping miner...\n[Miner] Miner stopped\n");

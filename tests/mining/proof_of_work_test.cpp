@@ -24,8 +24,7 @@ TEST(ProofOfWork, HashMeetsTargetUpToAndIncludingIt) {
       {"one above a zero target", one, 0, false},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    EXPECT_EQ(mining::check_hash_meets_target(row.hash, row.bits), row.meets);
+    EXPECT_EQ(mining::check_hash_meets_target(row.hash, row.bits), row.meets) << row.label;
   }
 }
 
@@ -45,8 +44,7 @@ TEST(ProofOfWork, EstimateCountsLeadingZeroBits) {
       {"zero target: 256 bits", 1, 0, 0x1p256},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    EXPECT_DOUBLE_EQ(mining::estimate_time_to_block(row.hashrate, row.bits), row.seconds);
+    EXPECT_DOUBLE_EQ(mining::estimate_time_to_block(row.hashrate, row.bits), row.seconds) << row.label;
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -23,12 +24,8 @@ class AddressBookTest : public testing::Test {
   }
 
   bool knows(const std::string& key) const {
-    for (const KnownPeer& peer : book_.list()) {
-      if (make_key(peer.address, peer.port) == key) {
-        return true;
-      }
-    }
-    return false;
+    return std::ranges::any_of(book_.list(),
+                               [&](const KnownPeer& peer) { return make_key(peer.address, peer.port) == key; });
   }
 
   NetworkClock clock_;

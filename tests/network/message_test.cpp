@@ -4,7 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
+#include "support/byte_strings.h"
+#include "support/ledger_samples.h"
 
 namespace norvel::network {
 namespace {
@@ -18,9 +19,6 @@ Bytes changed(size_t index, uint8_t value) {
 }
 
 TEST(Message, DecodesWholeFramesOnly) {
-  const Bytes cut(kPing.begin(), kPing.end() - 1);
-  Bytes longer = kPing;
-  longer.push_back('N');
   const struct {
     const char* label;
     Bytes data;
@@ -28,14 +26,14 @@ TEST(Message, DecodesWholeFramesOnly) {
     bool decodes;
   } rows[] = {
       {"as it is", kPing, 2, true},
-      {"more behind", longer, 2, true},
+      {"more behind", join({kPing, {'N'}}), 2, true},
       {"an undefined type", changed(4, 255), 2, true},
-      {"payload cut", cut, 2, false},
+      {"payload cut", cut(kPing, 10), 2, false},
       {"above the limit, though all there", kPing, 1, false},
       {"first byte of the magic", changed(0, 'M'), 2, false},
       {"last byte of the magic", changed(3, 'M'), 2, false},
       {"length with its top byte set", changed(8, 0xff), kPayloadBytesMax, false},
-      {"eight bytes", Bytes(kPing.begin(), kPing.begin() + 8), 2, false},
+      {"eight bytes", cut(kPing, 8), 2, false},
       {"nothing", {}, 2, false},
   };
   for (const auto& row : rows) {
@@ -60,16 +58,12 @@ TEST(InvVector, ReadsOneAndLeavesTheOffsetOnFailure) {
   size_t offset = 0;
   const InvVector item = InvVector::deserialize(data, offset);
   EXPECT_EQ(item.type, 9);
-  EXPECT_EQ(item.serialize(), Bytes(data.begin(), data.begin() + 33));
-  EXPECT_THROW(InvVector::deserialize(data, offset), std::runtime_error);
+  EXPECT_EQ(item.serialize(), cut(data, 33));
+  const auto read = [&] { InvVector::deserialize(data, offset); };
+  EXPECT_TRUE(runtime_error_of(read));
   EXPECT_EQ(offset, 33u);
   offset = data.size();
-  try {
-    InvVector::deserialize(data, offset);
-    ADD_FAILURE();
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "InvVector: not enough data");
-  }
+  EXPECT_EQ(runtime_error_of(read), "InvVector: not enough data");
 }
 
 }  // namespace

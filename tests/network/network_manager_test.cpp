@@ -28,11 +28,10 @@ std::ptrdiff_t count_descriptors() {
 // Nobody accepts and its queue is full: the system drops what comes, and dials wait.
 class FullListener {
  public:
-  explicit FullListener(const std::string& ip) : listener_(RawListener(ip, 0)) {
+  explicit FullListener(const std::string& ip) : listener_(std::in_place, ip, 0) {
     for (int i = 0; i < 4; ++i) {
       waiting_.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-      const sockaddr_in address = loopback(ip, port());
-      ::connect(waiting_.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+      connect_to(waiting_.back().get(), ip, port());
     }
   }
 
@@ -40,9 +39,17 @@ class FullListener {
   void end() { listener_.reset(); }
 
  private:
-  std::optional<RawListener> listener_;
+  std::optional<Listener> listener_;
   std::vector<FileDescriptor> waiting_;
 };
+
+// Who accepts the dial of a node, and whether one comes.
+RawPeer accept_from(const Listener& listener) {
+  return RawPeer(listener.accept());
+}
+bool is_dialled(const Listener& listener) {
+  return listener.accept().is_open();
+}
 
 class Manager : public testing::Test {
  protected:
@@ -52,15 +59,27 @@ class Manager : public testing::Test {
     manager_.reset();
     manager_ = std::make_unique<NetworkManager>(port_, "127.0.0.1", directory_.path(), max_inbound, max_outbound, 600);
     manager_->set_fixed_peers(std::move(fixed));
-    manager_->set_callbacks({.block_received = {},
-                             .transaction_received = {},
-                             .peer_connected =
-                                 [this](const std::string&) {
-                                   ++connected_;
-                                   manager_->get_clock().stall_ms(stall_ms_.exchange(0));
-                                 },
-                             .peer_disconnected = [this](const std::string&) { ++disconnected_; }});
+    NetworkCallbacks callbacks;
+    callbacks.peer_connected = [this](const std::string&) {
+      ++connected_;
+      manager_->get_clock().stall_ms(stall_ms_.exchange(0));
+    };
+    callbacks.peer_disconnected = [this](const std::string&) { ++disconnected_; };
+    manager_->set_callbacks(callbacks);
     ASSERT_TRUE(manager_->start(true));
+  }
+
+  void advance_s(int64_t seconds) { manager_->get_clock().advance_ms(seconds * 1'000); }
+
+  // So that what comes at once falls into one second of the clock.
+  void begin_second() { manager_->get_clock().advance_ms(1'005 - manager_->get_clock().now_ms() % 1'000); }
+
+  // Dials 127.0.0.9; who answers there has our VERSION's nonce.
+  std::pair<RawPeer, uint64_t> dial(const Listener& listener) {
+    EXPECT_TRUE(manager_->connect_to_peer("127.0.0.9", listener.port()));
+    RawPeer peer = accept_from(listener);
+    const Bytes version = peer.await(MessageType::VERSION).value_or(Bytes());
+    return {std::move(peer), decode_version(version).value().nonce.value()};
   }
 
   std::set<std::string> keys() const {
@@ -87,8 +106,7 @@ class Manager : public testing::Test {
 TEST_F(Manager, ShakesHandsWithAPeerThatConnects) {
   EXPECT_FALSE(manager_->start(true));
   RawPeer peer("127.0.0.9", port_);
-  const Bytes version = version_message(uint16_t{4'444}, 5, unix_time_seconds()).serialize();
-  for (const uint8_t byte : version) {
+  for (const uint8_t byte : version_message(uint16_t{4'444}, 5, unix_time_seconds()).serialize()) {
     ASSERT_TRUE(peer.send(Bytes{byte}));
   }
   EXPECT_EQ(peer.next()->type, MessageType::VERACK);
@@ -101,7 +119,7 @@ TEST_F(Manager, ShakesHandsWithAPeerThatConnects) {
   EXPECT_EQ(decoded->user_agent, "NorvelNode/v10.2.1");
   EXPECT_NE(decoded->nonce.value_or(0), 0u);
   EXPECT_EQ(connected_, 0);
-  peer.send(Message{MessageType::VERACK, {}});
+  peer.send(MessageType::VERACK);
   EXPECT_EQ(peer.next()->type, MessageType::GETADDR);
   EXPECT_TRUE(eventually([&] { return connected_ == 1; }));
   const auto peers = manager_->get_peers();
@@ -117,19 +135,16 @@ TEST_F(Manager, ShakesHandsWithAPeerThatConnects) {
 }
 
 TEST_F(Manager, DialsOnceHoweverThePeerNamesItself) {
-  RawListener listener("127.0.0.9");
-  ASSERT_TRUE(manager_->connect_to_peer("127.0.0.9", listener.port()));
-  auto peer = listener.accept();
-  ASSERT_TRUE(peer);
-  EXPECT_EQ(peer->next()->type, MessageType::VERSION);
-  peer->send(version_message(uint16_t{4'444}));
-  EXPECT_EQ(peer->next()->type, MessageType::VERACK);
+  const Listener listener("127.0.0.9");
+  RawPeer peer = dial(listener).first;
+  peer.send(version_message(uint16_t{4'444}));
+  EXPECT_EQ(peer.next()->type, MessageType::VERACK);
   EXPECT_TRUE(eventually([&] { return keys() == std::set<std::string>{"127.0.0.9:4444"}; }));
   EXPECT_TRUE(eventually([&] { return manager_->get_peers()[0].handshake_complete; }));
   EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", listener.port()));
   EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", 4'444));
   EXPECT_EQ(manager_->get_peer_counts().outbound, 1u);
-  peer.reset();
+  peer.hang_up();
   EXPECT_TRUE(eventually([&] { return is_empty(); }));
   EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", free_port())) << "nobody listens";
   EXPECT_TRUE(is_empty());
@@ -137,25 +152,20 @@ TEST_F(Manager, DialsOnceHoweverThePeerNamesItself) {
 
 TEST_F(Manager, RefusesWhomItMustNotLetIn) {
   start(5, 0);
-  manager_->get_clock().advance_ms(1'005 - manager_->get_clock().now_ms() % 1'000);
+  begin_second();
   std::vector<RawPeer> peers;
   for (int i = 0; i < 3; ++i) {
-    peers.emplace_back("127.0.0.2", port_);
-    EXPECT_TRUE(peers.back().is_served());
+    EXPECT_TRUE(peers.emplace_back("127.0.0.2", port_).is_served());
   }
-  RawPeer fourth("127.0.0.2", port_);
-  EXPECT_TRUE(fourth.is_closed());
+  EXPECT_TRUE(RawPeer("127.0.0.2", port_).is_closed()) << "the fourth of a second";
   manager_->ban_peer("127.0.0.3", "");
-  RawPeer banned("127.0.0.3", port_);
-  EXPECT_TRUE(banned.is_closed());
-  peers.emplace_back("127.0.0.4", port_);
-  peers.emplace_back("127.0.0.5", port_);
-  EXPECT_TRUE(peers.back().is_served());
-  RawPeer sixth("127.0.0.6", port_);
-  EXPECT_TRUE(sixth.is_closed());
+  EXPECT_TRUE(RawPeer("127.0.0.3", port_).is_closed());
+  for (const char* ip : {"127.0.0.4", "127.0.0.5"}) {
+    EXPECT_TRUE(peers.emplace_back(ip, port_).is_served());
+  }
+  EXPECT_TRUE(RawPeer("127.0.0.6", port_).is_closed()) << "the sixth";
   EXPECT_EQ(manager_->get_peer_counts().inbound, 5u);
-  RawListener listener;
-  EXPECT_FALSE(manager_->connect_to_peer("127.0.0.1", listener.port())) << "no outbound peers allowed";
+  EXPECT_FALSE(manager_->connect_to_peer("127.0.0.1", Listener().port())) << "no outbound peers allowed";
   testing::internal::CaptureStdout();
   manager_->ban_peer("127.0.0.2", "for a test");
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "[Network] Banning 127.0.0.2 — for a test\n");
@@ -188,50 +198,39 @@ TEST_F(Manager, CountsFaultsAndBansAtAHundred) {
   };
   int host = 10;
   for (const auto& row : rows) {
-    for (const uint32_t before : {99 - row.points, 100 - row.points}) {
-      const std::string ip = "127.0.0." + std::to_string(host++);
-      SCOPED_TRACE(row.label + std::string(" after ") + std::to_string(before));
-      if (before == 100) {
+    for (const bool bans : {false, true}) {
+      if (bans && row.points == 0) {
         continue;
       }
-      // Within one second of the clock.
-      manager_->get_clock().advance_ms(1'005 - manager_->get_clock().now_ms() % 1'000);
-      manager_->increment_misbehavior(ip + ":1", before);
+      const std::string ip = "127.0.0." + std::to_string(host++);
+      SCOPED_TRACE(row.label + std::string(bans ? ", with a point more" : ""));
+      begin_second();
+      manager_->increment_misbehavior(ip + ":1", (bans ? 100 : 99) - row.points);
       RawPeer peer(ip, port_);
       ASSERT_TRUE(peer.send(row.data));
-      const bool bans = before + row.points == 100;
-      if (!bans && !row.ends) {
+      if (bans || row.ends) {
+        EXPECT_TRUE(peer.is_closed());
+      } else {
         for (int i = 0; i < row.pongs; ++i) {
           ASSERT_TRUE(peer.await(MessageType::PONG));
         }
-        manager_->get_clock().advance_ms(1'000);
+        advance_s(1);
         EXPECT_TRUE(peer.is_served());
-      } else {
-        EXPECT_TRUE(peer.is_closed());
       }
       EXPECT_EQ(manager_->is_peer_banned(ip), bans);
     }
   }
-}
-
-TEST_F(Manager, LiftsABanInTime) {
-  manager_->increment_misbehavior("127.0.0.7:1", 100);
-  ASSERT_TRUE(manager_->is_peer_banned("127.0.0.7"));
-  manager_->get_clock().advance_ms(601'000);
-  EXPECT_TRUE(eventually([&] { return !manager_->is_peer_banned("127.0.0.7"); }));
-  RawPeer peer("127.0.0.7", port_);
-  EXPECT_TRUE(peer.is_served());
+  advance_s(601);
+  EXPECT_TRUE(eventually([&] { return !manager_->is_peer_banned("127.0.0.11"); }));
+  EXPECT_TRUE(RawPeer("127.0.0.11", port_).is_served());
 }
 
 TEST_F(Manager, LeavesItselfForGood) {
-  RawListener listener("127.0.0.9");
-  ASSERT_TRUE(manager_->connect_to_peer("127.0.0.9", listener.port()));
-  auto peer = listener.accept();
-  ASSERT_TRUE(peer);
-  const auto nonce = decode_version(peer->next()->payload)->nonce;
+  const Listener listener("127.0.0.9");
+  auto [peer, nonce] = dial(listener);
   testing::internal::CaptureStdout();
-  peer->send(version_message(listener.port(), *nonce));
-  EXPECT_TRUE(peer->is_closed());
+  peer.send(version_message(listener.port(), nonce));
+  EXPECT_TRUE(peer.is_closed());
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "[Network] Self-connect detectado (" +
                                                         make_key("127.0.0.9", listener.port()) +
                                                         " somos nosotros): cerrando y vetando la direccion\n");
@@ -240,38 +239,31 @@ TEST_F(Manager, LeavesItselfForGood) {
 }
 
 TEST_F(Manager, BelievesOnlyItselfThatASeedIsItself) {
-  RawListener seed("127.0.0.9");
+  const Listener seed("127.0.0.9");
   manager_->add_seed_node("127.0.0.9", seed.port());
-  auto dialled = seed.accept();
-  ASSERT_TRUE(dialled);
-  const auto nonce = decode_version(dialled->next()->payload)->nonce;
-  const auto lie_inbound = [&] {
-    RawPeer liar("127.0.0.9", port_);
-    liar.send(version_message(seed.port(), *nonce));
+  RawPeer dialled = accept_from(seed);
+  const uint64_t nonce = decode_version(dialled.await(MessageType::VERSION).value())->nonce.value();
+  const auto lie = [&](RawPeer liar) {
+    liar.send(version_message(seed.port(), nonce));
     EXPECT_TRUE(liar.is_closed());
   };
-  lie_inbound();  // while the seed has yet to answer
-  dialled.reset();
+  lie(RawPeer("127.0.0.9", port_));  // while the seed has yet to answer
+  dialled.hang_up();
   ASSERT_TRUE(eventually([&] { return is_empty(); }));
-  lie_inbound();
-  RawListener echo("127.0.0.9");
-  ASSERT_TRUE(manager_->connect_to_peer("127.0.0.9", echo.port()));
-  auto liar = echo.accept();
-  ASSERT_TRUE(liar);
-  liar->send(version_message(seed.port(), *nonce));
-  EXPECT_TRUE(liar->is_closed());
+  lie(RawPeer("127.0.0.9", port_));
+  const Listener echo("127.0.0.9");
+  lie(dial(echo).first);
   EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", echo.port()));
   EXPECT_FALSE(manager_->connect_to_peer("127.0.0.9", seed.port()));
-  manager_->get_clock().advance_ms(10'000);
-  EXPECT_TRUE(seed.accept());
+  advance_s(10);
+  EXPECT_TRUE(is_dialled(seed));
 
   manager_->add_seed_node("127.0.0.1", port_);
   RawPeer peer("127.0.0.8", port_);
   peer.shake_hands(4'444);
   const auto is_told = [&] {
-    peer.send(Message{MessageType::GETADDR, {}});
-    const auto answer = peer.await(MessageType::ADDR);
-    const auto entries = decode_addresses(answer ? answer->payload : Bytes());
+    peer.send(MessageType::GETADDR);
+    const auto entries = decode_addresses(peer.await(MessageType::ADDR).value_or(Bytes()));
     EXPECT_FALSE(entries->empty());
     return std::ranges::count(*entries, Ipv4{127, 0, 0, 1}, &AddressEntry::ip) == 1;
   };
@@ -286,7 +278,7 @@ TEST_F(Manager, KeepsTheKeyOfAPeerThatClaimsAnothers) {
   std::set<std::string> want = {"127.0.0.9:4444"};
   for (int i = 0; i < 20; ++i) {
     if (i % 3 == 0) {  // of each second
-      manager_->get_clock().advance_ms(1'005 - manager_->get_clock().now_ms() % 1'000);
+      begin_second();
     }
     peers.emplace_back("127.0.0.9", port_).shake_hands(4'444);
     if (i > 0) {
@@ -300,20 +292,17 @@ TEST_F(Manager, KeepsTheKeyOfAPeerThatClaimsAnothers) {
 }
 
 TEST_F(Manager, TakesAndTellsAddresses) {
-  RawListener listener("127.0.0.9");
+  const Listener listener("127.0.0.9");
   RawPeer peer("127.0.0.8", port_);
   peer.shake_hands(4'444);
-  peer.send(Message{MessageType::ADDR, encode_addresses({{{127, 0, 0, 9}, listener.port(), 77, 1},
-                                                         {{127, 0, 0, 1}, port_, 78, 1},
-                                                         {{127, 0, 0, 9}, 0, 79, 1}})});
-  auto dialled = listener.accept();
-  ASSERT_TRUE(dialled);
-  EXPECT_EQ(dialled->next()->type, MessageType::VERSION);
-  peer.send(Message{MessageType::GETADDR, {}});
-  const auto told = peer.await(MessageType::ADDR);
-  ASSERT_TRUE(told);
+  peer.send(MessageType::ADDR, encode_addresses({{{127, 0, 0, 9}, listener.port(), 77, 1},
+                                                 {{127, 0, 0, 1}, port_, 78, 1},
+                                                 {{127, 0, 0, 9}, 0, 79, 1}}));
+  RawPeer dialled = accept_from(listener);
+  EXPECT_EQ(dialled.next()->type, MessageType::VERSION);
+  peer.send(MessageType::GETADDR);
   std::set<std::string> keys_told;
-  const auto entries = decode_addresses(told->payload);
+  const auto entries = decode_addresses(peer.await(MessageType::ADDR).value());
   for (const AddressEntry& entry : *entries) {
     keys_told.insert(make_key(format_ipv4(entry.ip), entry.port));
   }
@@ -324,29 +313,29 @@ TEST_F(Manager, TakesAndTellsAddresses) {
 TEST_F(Manager, DialsSeedsAndForCallersWhileOthersDoNotAnswer) {
   start(50, 60);
   FullListener dead("0.0.0.0");
-  RawListener live("0.0.0.0", 100);
+  const Listener live("0.0.0.0", 100);
   RawPeer teller("127.0.0.8", port_);
-  teller.shake_hands(std::nullopt);
+  teller.shake_hands();
   const auto tell = [&](uint8_t net, uint8_t count, uint16_t port) {
     std::vector<AddressEntry> entries;
     for (uint8_t i = 1; i <= count; ++i) {
       entries.push_back({{127, 1, net, i}, port, 5, 1});
     }
-    teller.send(Message{MessageType::ADDR, encode_addresses(entries)});
+    teller.send(MessageType::ADDR, encode_addresses(entries));
   };
   tell(1, 30, dead.port());
   tell(2, 100, live.port());
   ASSERT_TRUE(teller.is_served());
   EXPECT_TRUE(manager_->connect_to_peer("127.0.0.9", live.port())) << "the queue leaves some dials to callers";
   manager_->add_seed_node("127.0.0.10", live.port());
-  EXPECT_EQ(keys().count(make_key("127.0.0.10", live.port())), 0u) << "all workers wait";
+  const std::string seed_key = make_key("127.0.0.10", live.port());
+  EXPECT_FALSE(keys().contains(seed_key)) << "all workers wait";
   dead.end();
-  EXPECT_TRUE(eventually([&] { return keys().contains(make_key("127.0.0.10", live.port())); }))
-      << "before 60 of the others";
+  EXPECT_TRUE(eventually([&] { return keys().contains(seed_key); })) << "before 60 of the others";
 }
 
 TEST_F(Manager, RemembersPeersAndDialsThemAgain) {
-  RawListener listener("127.0.0.9");
+  const Listener listener("127.0.0.9");
   manager_->stop();
   const std::ptrdiff_t descriptors = count_descriptors();
   start();
@@ -360,19 +349,17 @@ TEST_F(Manager, RemembersPeersAndDialsThemAgain) {
   EXPECT_TRUE(is_empty());
   EXPECT_TRUE(manager_->is_finished());
   start();
-  manager_->get_clock().advance_ms(3'000);
-  EXPECT_TRUE(listener.accept());
+  advance_s(3);
+  EXPECT_TRUE(is_dialled(listener));
 }
 
 TEST_F(Manager, DialsWhomItReachedBeforeBesideWhomItIsTold) {
   start(50, 20);
-  RawListener listener("0.0.0.0", 100);
-  ASSERT_TRUE(manager_->connect_to_peer("127.0.0.9", listener.port()));
-  auto reached = listener.accept();
-  ASSERT_TRUE(reached);
-  reached->send(version_message(listener.port()));
-  ASSERT_TRUE(reached->await(MessageType::VERACK));
-  reached.reset();
+  const Listener listener("0.0.0.0", 100);
+  RawPeer reached = dial(listener).first;
+  reached.send(version_message(listener.port()));
+  ASSERT_TRUE(reached.await(MessageType::VERACK));
+  reached.hang_up();
   ASSERT_TRUE(eventually([&] { return is_empty(); }));
   std::ofstream list(directory_ / "peers.dat");
   for (size_t i = 0; i < kKnownPeersMax; ++i) {
@@ -380,38 +367,36 @@ TEST_F(Manager, DialsWhomItReachedBeforeBesideWhomItIsTold) {
   }
   list.close();
   manager_->load_peer_list();
-  manager_->get_clock().advance_ms(10'000);
+  advance_s(10);
   EXPECT_TRUE(eventually([&] { return keys().contains(make_key("127.0.0.9", listener.port())); }));
 }
 
 TEST_F(Manager, DialsANameAgainSoonAfterAHandshake) {
-  RawListener listener;
+  const Listener listener;
   start(50, 8, {make_key("localhost", listener.port())});
   for (int i = 0; i < 4; ++i) {
     SCOPED_TRACE(i);
-    manager_->get_clock().advance_ms(10'000);
-    auto peer = listener.accept();
-    ASSERT_TRUE(peer);
-    peer->send(version_message(std::nullopt));
-    ASSERT_TRUE(peer->await(MessageType::VERACK));
-    peer.reset();
+    advance_s(10);
+    RawPeer peer = accept_from(listener);
+    peer.send(version_message({}));
+    ASSERT_TRUE(peer.await(MessageType::VERACK));
+    peer.hang_up();
     ASSERT_TRUE(eventually([&] { return is_empty(); }));
   }
 }
 
 TEST_F(Manager, DialsFixedPeersOnly) {
-  RawListener known("127.0.0.9");
-  RawPeer peer("127.0.0.9", port_);
-  peer.shake_hands(known.port());
-  RawListener fixed("127.0.0.10");
+  const Listener known("127.0.0.9");
+  RawPeer("127.0.0.9", port_).shake_hands(known.port());
+  const Listener fixed("127.0.0.10");
   start(50, 8, {make_key("127.0.0.10", fixed.port())});
   const int gone = disconnected_;
-  manager_->get_clock().advance_ms(3'000);
-  EXPECT_TRUE(fixed.accept()) << "and hung up";
+  advance_s(3);
+  EXPECT_TRUE(is_dialled(fixed)) << "and hung up";
   EXPECT_TRUE(eventually([&] { return disconnected_ > gone; }));
-  manager_->get_clock().advance_ms(10'000);
-  EXPECT_TRUE(fixed.accept());
-  EXPECT_FALSE(known.accept(kQuietMs));
+  advance_s(10);
+  EXPECT_TRUE(is_dialled(fixed));
+  EXPECT_FALSE(known.accept(kQuietMs).is_open());
 }
 
 TEST_F(Manager, EndsPeersWhoseTimeIsUp) {
@@ -419,19 +404,18 @@ TEST_F(Manager, EndsPeersWhoseTimeIsUp) {
   RawPeer mute("127.0.0.2", port_);
   ASSERT_TRUE(mute.is_served());
   RawPeer good("127.0.0.3", port_);
-  good.shake_hands(std::nullopt);
-  manager_->get_clock().advance_ms(59'000);
+  good.shake_hands();
+  advance_s(59);
   EXPECT_TRUE(mute.is_served());
-  RawPeer refused("127.0.0.4", port_);
-  EXPECT_TRUE(refused.is_closed()) << "all places are taken";
+  EXPECT_TRUE(RawPeer("127.0.0.4", port_).is_closed()) << "all places are taken";
   manager_->get_clock().advance_ms(1'500);
   EXPECT_TRUE(mute.is_closed());
   RawPeer newcomer("127.0.0.4", port_);
   EXPECT_TRUE(newcomer.is_served());
   EXPECT_TRUE(good.is_served());
-  manager_->get_clock().advance_ms(61'000);
+  advance_s(61);
   EXPECT_TRUE(good.await(MessageType::PING)) << "no PONG for two minutes";
-  manager_->get_clock().advance_ms(301'000);
+  advance_s(301);
   EXPECT_TRUE(good.is_closed());
   EXPECT_TRUE(is_empty());
 }
@@ -440,10 +424,10 @@ TEST_F(Manager, ExcusesPeersWhileItDidNotRead) {
   RawPeer mute("127.0.0.2", port_);
   ASSERT_TRUE(mute.is_served());
   RawPeer good("127.0.0.3", port_);
-  good.shake_hands(std::nullopt);
+  good.shake_hands();
   stall_ms_ = 400'000;
   RawPeer last("127.0.0.4", port_);
-  last.shake_hands(std::nullopt);
+  last.shake_hands();
   EXPECT_TRUE(good.await(MessageType::PING)) << "so its silence was looked at";
   EXPECT_TRUE(good.is_served());
   EXPECT_TRUE(mute.is_served()) << "its handshake too";
@@ -451,7 +435,7 @@ TEST_F(Manager, ExcusesPeersWhileItDidNotRead) {
 
 TEST_F(Manager, StopsReadingAPeerThatTakesNothing) {
   RawPeer greedy("127.0.0.2", port_);
-  greedy.shake_hands(std::nullopt);
+  greedy.shake_hands();
   const Bytes ping = Message{MessageType::PING, Bytes(kPayloadBytesMax)}.serialize();
   int sent = 0;
   while (sent < 40 && greedy.send(ping)) {
@@ -460,11 +444,9 @@ TEST_F(Manager, StopsReadingAPeerThatTakesNothing) {
   EXPECT_LT(sent, 20) << "8 MiB of queue and what the system holds";
   RawPeer other("127.0.0.3", port_);
   EXPECT_TRUE(other.is_served());
-  const auto pong = greedy.await(MessageType::PONG);
-  ASSERT_TRUE(pong);
-  EXPECT_EQ(pong->payload.size(), kPayloadBytesMax);
+  EXPECT_EQ(greedy.await(MessageType::PONG).value_or(Bytes()).size(), kPayloadBytesMax);
   EXPECT_TRUE(eventually([&] {
-    manager_->get_clock().advance_ms(10'000);
+    advance_s(10);
     return manager_->get_peer_count() == 0;
   })) << "for want of writing, and the other for want of a handshake";
 }
@@ -501,16 +483,14 @@ TEST_F(Manager, TakesTheMiddleOfWhatPeersSay) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.ip);
     RawPeer& peer = peers.emplace_back(row.ip, port_);
-    const uint64_t time_s = unix_time_seconds() + static_cast<uint64_t>(row.offset_s);
-    peer.send(version_message(std::nullopt, 5, time_s, row.height));
+    peer.send(version_message({}, 5, unix_time_seconds() + static_cast<uint64_t>(row.offset_s), row.height));
     ASSERT_TRUE(peer.await(MessageType::VERSION));
     EXPECT_NEAR(static_cast<double>(manager_->get_clock_offset_s()), row.want_s, 3);
     EXPECT_EQ(manager_->get_best_known_height(), row.want_height);
   }
-  RawListener listener("127.0.0.9");
-  ASSERT_TRUE(manager_->connect_to_peer("127.0.0.9", listener.port()));
-  auto dialled = listener.accept();
-  dialled->send(version_message(std::nullopt, 5, 0, 70));
+  const Listener listener("127.0.0.9");
+  RawPeer dialled = dial(listener).first;
+  dialled.send(version_message({}, 5, 0, 70));
   EXPECT_TRUE(eventually([&] { return manager_->get_best_known_height() == 70; })) << "whom this node chose counts";
 }
 
@@ -519,44 +499,37 @@ TEST(ManagerWithAChain, CatchesUpAlsoWhenVerackComesFirst) {
   ChainScene scene;
   for (const bool verack_first : {false, true}) {
     SCOPED_TRACE(verack_first);
-    RawListener listener("127.0.0.9");
+    const Listener listener("127.0.0.9");
     NetworkManager manager(free_port(), "127.0.0.1", directory.path(), 8, 8, 600);
     manager.set_blockchain(&scene.chain());
     ASSERT_TRUE(manager.start(false));
     EXPECT_FALSE(manager.is_listening());
     ASSERT_TRUE(manager.connect_to_peer("127.0.0.9", listener.port()));
-    auto peer = listener.accept();
-    ASSERT_TRUE(peer);
+    RawPeer peer = accept_from(listener);
     const Message verack{MessageType::VERACK, {}};
-    const Message version = version_message(std::nullopt, 5, 0, 1'000);
-    peer->send(verack_first ? verack : version);
-    peer->send(verack_first ? version : verack);
-    EXPECT_TRUE(peer->await(MessageType::GETBLOCKS));
+    const Message version = version_message({}, 5, 0, 1'000);
+    peer.send(verack_first ? verack : version);
+    peer.send(verack_first ? version : verack);
+    EXPECT_TRUE(peer.await(MessageType::GETBLOCKS));
   }
 }
 
 TEST(TwoManagers, RelayABlockFromOneChainToTheOther) {
   ChainScene scenes[2];
-  const TemporaryDirectory directories[2];
-  std::vector<std::unique_ptr<NetworkManager>> managers;
-  uint16_t ports[2] = {free_port(), free_port()};
-  for (int i = 0; i < 2; ++i) {
-    managers.push_back(std::make_unique<NetworkManager>(ports[i], "127.0.0." + std::to_string(i + 1),
-                                                        directories[i].path(), 8, 8, 600));
-    managers.back()->set_blockchain(&scenes[i].chain());
-  }
-  for (int i = 0; i < 5; ++i) {
-    scenes[0].extend();
-  }
-  ASSERT_TRUE(managers[0]->start(true));
-  ASSERT_TRUE(managers[1]->start(true));
-  ASSERT_TRUE(managers[1]->connect_to_peer("127.0.0.1", ports[0]));
-  EXPECT_TRUE(eventually([&] { return scenes[1].chain().get_best_height() == 5; }));
-  const Block block = make_child(scenes[1].tip());
+  NetworkManager first(free_port(), "127.0.0.1", scenes[0].directory().path(), 8, 8, 600);
+  const uint16_t port = free_port();
+  NetworkManager second(port, "127.0.0.2", scenes[1].directory().path(), 8, 8, 600);
+  first.set_blockchain(&scenes[0].chain());
+  second.set_blockchain(&scenes[1].chain());
+  scenes[1].add_all(make_branch(scenes[1].tip(), 5));
+  ASSERT_TRUE(first.start(true) && second.start(true));
+  ASSERT_TRUE(first.connect_to_peer("127.0.0.2", port));
+  EXPECT_TRUE(eventually([&] { return scenes[0].chain().get_best_height() == 5; }));
+  const Block block = make_child(scenes[0].tip());
   std::string error;
-  EXPECT_TRUE(managers[1]->accept_block(block, error)) << error;
-  EXPECT_TRUE(eventually([&] { return scenes[0].chain().get_best_height() == 6; }));
-  EXPECT_EQ(managers[1]->get_best_known_height(), 6u) << "its own";
+  EXPECT_TRUE(first.accept_block(block, error)) << error;
+  EXPECT_TRUE(eventually([&] { return scenes[1].chain().get_best_height() == 6; }));
+  EXPECT_EQ(first.get_best_known_height(), 6u) << "its own";
 }
 
 }  // namespace

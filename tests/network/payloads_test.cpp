@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/byte_strings.h"
+
 namespace norvel::network {
 namespace {
 
@@ -19,11 +21,8 @@ const Bytes kVersionBytes = {0x7f, 0x11, 1,   0,   1,    0,    0,    0,    0,   
                              7,    6,    5,   4,   3,    2,    1,    0x0d, 0x0c, 0x0b, 0x0a, 0x8d, 0x20,
                              3,    'a',  'b', 'c', 0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11};
 
-TEST(VersionPayload, IsLaidOutAsDrawn) {
-  EXPECT_EQ(encode_version(kVersion), kVersionBytes);
-}
-
 TEST(VersionPayload, TakesThePartsThatAreThere) {
+  EXPECT_EQ(encode_version(kVersion), kVersionBytes);
   for (size_t size = 0; size <= kVersionBytes.size(); ++size) {
     SCOPED_TRACE(size);
     const auto version = decode_version(ByteView(kVersionBytes).first(size));
@@ -42,9 +41,7 @@ TEST(VersionPayload, TakesThePartsThatAreThere) {
 }
 
 TEST(VersionPayload, LooksForTheUserAgentBehindAMissingPort) {
-  Bytes data(kVersionBytes.begin(), kVersionBytes.begin() + 24);
-  data.push_back(0);
-  const auto version = decode_version(data);
+  const auto version = decode_version(join({cut(kVersionBytes, 24), {0}}));
   ASSERT_TRUE(version);
   EXPECT_FALSE(version->port);
   EXPECT_EQ(version->user_agent, "");
@@ -52,9 +49,7 @@ TEST(VersionPayload, LooksForTheUserAgentBehindAMissingPort) {
 
 TEST(Inventory, StopsAtTheLimitAndAtAFragment) {
   const InvVector item{kInvBlock, uint256(uint64_t{77})};
-  Bytes data = encode_inventory({item});
-  data.push_back(1);
-  EXPECT_EQ(decode_inventory(data), std::vector<InvVector>{item});
+  EXPECT_EQ(decode_inventory(join({encode_inventory({item}), {1}})), std::vector<InvVector>{item});
   EXPECT_TRUE(decode_inventory(Bytes(32)).empty());
   EXPECT_EQ(decode_inventory(Bytes((kInventoryItemsMax + 1) * InvVector::kBytes)).size(), kInventoryItemsMax);
 }
@@ -90,7 +85,7 @@ TEST(Addresses, ReadTheEntriesThatAreThere) {
       {"no count", {1, 0, 0}, 0},
       {"a count of 0", announced(0, 1), 0},
       {"one", one, 1},
-      {"one cut by a byte", Bytes(one.begin(), one.end() - 1), 0},
+      {"one cut by a byte", cut(one, one.size() - 1), 0},
       {"fewer than announced", announced(5, 2), 2},
       {"1000", announced(1'000, 1'000), 1'000},
       {"1001", announced(1'001, 1'001), std::nullopt},

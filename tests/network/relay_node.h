@@ -32,17 +32,24 @@ class RelayNode : public PeerAccess {
   void add_misbehavior(const Peer& peer, uint32_t count) override { points[peer.address] += count; }
   bool send_message_to_peer(const PeerPtr& peer, const Message& message) override {
     sent[peer].push_back(message);
-    peer->queued_bytes += message.type == MessageType::BLOCK ? queued_per_block : 0;
+    if (message.type == MessageType::BLOCK) {
+      peer->queued_bytes += queued_per_block;
+      ++blocks_sent;
+    }
     bytes_sent += message.serialize().size();
     return true;
   }
 
+  static PeerPtr make_peer(const std::string& address, uint32_t height) {
+    auto peer = std::make_shared<Peer>(FileDescriptor(), address, 8333, true);
+    peer->best_height = height;
+    peer->handshake_complete = true;
+    return peer;
+  }
+
   // Peers are added in the order of their keys.
   PeerPtr add_peer(uint32_t height) {
-    const auto last_byte = static_cast<uint8_t>(peers.size() + 1);
-    peers.push_back(std::make_shared<Peer>(FileDescriptor(), "10.0.0." + std::to_string(last_byte), 8333, true));
-    peers.back()->best_height = height;
-    peers.back()->handshake_complete = true;
+    peers.push_back(make_peer("10.0.0." + std::to_string(peers.size() + 1), height));
     return peers.back();
   }
 
@@ -51,9 +58,7 @@ class RelayNode : public PeerAccess {
     const PeerPtr old = peers[index];
     old->is_closed = true;
     relay.forget(old);
-    peers[index] = std::make_shared<Peer>(FileDescriptor(), old->address, old->dialled_port, true);
-    peers[index]->best_height = old->best_height.load();
-    peers[index]->handshake_complete = true;
+    peers[index] = make_peer(old->address, old->best_height);
     relay.check_sync_with_peer(peers[index]);
   }
 
@@ -81,6 +86,7 @@ class RelayNode : public PeerAccess {
   std::map<PeerPtr, std::vector<Message>> sent;
   std::map<std::string, uint32_t> points;  // by address
   uint64_t bytes_sent = 0;
+  size_t blocks_sent = 0;
   size_t queued_per_block = 0;  // counted as waiting to be written, until a test says otherwise
 };
 

@@ -33,6 +33,14 @@ class RelayMessages : public testing::Test {
     return pay(sample_key(2), {output_of(parent)}, {parent.outputs[0].value - 1'000});
   }
 
+  void accept(const Transaction& tx) {
+    std::string reason;
+    ASSERT_EQ(node.relay.try_accept_tx(tx, reason), ACCEPTED) << reason;
+    for (const PeerPtr& other : node.peers) {
+      node.take_sent(other);
+    }
+  }
+
   void send_block(const Block& block) { node.handle(peer, MessageType::BLOCK, block.serialize()); }
   void send_tx(const Transaction& tx) { node.handle(peer, MessageType::TX, tx.serialize()); }
 
@@ -55,9 +63,7 @@ class RelayMessages : public testing::Test {
 
 TEST_F(RelayMessages, EachUnknownItemIsRequestedAlone) {
   const Transaction pooled = payment(1);
-  std::string reason;
-  ASSERT_EQ(node.relay.try_accept_tx(pooled, reason), ACCEPTED);
-  node.take_sent(peer);
+  accept(pooled);
   const InvVector unknown_block{kInvBlock, uint256(uint64_t{1})};
   const InvVector unknown_tx{kInvTransaction, uint256(uint64_t{2})};
   const InvVector odd{77, blocks[0].get_hash()};
@@ -105,9 +111,7 @@ TEST_F(RelayMessages, AParkedTwinDoesNotKeepTheTrueBlockOut) {
 
 TEST_F(RelayMessages, GetDataIsAnsweredWithWhatThereIs) {
   const Transaction pooled = payment(1);
-  std::string reason;
-  ASSERT_EQ(node.relay.try_accept_tx(pooled, reason), ACCEPTED);
-  node.take_sent(peer);
+  accept(pooled);
   const Transaction& mined = blocks[1].transactions[0];
   testing::internal::CaptureStderr();
   node.handle(peer, MessageType::GETDATA,
@@ -272,11 +276,9 @@ TEST_F(RelayMessages, ThePoolIsListedByFeeRateOnceAMinute) {
   std::vector<InvVector> want;
   for (const size_t height : {3u, 1u, 2u}) {
     const Transaction tx = payment(height, 10'000 - 1'000 * static_cast<int64_t>(want.size()));
-    std::string reason;
-    ASSERT_EQ(node.relay.try_accept_tx(tx, reason), ACCEPTED) << reason;
+    accept(tx);
     want.push_back({kInvTransaction, tx.get_txid()});
   }
-  node.take_sent(peer);
   testing::internal::CaptureStdout();
   node.handle(peer, MessageType::MEMPOOL, {});
   EXPECT_EQ(sent_items(MessageType::INV, peer), std::vector<std::vector<InvVector>>{want});
@@ -291,14 +293,10 @@ TEST_F(RelayMessages, ThePoolIsListedByFeeRateOnceAMinute) {
 TEST_F(RelayMessages, OneListOfThePoolServesAllForAMinute) {
   const PeerPtr other = node.add_peer(0);
   const PeerPtr late = node.add_peer(0);
-  std::string reason;
-  ASSERT_EQ(node.relay.try_accept_tx(payment(1), reason), ACCEPTED);
-  node.take_sent(peer);
+  accept(payment(1));
   peer->queued_bytes = kQueuedBytesMax;
   node.handle(peer, MessageType::MEMPOOL, {});
-  ASSERT_EQ(node.relay.try_accept_tx(payment(2), reason), ACCEPTED);
-  node.take_sent(other);
-  node.take_sent(late);
+  accept(payment(2));
   node.handle(other, MessageType::MEMPOOL, {});
   EXPECT_EQ(sent_items(MessageType::INV, other)[0].size(), 1u) << "as listed for the first";
   node.clock.advance_ms(15'000);

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 #include "chain/chain_scene.h"
 #include "mempool/mempool.h"
@@ -47,6 +48,27 @@ class MempoolFile : public testing::Test {
   StopRequest stop_;
   std::string reason_;
 };
+
+// As at a stop, while a call that came before it still offers transactions.
+TEST_F(MempoolFile, HoldsAllThatTheClosedPoolTook) {
+  std::thread caller([&] {
+    auto coin = output_of(scene_.extend().transactions[0]);
+    uint8_t from = 1;
+    for (bool is_taken = true; is_taken; from = 2) {
+      const Transaction tx = pay(sample_key(from), {coin}, {coin.second.value - 1'000});
+      is_taken = pool_.add_transaction(tx, 1'000, reason_);
+      coin = output_of(tx);
+    }
+  });
+  while (pool_.size() < 15) {
+    std::this_thread::yield();
+  }
+  pool_.close();
+  EXPECT_TRUE(save_mempool(pool_, directory_.path(), 60'000));
+  caller.join();
+  EXPECT_EQ(reason_, "Node is stopping");
+  EXPECT_EQ(loaded_count(), pool_.size());
+}
 
 TEST_F(MempoolFile, BringsBackWhatIsStillValid) {
   EXPECT_EQ(loaded_count(), 0u);  // no file

@@ -120,12 +120,13 @@ TEST_F(NodeOptions, RefusesWhatCannotStandTogether) {
 }
 
 TEST_F(NodeOptions, EndsOnWhatIsNoCommandLine) {
-  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{{"--prot", "1"},
-                                                                                         {"word"},
-                                                                                         {"--port"},
-                                                                                         {"--port", "x"},
-                                                                                         {"--port", "1", "--port", "2"},
-                                                                                         {"--max-mempool", "0"}}) {
+  using Arguments = std::vector<std::string>;
+  for (const Arguments& arguments : {Arguments{"--prot", "1"},
+                                     {"word"},
+                                     {"--port"},
+                                     {"--port", "x"},
+                                     {"--port", "1", "--port", "2"},
+                                     {"--max-mempool", "0"}}) {
     SCOPED_TRACE(testing::PrintToString(arguments));
     const Invocation got = read(arguments);
     EXPECT_GE(got.exit_status.value_or(0), 100);

@@ -17,22 +17,20 @@ class Supervisor : public testing::Test {
  protected:
   Supervisor() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-  static int in_child(const std::function<int()>& body) {
+  [[noreturn]] static void in_child(const std::function<int()>& body) {
     block_signals();
-    return body();
+    _exit(body());
   }
 };
 
 TEST_F(Supervisor, EndsWithTheWork) {
-  StopRequest stop;
-  EXPECT_EXIT(_exit(in_child([&] {
-                return supervise({[] { return 7; }, [] {}, [] {}}, stop);
-              })),
-              testing::ExitedWithCode(7), "");
-  EXPECT_EXIT(_exit(in_child([&] {
-                return supervise({[]() -> int { throw std::runtime_error("no luck"); }, [] {}, [] {}}, stop);
-              })),
-              testing::ExitedWithCode(1), "no luck");
+  const auto body = [](const std::function<int()>& work) {
+    StopRequest stop;
+    return supervise({work, [] {}, [] {}}, stop);
+  };
+  EXPECT_EXIT(in_child([&] { return body([] { return 7; }); }), testing::ExitedWithCode(7), "");
+  const auto throws = []() -> int { throw std::runtime_error("no luck"); };
+  EXPECT_EXIT(in_child([&] { return body(throws); }), testing::ExitedWithCode(1), "no luck");
 }
 
 TEST_F(Supervisor, PassesSignalsOn) {
@@ -56,7 +54,7 @@ TEST_F(Supervisor, PassesSignalsOn) {
     const int status = supervise({work, [&] { ++stops; }, on_hangup, 6}, stop);
     return hangups == 1 && stops <= 1 ? status : 5;
   };
-  EXPECT_EXIT(_exit(in_child(body)), testing::ExitedWithCode(3), "");
+  EXPECT_EXIT(in_child(body), testing::ExitedWithCode(3), "");
 }
 
 TEST_F(Supervisor, EndsTheProcessWhenTheWorkDoesNotEnd) {
@@ -70,7 +68,7 @@ TEST_F(Supervisor, EndsTheProcessWhenTheWorkDoesNotEnd) {
     };
     return supervise({work, [] {}, [] {}}, stop, 50);
   };
-  EXPECT_EXIT(_exit(in_child(body)), testing::ExitedWithCode(9), "");
+  EXPECT_EXIT(in_child(body), testing::ExitedWithCode(9), "");
 }
 
 }  // namespace

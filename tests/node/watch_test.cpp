@@ -9,9 +9,9 @@ namespace norvel::node {
 namespace {
 
 TEST(Warnings, StandAsLongAsTheirCauseAndArePrintedOnceAMinute) {
-  const NodeHealth good{1'000'000'000, 600, "", {}};
-  const NodeHealth full{999'999'999, -600, "", {}};
-  const NodeHealth late{std::nullopt, 601, "ab", {}};
+  const NodeHealth good{1'000'000'000, 600, "", false, {}};
+  const NodeHealth full{999'999'999, -600, "", false, {}};
+  const NodeHealth late{std::nullopt, 601, "ab", false, {}};
   const struct {
     const char* label;
     NodeHealth health;
@@ -26,7 +26,7 @@ TEST(Warnings, StandAsLongAsTheirCauseAndArePrintedOnceAMinute) {
       {"gone", good, 62'000, 0, 0},
       {"back within the minute", full, 63'000, 0, 1},
       {"others have minutes of their own", late, 64'000, 2, 2},
-      {"all", {1, -601, "ab", 8333}, 124'000, 4, 4},
+      {"all", {1, -601, "ab", true, 8333}, 124'000, 5, 5},
   };
   Warnings warnings;
   for (const auto& row : rows) {

@@ -25,8 +25,7 @@ TEST(Base64, DecodesPaddedOrNotAndRefusesTheRest) {
       {"-_-_", std::nullopt},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.text);
-    EXPECT_EQ(decode_base64(row.text), row.want);
+    EXPECT_EQ(decode_base64(row.text), row.want) << row.text;
   }
 }
 

@@ -40,8 +40,7 @@ TEST(HttpRequest, ReadsTheFirstLengthOfTheHeaderBlock) {
       {"largest number", "POST /\r\nContent-Length: 9223372036854775807\r\n\r\n", Progress::kTooLarge},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    EXPECT_EQ(request_of(row.text).progress(), row.want);
+    EXPECT_EQ(request_of(row.text).progress(), row.want) << row.label;
   }
 }
 

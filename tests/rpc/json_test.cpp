@@ -47,8 +47,7 @@ TEST(JsonParse, ReadsWhatItCanAndNeverComplains) {
       {"escape in a key is read and not written", R"({"a\"b":1})", "{\"a\"b\":1}"},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    EXPECT_EQ(reprint(row.in), row.want);
+    EXPECT_EQ(reprint(row.in), row.want) << row.label;
   }
 }
 

@@ -1,17 +1,10 @@
 // A TCP peer on 127.0.0.1: a thread that accepts one connection after the other, reads a whole HTTP request and lets
-// the test answer. Every wait is bounded, so that a faulty client fails a test instead of hanging it.
+// the test answer.
 
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <array>
 #include <atomic>
-#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -19,40 +12,14 @@
 #include <utility>
 #include <vector>
 
+#include "network/loopback.h"
+
 namespace norvel::rpc {
 
-inline constexpr int kPatienceMs = 10'000;
-
-// A socket that listens on a port of the system's choice.
-class Listener {
- public:
-  Listener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t bytes = sizeof address;
-    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), bytes);
-    ::listen(fd_, 16);
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &bytes);
-    port_ = ntohs(address.sin_port);
-  }
-  ~Listener() { ::close(fd_); }
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
-
-  int fd() const { return fd_; }
-  uint16_t port() const { return port_; }
-
- private:
-  const int fd_;
-  uint16_t port_ = 0;
-};
-
-// Whether there is something to accept or receive, or the peer closes, within `timeout_ms`.
-inline bool wait_readable(int fd, int timeout_ms = kPatienceMs) {
-  pollfd waiting{fd, POLLIN, 0};
-  return ::poll(&waiting, 1, timeout_ms) > 0;
-}
+using network::kPatienceMs;
+using network::Listener;
+using network::loopback_address;
+using network::wait_readable;
 
 inline void send_text(int fd, std::string_view text) {
   ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
@@ -85,11 +52,9 @@ class LoopbackServer {
  private:
   void serve() {
     while (!stopped_) {
-      if (wait_readable(listener_.fd(), 10)) {
-        const int peer = ::accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC);
-        requests_.push_back(read_request(peer));
-        answer_(peer);
-        ::close(peer);
+      if (const FileDescriptor peer = listener_.accept(10); peer.is_open()) {
+        requests_.push_back(read_request(peer.get()));
+        answer_(peer.get());
       }
     }
   }

@@ -12,32 +12,22 @@
 #include "consensus/difficulty.h"
 #include "crypto/address.h"
 #include "crypto/hash.h"
-#include "crypto/hex.h"
 #include "mempool/mempool.h"
 #include "mempool/pool_updater.h"
 #include "network/network_manager.h"
 #include "rpc/address_outputs.h"
-#include "script/script.h"
+#include "rpc/method_scene.h"
 
 namespace norvel::rpc {
 namespace {
 
 using Transactions = std::vector<Transaction>;
 
-std::string hex_of(const Transaction& tx) {
-  return crypto::bytes_to_hex(tx.serialize());
-}
-
-JsonValue object_of(const std::string& key, const JsonValue& value) {
-  JsonValue params;
-  params.set(key, value);
-  return params;
-}
-
-// A component that the test owns.
-template <typename T>
-std::shared_ptr<T> borrow(T& component) {
-  return std::shared_ptr<T>(std::shared_ptr<void>(), &component);
+// Without the member that says in whole coins what `units` says.
+JsonValue without_coins(JsonValue object, const char* coins, const char* units) {
+  EXPECT_DOUBLE_EQ(object.get(coins).number * 1e8, object.get(units).number);
+  object.object.erase(coins);
+  return object;
 }
 
 class NodeMethods : public testing::Test {
@@ -140,22 +130,20 @@ TEST_F(NodeMethods, ReadBlocks) {
   }
   blocks.push_back(scene_.chain().load_block_from_disk(side_block_).value());
   for (const Block& block : blocks) {
-    std::string txids;
+    std::vector<JsonValue> txids;
     for (const Transaction& tx : block.transactions) {
-      txids += (txids.empty() ? "\"" : ",\"") + tx.get_txid().to_hex() + "\"";
+      txids.push_back(tx.get_txid().to_hex());
     }
     JsonValue found = call("getblock", object_of("hash", block.get_hash().to_hex()));
     EXPECT_EQ(call("getblockheader", std::vector<JsonValue>{block.get_hash().to_hex()}).to_string(), found.to_string());
     EXPECT_DOUBLE_EQ(found.get("difficulty").number, difficulty::get_difficulty(block.header.bits));
     found.object.erase("difficulty");
-    EXPECT_EQ(found.to_string(), "{\"bits\":" + std::to_string(block.header.bits) + ",\"hash\":\"" +
-                                     block.get_hash().to_hex() + "\",\"height\":" + std::to_string(block.height) +
-                                     ",\"merkleroot\":\"" + block.header.merkle_root.to_hex() +
-                                     "\",\"nonce\":" + std::to_string(block.header.nonce) +
-                                     ",\"previousblockhash\":\"" + block.header.prev_hash.to_hex() +
-                                     "\",\"size\":" + std::to_string(block.serialize().size()) +
-                                     ",\"time\":" + std::to_string(block.header.timestamp) + ",\"tx\":[" + txids +
-                                     "],\"tx_count\":" + std::to_string(block.transactions.size()) + ",\"version\":1}");
+    EXPECT_EQ(found.to_string(),
+              fill(R"({"bits":%,"hash":"%","height":%,"merkleroot":"%","nonce":%,"previousblockhash":"%","size":%,)"
+                   R"("time":%,"tx":%,"tx_count":%,"version":1})",
+                   block.header.bits, block.get_hash().to_hex(), block.height, block.header.merkle_root.to_hex(),
+                   block.header.nonce, block.header.prev_hash.to_hex(), block.serialize().size(),
+                   block.header.timestamp, JsonValue(txids).to_string(), txids.size()));
   }
 }
 
@@ -178,18 +166,10 @@ TEST_F(NodeMethods, MeasureTheWholeNetwork) {
   EXPECT_EQ(call("getmininginfo").get("networkhashps").number, static_cast<uint64_t>(work / 10));
 }
 
-// The outputs ever made, and who spent them, from the blocks alone.
+// What the blocks alone say.
 struct Ledger {
-  struct Row {
-    Transaction tx;
-    Block block;
-  };
-  std::vector<Row> rows;  // in block order
-  std::map<OutPoint, TxOut> made;
-  std::set<OutPoint> spent;
-
-  explicit Ledger(ChainScene& scene) {
-    for (uint32_t height = 0; height <= scene.chain().get_best_height(); ++height) {
+  explicit Ledger(ChainScene& scene) : best_height(scene.chain().get_best_height()) {
+    for (uint32_t height = 0; height <= best_height; ++height) {
       const Block block = scene.block_at(height);
       for (const Transaction& tx : block.transactions) {
         rows.push_back({tx, block});
@@ -202,94 +182,90 @@ struct Ledger {
       }
     }
   }
+
+  struct Row {
+    Transaction tx;
+    Block block;
+  };
+
+  // The entries of listtransactions for an address.
+  std::vector<std::string> newest_first(const Bytes& pubkey_hash) const {
+    std::vector<std::string> entries;
+    for (size_t i = rows.size(); i-- > 0;) {
+      const Row& row = rows[i];
+      int64_t amount = 0;
+      bool pays = false;
+      bool pays_others = false;
+      bool sends = false;
+      for (const TxOut& output : row.tx.outputs) {
+        const bool is_own = output.get_pubkey_hash() == pubkey_hash;
+        (is_own ? pays : pays_others) = true;
+        amount += is_own ? output.value : 0;
+      }
+      for (const TxIn& input : row.tx.inputs) {
+        const auto output = made.find(input.prevout);
+        if (output != made.end() && output->second.get_pubkey_hash() == pubkey_hash) {
+          sends = true;
+          amount -= output->second.value;
+        }
+      }
+      const bool is_coinbase = row.tx.type == TransactionType::COINBASE;
+      if (pays || sends) {
+        entries.push_back(
+            fill(R"({"amount":%,"blockhash":"%","blockheight":%,"confirmations":%,"has_message":%,"hex":"%","time":%,)"
+                 R"("txid":"%","type":"%"})",
+                 amount, row.block.get_hash().to_hex(), row.block.height, best_height + 1 - row.block.height,
+                 row.tx.outputs[0].message ? "true" : "false", hex_of(row.tx), row.block.header.timestamp,
+                 row.tx.get_txid().to_hex(),
+                 is_coinbase   ? "coinbase"
+                 : !sends      ? "receive"
+                 : pays_others ? "send"
+                               : "self"));
+      }
+    }
+    return entries;
+  }
+
+  uint32_t best_height;
+  std::vector<Row> rows;  // in block order
+  std::map<OutPoint, TxOut> made;
+  std::set<OutPoint> spent;
 };
 
 TEST_F(NodeMethods, AccountForEveryAddress) {
   make_history();
   const Ledger ledger(scene_);
   for (uint8_t seed = 1; seed <= 5; ++seed) {
-    const SampleKey key = sample_key(seed);
-    const JsonValue params = object_of("address", key.address);
     SCOPED_TRACE(int{seed});
+    const SampleKey key = sample_key(seed);
+    JsonValue params = object_of("address", key.address);
     std::string outputs;
     int64_t balance = 0;
     size_t output_count = 0;
     for (const auto& [outpoint, output] : ledger.made) {
       if (output.get_pubkey_hash() == key.pubkey_hash && !ledger.spent.contains(outpoint)) {
         balance += output.value;
-        outputs += std::string(output_count++ == 0 ? "" : ",") + outpoint.txid.to_hex() + ":" +
-                   std::to_string(outpoint.index) + "=" + std::to_string(output.value);
+        outputs += fill(R"(%{"txid":"%","value":%,"vout":%})", output_count++ == 0 ? "" : ",", outpoint.txid.to_hex(),
+                        output.value, outpoint.index);
       }
     }
-    std::string listed_outputs;
-    const JsonValue utxos = call("getutxos", params);
-    for (const JsonValue& entry : utxos.array) {
-      listed_outputs += (listed_outputs.empty() ? "" : ",") + entry.get("txid").string + ":" +
-                        entry.get("vout").to_string() + "=" + entry.get("value").to_string();
-      EXPECT_DOUBLE_EQ(entry.get("value_nvl").number * 1e8, entry.get("value").number);
+    JsonValue utxos = call("getutxos", params);
+    for (JsonValue& entry : utxos.array) {
+      entry = without_coins(entry, "value_nvl", "value");
     }
-    EXPECT_EQ(listed_outputs, outputs);
-    const JsonValue info = call("getaddressinfo", params);
-    EXPECT_EQ(call("getbalance", params).get("balance_satoshis").number, static_cast<double>(balance));
-    EXPECT_DOUBLE_EQ(call("getbalance", params).get("balance").number * 1e8, static_cast<double>(balance));
-    EXPECT_EQ(info.get("balance_satoshis").number, static_cast<double>(balance));
-    EXPECT_EQ(info.get("utxo_count").number, static_cast<double>(output_count));
-    const JsonValue list = call("listtransactions", std::vector<JsonValue>{key.address, 100});
-    EXPECT_EQ(info.get("tx_count").number, static_cast<double>(list.array.size()));
-    double sum = 0;
-    for (const JsonValue& entry : list.array) {
-      sum += entry.get("amount").number;
-    }
-    EXPECT_EQ(sum, static_cast<double>(balance));
-  }
-}
-
-TEST_F(NodeMethods, ListTransactionsNewestFirst) {
-  make_history();
-  const Ledger ledger(scene_);
-  for (uint8_t seed = 1; seed <= 4; ++seed) {
-    const SampleKey key = sample_key(seed);
-    std::vector<std::string> want;
-    for (auto row = ledger.rows.rbegin(); row != ledger.rows.rend(); ++row) {
-      const bool is_coinbase = row->tx.type == TransactionType::COINBASE;
-      int64_t amount = 0;
-      bool pays = false;
-      bool pays_others = false;
-      bool sends = false;
-      for (const TxOut& output : row->tx.outputs) {
-        const bool is_own = output.get_pubkey_hash() == key.pubkey_hash;
-        (is_own ? pays : pays_others) = true;
-        amount += is_own ? output.value : 0;
-      }
-      for (const TxIn& input : row->tx.inputs) {
-        const auto output = ledger.made.find(input.prevout);
-        if (output != ledger.made.end() && output->second.get_pubkey_hash() == key.pubkey_hash) {
-          sends = true;
-          amount -= output->second.value;
-        }
-      }
-      if (pays || sends) {
-        const bool has_note = row->tx.outputs[0].message.has_value();
-        const std::string type = is_coinbase ? "coinbase" : !sends ? "receive" : pays_others ? "send" : "self";
-        const uint32_t height = row->block.height;
-        want.push_back("{\"amount\":" + std::to_string(amount) + ",\"blockhash\":\"" + row->block.get_hash().to_hex() +
-                       "\",\"blockheight\":" + std::to_string(height) +
-                       ",\"confirmations\":" + std::to_string(scene_.chain().get_best_height() + 1 - height) +
-                       ",\"has_message\":" + (has_note ? "true" : "false") + ",\"hex\":\"" + hex_of(row->tx) +
-                       "\",\"time\":" + std::to_string(row->block.header.timestamp) + ",\"txid\":\"" +
-                       row->tx.get_txid().to_hex() + "\",\"type\":\"" + type + "\"}");
-      }
-    }
-    for (const size_t count : {size_t{100}, size_t{3}, size_t{0}, size_t{10}}) {
-      JsonValue params = object_of("address", key.address);
-      if (count != 10) {
-        params.set("count", count);
-      }
+    EXPECT_EQ(utxos.to_string(), "[" + outputs + "]");
+    const std::vector<std::string> history = ledger.newest_first(key.pubkey_hash);
+    const std::string account = fill(R"({"address":"%","balance_satoshis":%)", key.address, balance);
+    EXPECT_EQ(without_coins(call("getbalance", params), "balance", "balance_satoshis").to_string(), account + "}");
+    EXPECT_EQ(without_coins(call("getaddressinfo", params), "balance", "balance_satoshis").to_string(),
+              account + fill(R"(,"tx_count":%,"utxo_count":%})", history.size(), output_count));
+    for (const size_t count : {size_t{10}, size_t{100}, size_t{3}, size_t{0}}) {
       const JsonValue list = call("listtransactions", params);
-      ASSERT_EQ(list.array.size(), std::min(count, want.size()));
+      ASSERT_EQ(list.array.size(), std::min(count, history.size()));
       for (size_t i = 0; i < list.array.size(); ++i) {
-        EXPECT_EQ(list[i].to_string(), want[i]);
+        EXPECT_EQ(list[i].to_string(), history[i]);
       }
+      params.set("count", count == 10 ? 100 : count == 100 ? 3 : 0);  // ten without it
     }
   }
 }
@@ -299,51 +275,46 @@ TEST_F(NodeMethods, DescribeEveryTransaction) {
   const Ledger ledger(scene_);
   for (const Ledger::Row& row : ledger.rows) {
     const std::string txid = row.tx.get_txid().to_hex();
+    SCOPED_TRACE(txid);
     const bool spends = row.tx.inputs[0].prevout.index < 1'000;
-    int64_t fee = 0;
-    std::set<std::string> from;
-    std::set<std::string> to;
-    for (const TxOut& output : row.tx.outputs) {
-      fee -= spends ? output.value : 0;
-      to.insert(crypto::hash160_to_address(output.get_pubkey_hash(), 0));
-    }
+    int64_t fee = spends ? -row.tx.total_output_value() : 0;
+    std::vector<TxOut> inputs;
     for (const TxIn& input : row.tx.inputs) {
       if (spends) {
-        fee += ledger.made.at(input.prevout).value;
-        from.insert(crypto::hash160_to_address(ledger.made.at(input.prevout).get_pubkey_hash(), 0));
+        inputs.push_back(ledger.made.at(input.prevout));
+        fee += inputs.back().value;
       }
     }
-    from.erase("");
-    to.erase("");
-    const JsonValue found = call("gettransaction", std::vector<JsonValue>{txid});
-    EXPECT_EQ(found.get("txid").string, txid);
-    EXPECT_EQ(found.get("type").string, row.tx.type == TransactionType::COINBASE ? "coinbase" : "transfer");
-    EXPECT_EQ(found.get("fee_satoshis").to_string(), std::to_string(fee));
-    EXPECT_DOUBLE_EQ(found.get("fee").number * 1e8, static_cast<double>(fee));
-    EXPECT_EQ(found.get("value_satoshis").to_string(), std::to_string(row.tx.total_output_value()));
-    EXPECT_EQ(found.get("hex").string, hex_of(row.tx));
-    EXPECT_EQ(call("getrawtransaction", object_of("txid", txid)).string, hex_of(row.tx));
-    EXPECT_EQ(found.get("blockhash").string, row.block.get_hash().to_hex());
-    EXPECT_EQ(found.get("blockheight").number, row.block.height);
-    EXPECT_EQ(found.get("confirmations").number, scene_.chain().get_best_height() - row.block.height + 1);
-    EXPECT_EQ(found.get("time").number, static_cast<double>(row.block.header.timestamp));
-    const auto texts = [&](const char* key) {
-      std::set<std::string> all;
-      for (const JsonValue& text : found.get(key).array) {
-        all.insert(text.string);
+    // Of each address the first place counts; contracts have none.
+    const auto addresses = [](const std::vector<TxOut>& outputs) {
+      std::vector<JsonValue> texts;
+      for (const TxOut& output : outputs) {
+        const std::string address = crypto::hash160_to_address(output.get_pubkey_hash(), 0);
+        if (!address.empty() && std::ranges::count(texts, address, &JsonValue::string) == 0) {
+          texts.push_back(address);
+        }
       }
-      EXPECT_EQ(all.size(), found.get(key).array.size());
-      EXPECT_EQ(found.get(std::string(key) + "_address").string, found.get(key)[0].string);
-      return all;
+      return JsonValue(texts);
     };
-    EXPECT_EQ(texts("from"), from);
-    EXPECT_EQ(texts("to"), to);
+    JsonValue found = call("gettransaction", std::vector<JsonValue>{txid});
     if (const std::string note = found.get("message").string; !note.empty()) {
       size_t offset = 0;
       const auto message = crypto::EncryptedMessage::deserialize(crypto::hex_to_bytes(note), offset);
       EXPECT_EQ(crypto::decrypt_message(message, sample_key(4).private_key), "hello");
     }
     EXPECT_EQ(found.get("message").string.empty(), row.tx.outputs.empty() || !row.tx.outputs[0].message);
+    found.object.erase("message");
+    found = without_coins(without_coins(found, "fee", "fee_satoshis"), "value", "value_satoshis");
+    const JsonValue from = addresses(inputs);
+    const JsonValue to = addresses(row.tx.outputs);
+    EXPECT_EQ(
+        found.to_string(),
+        fill(R"({"blockhash":"%","blockheight":%,"confirmations":%,"fee_satoshis":%,"from":%,"from_address":"%",)"
+             R"("hex":"%","time":%,"to":%,"to_address":"%","txid":"%","type":"%","value_satoshis":%})",
+             row.block.get_hash().to_hex(), row.block.height, ledger.best_height - row.block.height + 1, fee,
+             from.to_string(), from[0].string, hex_of(row.tx), row.block.header.timestamp, to.to_string(), to[0].string,
+             txid, row.tx.type == TransactionType::COINBASE ? "coinbase" : "transfer", row.tx.total_output_value()));
+    EXPECT_EQ(call("getrawtransaction", object_of("txid", txid)).string, hex_of(row.tx));
   }
 }
 
@@ -351,11 +322,11 @@ TEST_F(NodeMethods, ShowThePool) {
   const Transaction parent = spend(output_of(scene_.extend().transactions[0]), {8 * kCoin - 500});
   const Transaction child = spend(output_of(parent), {8 * kCoin - 1'200}, 2, 3);
   for (const Transaction& tx : {parent, child}) {
-    const JsonValue result = call("sendrawtransaction", object_of("hex", hex_of(tx)));
-    EXPECT_EQ(result.to_string(), "{\"accepted\":true,\"txid\":\"" + tx.get_txid().to_hex() + "\"}");
+    EXPECT_EQ(call("sendrawtransaction", object_of("hex", hex_of(tx))).to_string(),
+              fill(R"({"accepted":true,"txid":"%"})", tx.get_txid().to_hex()));
   }
-  const std::string bytes = std::to_string(parent.size() + child.size());
-  EXPECT_EQ(call("getmempoolinfo").to_string(), "{\"bytes\":" + bytes + ",\"size\":2,\"usage\":" + bytes + "}");
+  const size_t bytes = parent.size() + child.size();
+  EXPECT_EQ(call("getmempoolinfo").to_string(), fill(R"({"bytes":%,"size":2,"usage":%})", bytes, bytes));
   std::set<std::string> txids;
   const JsonValue listed = call("getrawmempool");
   for (const JsonValue& txid : listed.array) {
@@ -376,8 +347,7 @@ TEST_F(NodeMethods, ListTheMostValuableOutputs) {
   many.outputs.resize(10'002, many.outputs[0]);
   many.outputs[3].value = 8;
   many.outputs[5].value = 7;
-  many.sign_input(0, sample_key(1).private_key, Script::create_p2pkh_output(sample_key(1).pubkey_hash));
-  include({many}, 8 * kCoin - 90'015);
+  include({signed_again(many)}, 8 * kCoin - 90'015);
   AddressOutputReader reader;
   const AddressOutputs all = reader.read(scene_.chain(), sample_key(2).pubkey_hash, 10'002);
   EXPECT_EQ(all.count, 10'002u);
@@ -405,7 +375,7 @@ TEST_F(NodeMethods, TakeBlocksAndRefuseTheRest) {
   EXPECT_NE(refusal("submitblock", object_of("data", "0x" + std::string(2'000'000, '0'))),
             "Block rejected: Block too large");
   EXPECT_EQ(call("submitblock", data_of(block)).to_string(),
-            "{\"accepted\":true,\"hash\":\"" + block.get_hash().to_hex() + "\",\"height\":1}");
+            fill(R"({"accepted":true,"hash":"%","height":1})", block.get_hash().to_hex()));
   EXPECT_EQ(scene_.chain().get_best_hash(), block.get_hash());
   EXPECT_EQ(refusal("submitblock", data_of(block)), "Block rejected: Block already exists");
 }
@@ -413,7 +383,6 @@ TEST_F(NodeMethods, TakeBlocksAndRefuseTheRest) {
 TEST_F(NodeMethods, SayWhyATransactionIsRefused) {
   const auto coin = output_of(scene_.extend().transactions[0]);
   const Transaction known = spend(coin, {8 * kCoin});
-  const Transaction unknown = spend({{uint256(uint64_t{5}), 0}, coin.second}, {9 * kCoin});
   call("sendrawtransaction", object_of("hex", hex_of(known)));
   const struct {
     const char* label;
@@ -424,24 +393,22 @@ TEST_F(NodeMethods, SayWhyATransactionIsRefused) {
        "Invalid transaction: outputs exceed inputs"},
       {"overspent output of the pool", hex_of(spend(output_of(known), {8 * kCoin + 1}, 2)),
        "Invalid transaction: outputs exceed inputs"},
-      {"unknown input", hex_of(unknown), "Transaction rejected: missing parent " + uint256(uint64_t{5}).to_hex()},
       {"known", hex_of(known), "Mempool rejected: Transaction already in mempool"},
       {"conflict", hex_of(spend(coin, {1})), "Mempool rejected: Input already spent in mempool"},
       {"cut", "01000000", "Transaction rejected: Not enough data for version"},
       {"too long", std::string(2'000'003, '0'), "Transaction rejected: Transaction too large"},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.label);
-    EXPECT_EQ(refusal("sendrawtransaction", object_of("hex", row.hex)), row.error);
+    EXPECT_EQ(refusal("sendrawtransaction", object_of("hex", row.hex)), row.error) << row.label;
   }
 }
 
+// Look-ups that find nothing are asked of a whole node, in both forms of their parameters.
 TEST_F(NodeMethods, RefuseBadParameters) {
   make_history();
   const std::string key_hidden =
       "No public key available for this address. The address must send at least one transaction first to reveal its "
       "public key.";
-  const std::string hash(64, 'a');
   const std::string long_address = "[\"" + std::string(65, '1') + "\"]";
   const struct {
     const char* method;
@@ -453,81 +420,53 @@ TEST_F(NodeMethods, RefuseBadParameters) {
       {"getblocktemplate", long_address, "Invalid address"},
       {"submitblock", "[]", "Block data required"},
       {"sendrawtransaction", "{\"hex\":\"\"}", "Transaction hex required"},
-      {"getbalance", "null", "Address required"},
-      {"getbalance", "[\"1abc\"]", "Invalid address"},
-      {"getutxos", "{\"address\":5}", "Address required"},
-      {"getutxos", long_address, "Invalid address"},
-      {"listtransactions", "{}", "Address required"},
-      {"getaddressinfo", "{\"address\":\"0\"}", "Invalid address"},
       {"getpubkeyforaddress", "[]", "Missing address parameter"},
       {"getpubkeyforaddress", "null", "Missing address parameter"},
       {"getpubkeyforaddress", "[1]", "Invalid address parameter"},
       {"getpubkeyforaddress", "{}", "Missing or invalid 'address' parameter"},
       {"getpubkeyforaddress", long_address, "Invalid address"},
       {"getpubkeyforaddress", "[\"" + sample_key(9).address + "\"]", key_hidden},
-      {"getblock", "[]", "Block hash required"},
-      {"getblock", "[\"" + hash + "\"]", "Block not found"},
-      {"getblockheader", "{\"hash\":\"0x12\"}", "Block not found"},
-      {"getblockhash", "{}", "Block height required"},
       {"getblockhash", "[1.5]", "Block height required"},
       {"getblockhash", "[14]", "Block not found at height 14"},
-      {"getblockhash", "{\"height\":-1}", "Block not found at height -1"},
-      {"getblockhash", "[4294967296]", "Block not found at height 4294967296"},
-      {"gettransaction", "{}", "Transaction ID required"},
-      {"gettransaction", "[\"" + hash + "\"]", "Transaction not found"},
-      {"getrawtransaction", "[]", "TXID required"},
-      {"getrawtransaction", "{\"txid\":\"zz\"}", "Transaction not found"},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.method + row.params);
-    EXPECT_EQ(refusal(row.method, JsonValue::parse(row.params)), row.error);
+    EXPECT_EQ(refusal(row.method, JsonValue::parse(row.params)), row.error) << row.method + row.params;
   }
   EXPECT_EQ(call("getpubkeyforaddress", std::vector<JsonValue>{sample_key(1).address}).string,
             crypto::bytes_to_hex(sample_key(1).pubkey));
 }
 
 TEST_F(NodeMethods, NameTheMissingComponent) {
-  const NodeComponents whole{borrow(scene_.chain()), borrow(pool_), borrow(network_)};
-  const std::map<std::string, std::string> needs = {
-      {"getblocktemplate", "BM"},
-      {"submitblock", "BMN"},
-      {"getbalance", "B"},
-      {"sendrawtransaction", "BMN"},
-      {"getblockcount", "B"},
-      {"getbestblockhash", "B"},
-      {"getblock", "B"},
-      {"getblockheader", "B"},
-      {"gettransaction", "B"},
-      {"getpeerinfo", "N"},
-      {"getnetworkinfo", "N"},
-      {"getmininginfo", "B"},
-      {"getmempoolinfo", "M"},
-      {"getutxos", "B"},
-      {"getpubkeyforaddress", "B"},
-      {"listtransactions", "B"},
-      {"getaddressinfo", "B"},
-      {"getblockhash", "B"},
-      {"getrawmempool", "M"},
-      {"getrawtransaction", "B"},
+  EXPECT_EQ(methods_.size(), 20u);
+  const struct {
+    NodeComponents components;
+    std::string refusal;
+    std::string methods;  // that give it
+  } rows[] = {
+      {{nullptr, borrow(pool_), borrow(network_)},
+       "Blockchain not initialized",
+       "getaddressinfo getbalance getbestblockhash getblock getblockcount getblockhash getblockheader "
+       "getblocktemplate getmininginfo getpubkeyforaddress getrawtransaction gettransaction getutxos "
+       "listtransactions sendrawtransaction submitblock "},
+      {{borrow(scene_.chain()), nullptr, borrow(network_)},
+       "Mempool not initialized",
+       "getblocktemplate getmempoolinfo getrawmempool sendrawtransaction submitblock "},
+      {{borrow(scene_.chain()), borrow(pool_), nullptr},
+       "Network not initialized",
+       "getnetworkinfo getpeerinfo sendrawtransaction submitblock "},
   };
-  EXPECT_EQ(methods_.size(), needs.size());
-  for (const auto& [letter, name] :
-       std::map<char, std::string>{{'B', "Blockchain"}, {'M', "Mempool"}, {'N', "Network"}}) {
-    set_components({letter == 'B' ? nullptr : whole.chain, letter == 'M' ? nullptr : whole.pool,
-                    letter == 'N' ? nullptr : whole.network});
-    for (const auto& [method, letters] : needs) {
-      const bool is_refused = refusal(method, JsonValue()) == name + " not initialized";
-      EXPECT_EQ(is_refused, letters.find(letter) != std::string::npos) << method << " without " << name;
+  for (const auto& row : rows) {
+    set_components(row.components);
+    std::string refusing;
+    for (const auto& [method, handler] : methods_) {
+      refusing += refusal(method, JsonValue()) == row.refusal ? method + " " : "";
     }
+    EXPECT_EQ(refusing, row.methods) << row.refusal;
   }
 }
 
 // Whoever has very many gets the newest ones.
 TEST_F(NodeMethods, BoundAListOfTransactions) {
-  const auto signed_again = [](Transaction tx) {
-    tx.sign_input(0, sample_key(1).private_key, Script::create_p2pkh_output(sample_key(1).pubkey_hash));
-    return tx;
-  };
   for (int i = 0; i < 10; ++i) {
     include({}, 0, 1);
     Transaction tx = spend(output_of(scene_.tip().transactions[0]), {1}, 1, 4);

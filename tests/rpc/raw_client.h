@@ -1,59 +1,36 @@
-// A TCP client that sends any bytes to a server on loopback. Every wait is bounded, so that a server that stalls fails
-// a test instead of hanging it.
+// A TCP client that sends any bytes to a server on loopback, and a server for it.
 
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 #include <array>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "rpc/loopback_server.h"
 #include "rpc/server.h"
 
 namespace norvel::rpc {
 
-inline sockaddr_in loopback_address(const char* host, uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  ::inet_pton(AF_INET, host, &address.sin_addr);
-  return address;
-}
-
 class RawClient {
  public:
   // `from` is an address of the loopback network; the name of the peer to the server.
-  explicit RawClient(uint16_t port, const char* from = "127.0.0.1") : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
-    const sockaddr_in own = loopback_address(from, 0);
-    const sockaddr_in server = loopback_address("127.0.0.1", port);
-    ::bind(fd_, reinterpret_cast<const sockaddr*>(&own), sizeof own);
-    connected_ = ::connect(fd_, reinterpret_cast<const sockaddr*>(&server), sizeof server) == 0;
-  }
-  ~RawClient() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  RawClient(RawClient&& other) noexcept : fd_(std::exchange(other.fd_, -1)), connected_(other.connected_) {}
+  explicit RawClient(uint16_t port, const char* from = "127.0.0.1")
+      : fd_(network::bound_socket(from)), connected_(network::connect_to(fd(), "127.0.0.1", port)) {}
 
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   bool is_connected() const { return connected_; }
-  void send(std::string_view bytes) const { send_text(fd_, bytes); }
-  void end_sending() const { ::shutdown(fd_, SHUT_WR); }
+  void send(std::string_view bytes) const { send_text(fd(), bytes); }
+  void end_sending() const { ::shutdown(fd(), SHUT_WR); }
 
   // What comes until the server closes; "stalled" behind it when it does not.
-  std::string read_all(int patience_ms = kPatienceMs) const {
+  std::string read_all() const {
     std::string all;
     std::array<char, 65'536> chunk;
-    while (wait_readable(fd_, patience_ms)) {
-      const ssize_t received = ::recv(fd_, chunk.data(), chunk.size(), 0);
+    while (wait_readable(fd())) {
+      const ssize_t received = ::recv(fd(), chunk.data(), chunk.size(), 0);
       if (received <= 0) {
         return all;
       }
@@ -63,8 +40,8 @@ class RawClient {
   }
 
  private:
-  int fd_;
-  bool connected_ = false;
+  FileDescriptor fd_;
+  bool connected_;
 };
 
 inline std::string post(const std::string& body, const std::string& headers = "") {
@@ -72,8 +49,23 @@ inline std::string post(const std::string& body, const std::string& headers = ""
          body;
 }
 
+// A call without id and parameters, which are null in the answer.
+inline std::string call_of(const std::string& method) {
+  return post(R"({"method":")" + method + R"("})");
+}
+
 inline std::string ok(const std::string& body) {
   return RpcServer::build_http_response(body, 200);
+}
+
+inline std::string result_of(const std::string& value) {
+  return ok(R"({"id":null,"jsonrpc":"2.0","result":)" + value + "}");
+}
+
+// `id` and `message` as they stand in JSON.
+inline std::string error_of(int code, const std::string& message, const std::string& id = "null") {
+  return ok(R"({"error":{"code":)" + std::to_string(code) + R"(,"message":")" + message + R"("},"id":)" + id +
+            R"(,"jsonrpc":"2.0"})");
 }
 
 inline const std::string kPing = R"({"method":"ping","params":7,"id":1})";
@@ -85,5 +77,32 @@ inline std::string answer_to(uint16_t port, const std::string& request, const ch
   client.send(request);
   return client.read_all();
 }
+
+// A server whose connections must end with the test.
+class ServerTest : public testing::Test {
+ protected:
+  ServerTest() {
+    testing::internal::CaptureStdout();
+    make_server({});
+  }
+  ~ServerTest() override {
+    server_->stop();
+    EXPECT_TRUE(server_->wait_for_connections(kPatienceMs));
+    testing::internal::GetCapturedStdout();
+  }
+
+  void make_server(const ServerLimits& limits) {
+    server_ = std::make_unique<RpcServer>(0, "127.0.0.1", limits);
+    server_->register_method("ping", [](const JsonValue& params) { return params; });
+    server_->register_method("large", [](const JsonValue&) { return std::string(16'000'000, 'x'); });
+  }
+
+  uint16_t start() {
+    EXPECT_TRUE(server_->start());
+    return server_->get_port();
+  }
+
+  std::unique_ptr<RpcServer> server_;
+};
 
 }  // namespace norvel::rpc

@@ -1,7 +1,5 @@
 // What a client cannot take from the others.
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -10,7 +8,6 @@
 
 #include "rpc/connection_slots.h"
 #include "rpc/raw_client.h"
-#include "rpc/server.h"
 #include "rpc/work_budget.h"
 
 namespace norvel::rpc {
@@ -19,38 +16,43 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-const std::string kTooLarge =
-    ok(R"({"error":{"code":-32700,"message":"Request too large"},"id":null,"jsonrpc":"2.0"})");
+const std::string kTooLarge = error_of(-32700, "Request too large");
+const std::string kDone = result_of("true");
 
-class Bounds : public testing::Test {
+class Bounds : public ServerTest {
  protected:
-  Bounds() { testing::internal::CaptureStdout(); }
-  ~Bounds() override {
-    if (server_) {
-      server_->stop();
-      EXPECT_TRUE(server_->wait_for_connections(kPatienceMs));
-    }
-    testing::internal::GetCapturedStdout();
-  }
-
   uint16_t start(const ServerLimits& limits) {
-    server_ = std::make_unique<RpcServer>(0, "127.0.0.1", limits);
-    server_->register_method("ping", [](const JsonValue& params) { return params; });
-    server_->register_method("large", [](const JsonValue&) { return std::string(16'000'000, 'x'); });
-    server_->register_method("wait", [this](const JsonValue&) {
+    make_server(limits);
+    const auto wait = [this](const JsonValue&) {
       for (++waiting_; !leave_;) {
         std::this_thread::yield();
       }
       return JsonValue(true);
-    });
-    EXPECT_TRUE(server_->start());
-    return server_->get_port();
+    };
+    server_->register_method("wait", wait);
+    server_->register_method("heavy", wait, CallWeight::kHeavy);
+    return ServerTest::start();
+  }
+
+  void wait_for_calls(int count) const {
+    while (waiting_ < count) {
+      std::this_thread::yield();
+    }
   }
 
   std::atomic<int> waiting_{0};
   std::atomic<bool> leave_{false};
-  std::unique_ptr<RpcServer> server_;
 };
+
+// Half-open clients that have sent `text` each.
+std::vector<RawClient> clients_that_sent(uint16_t port, size_t count, const std::string& text) {
+  std::vector<RawClient> clients;
+  while (clients.size() < count) {
+    clients.emplace_back(port).send(text);
+    std::this_thread::sleep_for(milliseconds(1));  // the queue of the listener is short
+  }
+  return clients;
+}
 
 TEST_F(Bounds, OfHeaderBlockBodyAndValues) {
   const uint16_t port = start({});
@@ -65,19 +67,11 @@ TEST_F(Bounds, OfHeaderBlockBodyAndValues) {
 
   // The object, its method, the array and its elements.
   const auto call_with = [](size_t elements) {
-    std::string body = R"({"method":"none","params":[0)";
-    for (size_t i = 1; i < elements; ++i) {
-      body += ",0";
-    }
-    return post(body + "]}");
+    const JsonValue params(std::vector<JsonValue>(elements, JsonValue(0)));
+    return post(R"({"method":"none","params":)" + params.to_string() + "}");
   };
   EXPECT_NE(answer_to(port, call_with(199'997)), kTooLarge);
   EXPECT_EQ(answer_to(port, call_with(199'998)), kTooLarge);
-  std::string repeating = R"({"method":"ping")";
-  for (int i = 0; i < 200'000; ++i) {
-    repeating += R"(,"a":0)";
-  }
-  EXPECT_EQ(answer_to(port, post(repeating + "}")), kTooLarge);
 }
 
 TEST_F(Bounds, OfWhatAnAnswerRepeats) {
@@ -87,8 +81,7 @@ TEST_F(Bounds, OfWhatAnAnswerRepeats) {
   };
   const std::string name(1'024, 'm');
   const std::string id = '"' + std::string(1'022, 'i') + '"';
-  EXPECT_EQ(call_by(name, id), ok(R"({"error":{"code":-32601,"message":"Method not found: )" + name + R"("},"id":)" +
-                                  id + R"(,"jsonrpc":"2.0"})"));
+  EXPECT_EQ(call_by(name, id), error_of(-32601, "Method not found: " + name, id));
   EXPECT_EQ(call_by(name + "m", "1"), kTooLarge);
   EXPECT_EQ(call_by("ping", "[" + id + "]"), kTooLarge);
 }
@@ -97,37 +90,25 @@ TEST_F(Bounds, OfAnswersThatWaitForTheirClients) {
   const uint16_t port = start({.answers_bytes = size_t{40} * 1024 * 1024});
   std::vector<RawClient> never_read;
   for (int i = 0; i < 4; ++i) {
-    never_read.emplace_back(port);
-    never_read.back().send(post(R"({"method":"large"})"));
+    never_read.emplace_back(port).send(call_of("large"));
     EXPECT_TRUE(wait_readable(never_read.back().fd()));
   }
-  EXPECT_GT(answer_to(port, post(R"({"method":"large"})")).size(), 16'000'000u);
+  EXPECT_GT(answer_to(port, call_of("large")).size(), 16'000'000u);
   EXPECT_LT(never_read.front().read_all().size(), 16'000'000u) << "the oldest has given way";
 }
 
 TEST_F(Bounds, HeavyCallsKeepNoLightOnesWaiting) {
   const uint16_t port = start({.heavy_calls = 1, .request_ms = 1'000});
-  server_->register_method(
-      "heavy",
-      [this](const JsonValue&) {
-        for (++waiting_; !leave_;) {
-          std::this_thread::yield();
-        }
-        return JsonValue(true);
-      },
-      CallWeight::kHeavy);
   const RawClient first(port);
-  first.send(post(R"({"method":"heavy"})"));
-  while (waiting_ < 1) {
-    std::this_thread::yield();
-  }
+  first.send(call_of("heavy"));
+  wait_for_calls(1);
   const RawClient second(port);
-  second.send(post(R"({"method":"heavy"})"));
+  second.send(call_of("heavy"));
   EXPECT_EQ(answer_to(port, post(kPing)), kPong);
   EXPECT_NE(second.read_all().find("Error: server busy"), std::string::npos) << "its time is up";
   EXPECT_EQ(waiting_, 1);
   leave_ = true;
-  EXPECT_EQ(first.read_all(), ok(R"({"id":null,"jsonrpc":"2.0","result":true})"));
+  EXPECT_EQ(first.read_all(), kDone);
 }
 
 TEST_F(Bounds, OfTheTimeOfAWholeRequest) {
@@ -135,9 +116,9 @@ TEST_F(Bounds, OfTheTimeOfAWholeRequest) {
   const auto before = steady_clock::now();
   const RawClient silent(port);
   const RawClient slow(port);
-  const std::string header = "POST / HTTP/1.1\r\nX: ";
-  for (size_t i = 0; !wait_readable(slow.fd(), 10) && i < 1'000; ++i) {
-    slow.send(i < header.size() ? header.substr(i, 1) : "x");
+  slow.send("POST / HTTP/1.1\r\nX: ");
+  for (int i = 0; !wait_readable(slow.fd(), 10) && i < 1'000; ++i) {
+    slow.send("x");
   }
   EXPECT_EQ(slow.read_all(), "");
   EXPECT_EQ(silent.read_all(), "");
@@ -148,7 +129,7 @@ TEST_F(Bounds, OfTheTimeOfAWholeRequest) {
 TEST_F(Bounds, OfTheTimeOfAnAnswerAndOfAClosing) {
   const uint16_t port = start({.answer_ms = 200, .closing_ms = 200});
   const RawClient never_reads(port);
-  never_reads.send(post(R"({"method":"large"})"));
+  never_reads.send(call_of("large"));
   const RawClient never_closes(port);
   never_closes.send(post(kPing));
   EXPECT_EQ(never_closes.read_all(), kPong);
@@ -163,47 +144,29 @@ TEST_F(Bounds, OfTheTimeOfAnAnswerAndOfAClosing) {
 
 TEST_F(Bounds, HalfOpenConnectionsGiveWayOldestFirst) {
   const uint16_t port = start({});
-  std::vector<RawClient> half_open;
-  for (int i = 0; i < 300; ++i) {
-    half_open.emplace_back(port);
-    half_open.back().send("POST / HTTP/1.1\r\n");
-    std::this_thread::sleep_for(milliseconds(1));  // the queue of the listener is short
-    if (i % 50 == 0) {
-      EXPECT_EQ(answer_to(port, post(kPing)), kPong);
-    }
-  }
+  const std::vector<RawClient> half_open = clients_that_sent(port, 300, "POST / HTTP/1.1\r\n");
   EXPECT_EQ(answer_to(port, post(kPing)), kPong);
-  for (int i = 0; i < 40; ++i) {
-    EXPECT_EQ(half_open[static_cast<size_t>(i)].read_all(), "");
+  for (size_t i = 0; i < 40; ++i) {
+    EXPECT_EQ(half_open[i].read_all(), "");
   }
-  half_open.back().send("Content-Length: 35\r\n\r\n" + kPing);
-  EXPECT_EQ(half_open.back().read_all(), kPong);
+  half_open[50].send("Content-Length: 35\r\n\r\n" + kPing);
+  EXPECT_EQ(half_open[50].read_all(), kPong) << "256 places, of which the last call took one";
 }
 
 TEST_F(Bounds, CompleteRequestsStayAndTheNewcomerGoes) {
   const uint16_t port = start({.connections = 2});
-  const RawClient first(port);
-  const RawClient second(port);
-  first.send(post(R"({"method":"wait"})"));
-  second.send(post(R"({"method":"wait"})"));
-  while (waiting_ < 2) {
-    std::this_thread::yield();
-  }
+  const std::vector<RawClient> complete = clients_that_sent(port, 2, call_of("wait"));
+  wait_for_calls(2);
   EXPECT_EQ(RawClient(port).read_all(), "");
   leave_ = true;
-  const std::string done = ok(R"({"id":null,"jsonrpc":"2.0","result":true})");
-  EXPECT_EQ(first.read_all(), done);
-  EXPECT_EQ(second.read_all(), done);
+  EXPECT_EQ(complete[0].read_all(), kDone);
+  EXPECT_EQ(complete[1].read_all(), kDone);
 }
 
 TEST_F(Bounds, BodiesOfAllTogether) {
   const uint16_t port = start({.body_bytes = 100'000, .bodies_bytes = 250'000, .body_bytes_free = 0});
-  const std::string part = "POST /\r\nContent-Length: 100000\r\n\r\n" + std::string(90'000, ' ');
-  std::vector<RawClient> hoarders;
-  for (int i = 0; i < 5; ++i) {
-    hoarders.emplace_back(port);
-    hoarders.back().send(part);
-  }
+  const std::vector<RawClient> hoarders =
+      clients_that_sent(port, 5, "POST /\r\nContent-Length: 100000\r\n\r\n" + std::string(90'000, ' '));
   EXPECT_EQ(answer_to(port, post(kPing + std::string(90'000, ' '))), kPong);
   EXPECT_EQ(hoarders[0].read_all(), "");
 }
@@ -211,7 +174,7 @@ TEST_F(Bounds, BodiesOfAllTogether) {
 TEST(ConnectionSlots, CountsBytesUntilTheyAreReleasedAndTellsWhoHasGivenWay) {
   auto slots =
       std::make_shared<ConnectionSlots>(ServerLimits{.connections = 3, .bodies_bytes = 100, .body_bytes_free = 10});
-  const auto admit = [&] { return slots->admit(FileDescriptor(::socket(AF_INET, SOCK_STREAM, 0))); };
+  const auto admit = [&] { return slots->admit(network::bound_socket("127.0.0.1")); };
   auto first = admit();
   auto second = admit();
   auto third = admit();

@@ -1,48 +1,25 @@
-// The server under TLS: certificates made here, a client of OpenSSL's.
+// The server under TLS, and a client of OpenSSL's.
 
-#include <gtest/gtest.h>
-#include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/rsa.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
 
 #include <csignal>
-#include <cstdio>
-#include <filesystem>
 #include <memory>
 
 #include "rpc/raw_client.h"
-#include "rpc/server.h"
 #include "support/captured_stderr.h"
 
 namespace norvel::rpc {
 namespace {
 
+const std::string kCertificate = NORVEL_TEST_CERTIFICATES "/own.pem";
+const std::string kKey = NORVEL_TEST_CERTIFICATES "/own.key.pem";
+
 struct Free {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-  void operator()(X509* certificate) const { X509_free(certificate); }
   void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
   void operator()(SSL* session) const { SSL_free(session); }
-  void operator()(std::FILE* file) const { std::fclose(file); }
 };
 template <typename T>
 using Owned = std::unique_ptr<T, Free>;
-
-// A self-signed certificate and its key in PEM files.
-void write_pair(const std::string& certificate_file, const std::string& key_file) {
-  const Owned<EVP_PKEY> key(EVP_EC_gen("P-256"));
-  const Owned<X509> certificate(X509_new());
-  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 0);
-  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3'600);
-  X509_set_pubkey(certificate.get(), key.get());
-  X509_sign(certificate.get(), key.get(), EVP_sha256());
-  const Owned<std::FILE> certificate_out(std::fopen(certificate_file.c_str(), "w"));
-  PEM_write_X509(certificate_out.get(), certificate.get());
-  const Owned<std::FILE> key_out(std::fopen(key_file.c_str(), "w"));
-  PEM_write_PrivateKey(key_out.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-}
 
 class TlsClient {
  public:
@@ -81,54 +58,35 @@ class TlsClient {
   bool connected_ = false;
 };
 
-class TlsServer : public testing::Test {
+class TlsServer : public ServerTest {
  protected:
-  TlsServer() {
-    char name[] = "/tmp/norvel_tls_XXXXXX";
-    directory_ = ::mkdtemp(name);
-    write_pair(file("cert"), file("key"));
-    write_pair(file("cert2"), file("key2"));
-    testing::internal::CaptureStdout();
-  }
-  ~TlsServer() override {
-    server_->stop();
-    EXPECT_TRUE(server_->wait_for_connections(kPatienceMs));
-    testing::internal::GetCapturedStdout();
-    std::filesystem::remove_all(directory_);
-  }
-
-  std::string file(const std::string& name) const { return directory_ + "/" + name; }
-
   uint16_t start(const ServerLimits& limits = {}) {
-    server_ = std::make_unique<RpcServer>(0, "127.0.0.1", limits);
-    server_->register_method("ping", [](const JsonValue& params) { return params; });
-    server_->register_method("large", [](const JsonValue&) { return std::string(16'000'000, 'x'); });
-    server_->set_tls(file("cert"), file("key"));
-    EXPECT_TRUE(server_->has_tls() && server_->start());
-    return server_->get_port();
+    make_server(limits);
+    server_->set_tls(kCertificate, kKey);
+    EXPECT_TRUE(server_->has_tls());
+    return ServerTest::start();
   }
-
-  std::string directory_;
-  std::unique_ptr<RpcServer> server_ = std::make_unique<RpcServer>(0, "127.0.0.1");
 };
 
 TEST_F(TlsServer, SaysWhichFileIsWrongAndKeepsWhatItHad) {
   const CapturedStderr errors;
-  server_->set_tls(file("none"), file("key"));
-  server_->set_tls(file("key"), file("key"));
-  server_->set_tls(file("cert"), file("none"));
-  server_->set_tls(file("cert"), file("cert"));
-  server_->set_tls(file("cert"), file("key2"));
+  const std::string other_key = NORVEL_TEST_CERTIFICATES "/other.key.pem";
+  const std::string none = NORVEL_TEST_CERTIFICATES "/none.pem";
+  server_->set_tls(none, kKey);
+  server_->set_tls(kKey, kKey);
+  server_->set_tls(kCertificate, none);
+  server_->set_tls(kCertificate, kCertificate);
+  server_->set_tls(kCertificate, other_key);
   EXPECT_FALSE(server_->has_tls());
-  server_->set_tls(file("cert"), file("key"));
-  server_->set_tls(file("cert2"), file("key"));
+  server_->set_tls(kCertificate, kKey);
+  server_->set_tls(kCertificate, other_key);
   EXPECT_TRUE(server_->has_tls());
-  EXPECT_EQ(errors.text(), "[RPC] TLS: failed to load certificate: " + file("none") +
-                               "\n[RPC] TLS: failed to load certificate: " + file("key") +
-                               "\n[RPC] TLS: failed to load private key: " + file("none") +
-                               "\n[RPC] TLS: failed to load private key: " + file("cert") +
-                               "\n[RPC] TLS: certificate/key mismatch\n[RPC] TLS: certificate/key mismatch\n");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[RPC] TLS enabled (cert: " + file("cert") + ")\n");
+  const std::string no_certificate = "[RPC] TLS: failed to load certificate: ";
+  const std::string no_key = "[RPC] TLS: failed to load private key: ";
+  const std::string mismatch = "[RPC] TLS: certificate/key mismatch\n";
+  EXPECT_EQ(errors.text(), no_certificate + none + "\n" + no_certificate + kKey + "\n" + no_key + none + "\n" + no_key +
+                               kCertificate + "\n" + mismatch + mismatch);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[RPC] TLS enabled (cert: " + kCertificate + ")\n");
   testing::internal::CaptureStdout();
 }
 
@@ -156,12 +114,12 @@ TEST_F(TlsServer, AnswersAClientThatHasEndedItsSide) {
 
 TEST_F(TlsServer, HandshakeAndAnswerHaveTheirTime) {
   const uint16_t port = start({.request_ms = 300, .answer_ms = 300});
-  EXPECT_EQ(RawClient(port).read_all(5'000), "") << "no handshake";
+  EXPECT_EQ(RawClient(port).read_all(), "") << "no handshake";
   const TlsClient half(port);
   half.send("POST /");
   EXPECT_EQ(half.read_all(), "cut");
   const TlsClient never_reads(port);
-  never_reads.send(post(R"({"method":"large"})"));
+  never_reads.send(call_of("large"));
   server_->stop();
   EXPECT_TRUE(server_->wait_for_connections(kPatienceMs));
 }
@@ -175,7 +133,7 @@ TEST_F(TlsServer, ClientThatLeavesRaisesNoSignal) {
   const uint16_t port = start();
   for (int i = 0; i < 5; ++i) {
     const TlsClient client(port);
-    client.send(post(R"({"method":"large"})"));
+    client.send(call_of("large"));
   }
   server_->stop();
   EXPECT_TRUE(server_->wait_for_connections(kPatienceMs));

@@ -3,14 +3,11 @@
 // transaction_rules_test.cpp and admission_test.cpp.
 
 #include <functional>
-#include <memory>
-#include <type_traits>
 
-#include "crypto/hex.h"
 #include "network/network_manager.h"
 #include "network/relay_node.h"
+#include "rpc/method_scene.h"
 #include "rpc/node_methods.h"
-#include "script/script.h"
 #include "support/byte_strings.h"
 
 namespace norvel::rpc {
@@ -27,9 +24,6 @@ class TransactionEntrances : public testing::Test {
   TransactionEntrances() {
     network_.set_blockchain(&node_.scene.chain());
     network_.set_mempool(&node_.pool);
-    const auto borrow = [](auto& component) {
-      return std::shared_ptr<std::remove_reference_t<decltype(component)>>(std::shared_ptr<void>(), &component);
-    };
     for (NodeMethod& method : make_node_methods({borrow(node_.scene.chain()), borrow(node_.pool), borrow(network_)})) {
       if (method.name == "sendrawtransaction") {
         send_raw_transaction_ = std::move(method.handler);
@@ -45,11 +39,7 @@ class TransactionEntrances : public testing::Test {
   Transaction altered(const std::function<void(Transaction&)>& change, size_t coin = 0) const {
     Transaction tx = pay(sample_key(1), {coins_[coin]}, {8 * kCoin - 1'000});
     change(tx);
-    for (size_t i = 0; i < tx.inputs.size(); ++i) {
-      tx.sign_input(i, sample_key(1).private_key, Script(coins_[coin].second.locking_script()));
-    }
-    tx.invalidate_cache();
-    return tx;
+    return signed_again(tx);
   }
 
   Transaction of_type(int type) const {
@@ -61,9 +51,7 @@ class TransactionEntrances : public testing::Test {
   }
 
   std::string refusal_by_rpc(const Transaction& tx) {
-    JsonValue params;
-    params.set("hex", crypto::bytes_to_hex(tx.serialize()));
-    return runtime_error_of([&] { send_raw_transaction_(params); }).value_or("accepted");
+    return runtime_error_of([&] { send_raw_transaction_(object_of("hex", hex_of(tx))); }).value_or("accepted");
   }
 
   network::RelayNode node_;
