@@ -214,6 +214,40 @@ TEST(Blockchain, AStopEndsWorkWithoutBlame) {
   scene.add(next);
 }
 
+// The steps that add_block() and a start are made of, each called by itself.
+TEST(Blockchain, OffersItsStepsOneByOne) {
+  ChainScene scene;
+  Blockchain& chain = scene.chain();
+  const Block fork = scene.extend();
+  const Block left = scene.extend({.message = "left"});
+  const Bytes on_left = chain.get_snapshot_bytes();
+  const Block right = make_child(fork, {.message = "right"});
+  std::string error;
+  EXPECT_FALSE(chain.attempt_reorg(right.get_hash(), error));
+  EXPECT_EQ(error, "candidate tip has a broken ancestry");
+  scene.add(right);
+  EXPECT_TRUE(chain.attempt_reorg(right.get_hash(), error)) << error;
+  EXPECT_EQ(chain.get_snapshot_bytes(), scene.replayed_snapshot());
+  EXPECT_FALSE(chain.attempt_reorg(fork.get_hash(), error));
+  EXPECT_EQ(error, "candidate tip is on the active chain");
+  EXPECT_TRUE(chain.attempt_reorg(left.get_hash(), error)) << error;
+  EXPECT_EQ(chain.get_snapshot_bytes(), on_left);
+
+  EXPECT_TRUE(chain.save_state() && chain.save_treasury_state());
+  EXPECT_TRUE(chain.load_state() && chain.load_treasury_state());
+  chain.rebuild_derived_index_state();
+  EXPECT_EQ(chain.get_snapshot_bytes(), on_left);
+  EXPECT_EQ(scene.refusal(right), "Block already exists") << "the index knows it";
+
+  Block next = make_child(left);
+  EXPECT_TRUE(chain.validate_block_context_free(next, error) && chain.validate_block_transactions(next, error));
+  next.transactions[0].outputs[0].value += 1;
+  EXPECT_FALSE(chain.validate_block_transactions(next, error));
+  EXPECT_TRUE(error.starts_with("Coinbase miner output exceeds block reward")) << error;
+  next.transactions.clear();
+  EXPECT_FALSE(chain.validate_block_context_free(next, error));
+}
+
 TEST(Blockchain, AWriteScopeSavesOnceAtItsEnd) {
   ChainScene scene;
   const auto stored_tip = [&] {
