@@ -40,38 +40,38 @@ std::optional<uint64_t> end_of_data(const OpenedFile& file, uint64_t offset) {
   return std::nullopt;
 }
 
-// Appends the file from `offset` on to FILE.cut, but not the zeros at its end; on
-// disk when this returns true.
-bool keep_tail(const OpenedFile& file, const std::string& path, uint64_t offset) {
+// Appends the file from `offset` on to FILE.cut, but not the zeros at its end;
+// returns how many bytes, which then are on disk.
+std::optional<uint64_t> keep_tail(const OpenedFile& file, const std::string& path, uint64_t offset) {
   const auto data_end = end_of_data(file, offset);
   if (!data_end) {
     report_file_error("Cannot read block file", path);
-    return false;
+    return std::nullopt;
   }
   if (*data_end == offset) {
-    return true;
+    return 0;
   }
   const std::string cut_path = path + ".cut";
   const FileDescriptor cut = open_file(cut_path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK);
   const auto kept_bytes = cut.is_open() ? file_size(cut.get()) : std::nullopt;
   if (!kept_bytes) {
     report_file_error("Cannot open", cut_path);
-    return false;
+    return std::nullopt;
   }
   if (copy_bytes(file, {offset, *data_end}, cut.get()) && sync_data(cut.get()) &&
       sync_directory(directory_of(cut_path))) {
-    return true;
+    return *data_end - offset;
   }
   report_file_error("Cannot keep the damaged end of a block file in", cut_path);
   // What is left of the copy does no harm, so nothing depends on this.
   [[maybe_unused]] const int ignored = ::ftruncate(cut.get(), static_cast<off_t>(*kept_bytes));
-  return false;
+  return std::nullopt;
 }
 
-void report_cut(const OpenedFile& file, const std::string& path, uint64_t offset) {
-  console::error_line("[Blockchain] Damaged block file: " + path + ", " + std::to_string(file.bytes - offset) +
-                      " bytes from offset " + std::to_string(offset) + " cut off; what is not zeros is in " + path +
-                      ".cut");
+void report_cut(const OpenedFile& file, const std::string& path, uint64_t offset, uint64_t kept_bytes) {
+  const std::string kept = kept_bytes == 0 ? " that were zeros" : ", kept in " + path + ".cut";
+  console::error_line("[Blockchain] Damaged block file: " + path + ", cut off " + std::to_string(file.bytes - offset) +
+                      " bytes from offset " + std::to_string(offset) + kept);
 }
 
 // The block whose header stands at `offset`, whatever length stands before it;
@@ -144,7 +144,8 @@ std::optional<uint64_t> write_anew(const OpenedFile& file, const std::string& pa
     ::unlink(temporary.c_str());
     return std::nullopt;
   }
-  if (intact_bytes < file.bytes && !keep_tail(file, path, intact_bytes)) {
+  const auto kept_bytes = keep_tail(file, path, intact_bytes);
+  if (!kept_bytes) {
     ::unlink(temporary.c_str());
     return std::nullopt;
   }
@@ -154,7 +155,7 @@ std::optional<uint64_t> write_anew(const OpenedFile& file, const std::string& pa
     return std::nullopt;
   }
   if (intact_bytes < file.bytes) {
-    report_cut(file, path, intact_bytes);
+    report_cut(file, path, intact_bytes, *kept_bytes);
   }
   console::error_line("[Blockchain] Damaged block file: " + path + ", " + std::to_string(found.size()) +
                       " blocks found behind the damage and stored again");
@@ -195,14 +196,15 @@ std::optional<FileCheck> check_block_file(const OpenedFile& file, const std::str
 }
 
 bool cut_block_file(const OpenedFile& file, const std::string& path, uint64_t offset) {
-  if (!keep_tail(file, path, offset)) {
+  const auto kept_bytes = keep_tail(file, path, offset);
+  if (!kept_bytes) {
     return false;
   }
   if (::ftruncate(file.fd(), static_cast<off_t>(offset)) != 0 || !sync_data(file.fd())) {
     report_file_error("Cannot cut off the damaged end of block file", path);
     return false;
   }
-  report_cut(file, path, offset);
+  report_cut(file, path, offset, *kept_bytes);
   return true;
 }
 

@@ -36,7 +36,7 @@ struct FileCheck {
 // O(file). Nothing, and a line, when reading fails.
 std::optional<FileCheck> check_block_file(const OpenedFile& file, const std::string& path);
 
-// Copies the file from `offset` on, up to the zeros at its end, to FILE.cut, reports it and cuts it off. The
+// Copies the file from `offset` on, but for zeros at its end, to FILE.cut, reports it and cuts it off. The
 // file and both names are on disk when this returns true.
 bool cut_block_file(const OpenedFile& file, const std::string& path, uint64_t offset);
 

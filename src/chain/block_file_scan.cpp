@@ -17,6 +17,9 @@ namespace {
 // Read at once by a walk that asks for a length or a header.
 constexpr size_t kWindowBytesMin = 4'096;
 
+// So many zeros in a row are worth a search for their end.
+constexpr uint64_t kZeroRunBytes = 64;
+
 // Read at once by the search, whose pieces overlap by a header.
 constexpr size_t kSearchBytes = 1 << 20;
 
@@ -28,6 +31,10 @@ bool may_be_header(ByteView bytes) {
   constexpr size_t kBitsExponent = kTime + 8 + 3;
   const bool is_time_plausible = bytes[kTime + 5] == 0 && bytes[kTime + 6] == 0 && bytes[kTime + 7] == 0;
   return is_time_plausible && bytes[kBitsExponent] >= 1 && bytes[kBitsExponent] <= 32;
+}
+
+bool is_not_zero(uint8_t byte) {
+  return byte != 0;
 }
 
 uint256 hash_header(ByteView bytes) {
@@ -55,17 +62,18 @@ std::optional<OpenedFile> open_block_file(const std::string& path, int flags) {
 
 std::optional<uint64_t> find_data(int fd, uint64_t offset, uint64_t file_bytes) {
   Bytes piece;
-  while (offset < file_bytes) {
+  for (size_t piece_bytes = kWindowBytesMin; offset < file_bytes;
+       piece_bytes = std::min(4 * piece_bytes, kSearchBytes)) {
     const off_t data = ::lseek(fd, static_cast<off_t>(offset), SEEK_DATA);
     if (data < 0 && errno == ENXIO) {
       return file_bytes;  // nothing but a hole
     }
     offset = data < 0 ? offset : std::min(std::max(offset, static_cast<uint64_t>(data)), file_bytes);
-    piece.resize(static_cast<size_t>(std::min<uint64_t>(kSearchBytes, file_bytes - offset)));
+    piece.resize(static_cast<size_t>(std::min<uint64_t>(piece_bytes, file_bytes - offset)));
     if (!read_exactly_at(fd, offset, piece)) {
       return std::nullopt;
     }
-    const auto found = std::find_if(piece.begin(), piece.end(), [](uint8_t byte) { return byte != 0; });
+    const auto found = std::ranges::find_if(piece, is_not_zero);
     offset += static_cast<uint64_t>(found - piece.begin());
     if (found != piece.end()) {
       return offset;
@@ -98,14 +106,22 @@ bool RecordWalk::stop(WalkEnd end) {
   return false;
 }
 
-// At next_offset_; false also when reading fails, which the next look tells.
-bool RecordWalk::is_zero_to_the_end() {
+// At next_offset_; nothing when reading fails.
+std::optional<bool> RecordWalk::is_zero_to_the_end() {
   if (next_offset_ < data_offset_) {
+    return false;
+  }
+  const uint64_t left = window_.file_bytes() - next_offset_;
+  const auto near = window_.read(next_offset_, static_cast<size_t>(std::min(kZeroRunBytes, left)));
+  if (!near) {
+    return std::nullopt;
+  }
+  if (std::ranges::any_of(*near, is_not_zero)) {
     return false;
   }
   const auto found = find_data(fd_, next_offset_, window_.file_bytes());
   data_offset_ = found.value_or(next_offset_);
-  return found == window_.file_bytes();
+  return found ? std::optional(found == window_.file_bytes()) : std::nullopt;
 }
 
 bool RecordWalk::next() {
@@ -121,8 +137,11 @@ bool RecordWalk::next() {
   }
   size_t at = 0;
   const auto block_bytes = read_le<uint32_t>(*prefix, at);
-  if (block_bytes == 0 && is_zero_to_the_end()) {
-    return stop(WalkEnd::ZEROS);
+  if (block_bytes == 0) {
+    const auto is_end = is_zero_to_the_end();
+    if (!is_end || *is_end) {
+      return stop(is_end ? WalkEnd::ZEROS : WalkEnd::READ_FAILED);
+    }
   }
   if (block_bytes > kRecordBytesMax) {
     block_bytes_ = block_bytes;

@@ -106,7 +106,7 @@ class RecordWalk {
 
  private:
   bool stop(WalkEnd end);
-  bool is_zero_to_the_end();
+  std::optional<bool> is_zero_to_the_end();
 
   int fd_;
   FileWindow window_;

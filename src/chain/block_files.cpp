@@ -203,7 +203,9 @@ bool BlockFiles::State::cut_if_not_indexed(const OpenedFile& file, const std::st
     is_needed = !check->readable.contains(hash) && is_indexed(file_name, hash);
     return is_needed ? std::numeric_limits<uint64_t>::max() : offset + 1;
   };
-  const ByteRange damage = check->gaps.empty() ? ByteRange{file.bytes, file.bytes} : check->gaps.back();
+  // What stands before the cut stays; behind it there may be zeros only.
+  const bool has_damage = !check->gaps.empty() && check->gaps.back().end > check->intact_bytes;
+  const ByteRange damage = has_damage ? check->gaps.back() : ByteRange{file.bytes, file.bytes};
   if (!search_headers(file.fd(), file.bytes, damage.begin, damage.end, visit)) {
     report_file_error("Cannot read block file", path);
     return false;

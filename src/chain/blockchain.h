@@ -90,7 +90,7 @@ struct ChainStatus {
   uint32_t best_height = 0;
   bool broken = false;                              // the state is lost; rebuild-needed was written
   bool rebuilding = false;                          // a rebuild, asked for by option or by that file, is not done
-  bool storing_fails = false;                       // the last block that was to be stored could not be
+  bool storing_fails = false;                       // the last block could not be appended to its file
   std::optional<uint256> branch_refused_for_depth;  // tip of the last one seen, while it has more work
 };
 

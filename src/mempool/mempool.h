@@ -65,8 +65,8 @@ class Mempool {
   // spent in mempool", "Mempool full".
   bool add_transaction(const Transaction& tx, int64_t fee, std::string& error) EXCLUDES(mutex_);
 
-  // Nothing is added from here on: whoever is told that a transaction was
-  // accepted finds it in what is saved afterwards.
+  // Nothing is added from here on, so that what is saved afterwards holds all
+  // that was accepted.
   void close() EXCLUDES(mutex_);
 
   void remove_transaction(const uint256& txid) EXCLUDES(mutex_);

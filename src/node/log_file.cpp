@@ -1,7 +1,6 @@
 #include "node/log_file.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -62,13 +61,6 @@ bool LogFile::reopen(std::string& error) {
   return true;
 }
 
-// Past the console, whose output would come back here.
-void LogFile::tell_of_loss(int reason) const {
-  const std::string line = "[Node] Log file " + path_ + " cannot be written: " + std::strerror(reason) + "\n";
-  [[maybe_unused]] const bool ignored =
-      write_all(STDERR_FILENO, {reinterpret_cast<const uint8_t*>(line.data()), line.size()});
-}
-
 void LogFile::append(std::string_view text) {
   const MutexLock lock(mutex_);
   if (!file_.is_open()) {
@@ -78,10 +70,6 @@ void LogFile::append(std::string_view text) {
     const std::string stamped = stamp_lines(text, wall_clock_ms(), at_line_start_);
     const bool whole = write_all(file_.get(), {reinterpret_cast<const uint8_t*>(stamped.data()), stamped.size()});
     at_line_start_ = at_line_start_ || !whole;  // what follows a cut has its time too
-    if (!whole && !is_losing_) {
-      tell_of_loss(errno);
-    }
-    is_losing_ = !whole;
   } catch (const std::bad_alloc&) {
     // This piece is lost.
   }

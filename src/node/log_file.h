@@ -2,8 +2,7 @@
 // its time (UTC, milliseconds).
 //
 // Errors: opening fails with a reason; what cannot be written is lost, as a full
-// disk must not stop the program, and stderr is told once until writing succeeds
-// again. Threads: safe from any thread.
+// disk must not stop the program. Threads: safe from any thread.
 
 #pragma once
 
@@ -29,14 +28,11 @@ class LogFile {
   void append(std::string_view text) EXCLUDES(mutex_);
 
  private:
-  void tell_of_loss(int reason) const;
-
   const std::string path_;
 
   Mutex mutex_;  // leaf but for the write itself
   FileDescriptor file_ GUARDED_BY(mutex_);
   bool at_line_start_ GUARDED_BY(mutex_) = true;
-  bool is_losing_ GUARDED_BY(mutex_) = false;
 };
 
 // `text` with "YYYY-MM-DDTHH:MM:SS.mmmZ " before each line that begins in it;

@@ -65,10 +65,12 @@ bool write_pool(const Mempool& pool, const std::string& path, Clock::time_point 
   }
   Bytes buffer(kMagic.begin(), kMagic.end());
   size_t taken_count = 0;
+  bool in_time = true;
   bool written = true;
   const std::vector<uint256> txids = pool.get_txids();
   walk_in_order(pool, txids, [&](const uint256& txid) {
-    if (Clock::now() >= deadline) {
+    in_time = Clock::now() < deadline;
+    if (!in_time) {
       return false;
     }
     if (const auto tx = pool.get_transaction(txid)) {
@@ -86,6 +88,10 @@ bool write_pool(const Mempool& pool, const std::string& path, Clock::time_point 
   if (taken_count == 0 && !txids.empty()) {
     errno = ETIME;  // an old file is worth more than an empty one
     return false;
+  }
+  if (!in_time) {
+    console::error_line("[Node] " + path + ": no time for more than " + std::to_string(taken_count) + " of " +
+                        std::to_string(txids.size()) + " transactions");
   }
   return written && write_all(file.get(), buffer) && sync_data(file.get());
 }

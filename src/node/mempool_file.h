@@ -25,7 +25,7 @@ namespace norvel::node {
 inline constexpr const char kMempoolFile[] = "/mempool.dat";
 
 // Puts the pool's transactions into the file, in place of the old one. What was
-// not reached within `time_ms` is left out. False, and a line, on failure, also
+// not reached within `time_ms` is left out, which a line tells. False, and a line, on failure, also
 // when nothing of a pool was reached; the old file then stays as it was.
 bool save_mempool(const Mempool& pool, const std::string& directory, int64_t time_ms);
 

@@ -327,7 +327,8 @@ TEST_F(BlockFilesTest, RepairCutsATornTailAndKeepsIt) {
     ASSERT_TRUE(files_.append(blocks_[2], never));
     EXPECT_TRUE(loads(0) && loads(2));
   }
-  EXPECT_NE(stderr_.text().find(directory_ / kName + ", 9 bytes from offset " + std::to_string(front.size())),
+  EXPECT_NE(stderr_.text().find(directory_ / kName + ", cut off 9 bytes from offset " + std::to_string(front.size()) +
+                                ", kept in " + (directory_ / kName) + ".cut\n"),
             std::string::npos);
 }
 
@@ -390,11 +391,14 @@ TEST_F(BlockFilesTest, TheFirstAppendOfARunWalksTheFile) {
     return name == kName && asked == hash(2);
   };
   const auto is_first = [](const std::string&, const uint256& asked) { return asked == hash(0); };
+  Bytes bad_body = record_of(blocks_[2]);
+  bad_body.back() ^= 1;
   const std::tuple<const char*, Bytes, BlockFiles::IsIndexed, bool> rows[] = {
       {"nothing wrong", join({front, record_of(blocks_[1])}), is_first, true},
       {"torn copy of an indexed block", join({front, torn}), is_first, true},
       {"no block of the index behind the damage", damaged, is_first, true},
       {"a block of the index behind the damage", damaged, is_second, false},
+      {"a block of the index unreadable before zeros", join({bad_body, front, Bytes(40)}), is_second, true},
   };
   for (const auto& [label, content, is_indexed, is_taken] : rows) {
     SCOPED_TRACE(label);
@@ -406,6 +410,8 @@ TEST_F(BlockFilesTest, TheFirstAppendOfARunWalksTheFile) {
       EXPECT_EQ(read(), content);
       EXPECT_EQ(files.repair(kName, index_of({0, 2})), std::vector<uint256>{});
       EXPECT_TRUE(files.append(blocks_[3], is_indexed));
+    } else if (std::string_view(label).ends_with("zeros")) {
+      EXPECT_EQ(read(), join({bad_body, front, record_of(blocks_[3])}));
     } else if (content != join({front, record_of(blocks_[1])})) {
       EXPECT_EQ(read(), join({front, record_of(blocks_[3])}));
       const Bytes tail(content.begin() + static_cast<ptrdiff_t>(front.size()), content.end());
